@@ -1,0 +1,44 @@
+# kelvane_add_test(NAME <name> SOURCES ... [LIBS ...] [LABELS ...]
+#                  [TIMEOUT <seconds>] [RESOURCE_LOCK ...])
+#
+# Builds <name>_test from SOURCES, links GoogleTest/GoogleMock and the project's
+# test main (captured log printed for failing tests), and registers every test
+# case with CTest. LABELS: unit, integration, e2e, slow, fuzz.
+set(KELVANE_TEST_LABELS unit integration e2e slow fuzz)
+
+function(kelvane_add_test)
+    if(NOT KELVANE_BUILD_TESTS)
+        return()
+    endif()
+    cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;RESOURCE_LOCK" ${ARGN})
+    if(NOT ARG_NAME OR NOT ARG_SOURCES)
+        message(FATAL_ERROR "kelvane_add_test: NAME and SOURCES are required")
+    endif()
+    if(NOT ARG_LABELS)
+        set(ARG_LABELS unit)
+    endif()
+    foreach(label IN LISTS ARG_LABELS)
+        if(NOT label IN_LIST KELVANE_TEST_LABELS)
+            message(FATAL_ERROR "kelvane_add_test(${ARG_NAME}): unknown label '${label}'")
+        endif()
+    endforeach()
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+
+    set(target ${ARG_NAME}_test)
+    add_executable(${target} ${ARG_SOURCES})
+    target_link_libraries(${target} PRIVATE ${ARG_LIBS} kelvane::test_support GTest::gmock)
+    kelvane_target_warnings(${target})
+
+    set(properties LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+    if(ARG_RESOURCE_LOCK)
+        list(APPEND properties RESOURCE_LOCK "${ARG_RESOURCE_LOCK}")
+    endif()
+    gtest_discover_tests(${target}
+                         DISCOVERY_MODE PRE_TEST
+                         DISCOVERY_TIMEOUT 30
+                         PROPERTIES ${properties})
+endfunction()
+
+include(GoogleTest)

@@ -1,0 +1,86 @@
+#include "csc_logging/csc_logging.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "csc_logging/log_capture.hpp"
+
+namespace csc_logging {
+namespace {
+
+TEST(CSCLogEntryTest, PrintsEveryIntegerInDecimalAndBoolsAsDigits) {
+    const std::uint8_t small = 7;
+    const std::int8_t negative = -3;
+    const std::uint16_t requestId = 65535;
+    const bool state = true;
+
+    const std::string text = (CSCLogEntry() << "a" << small << "," << negative << "," << requestId
+                                            << "," << state << "," << false)
+                                 .str();
+
+    EXPECT_EQ(text, "a7,-3,65535,1,0");
+}
+
+TEST(CSCLoggingTest, EntryAndStringFormsReachCapturesAtEveryLevel) {
+    LogCapture log;
+
+    CSCLogging::Verbose("v");
+    CSCLogging::Debug(CSCLogEntry() << "d" << 1);
+    CSCLogging::Info("i");
+    CSCLogging::Warning(CSCLogEntry() << "w");
+    CSCLogging::Error("e");
+
+    const auto records = log.Records();
+    ASSERT_EQ(records.size(), 5U);
+    EXPECT_EQ(records[0].level, LogLevel::kVerbose);
+    EXPECT_EQ(records[1].text, "d1");
+    EXPECT_EQ(records[1].level, LogLevel::kDebug);
+    EXPECT_EQ(records[4].level, LogLevel::kError);
+}
+
+TEST(CSCLoggingTest, RecordsFromManyThreadsArriveWholeAndNoneIsLost) {
+    LogCapture log;
+    constexpr int kThreads = 8;
+    constexpr int kPerThread = 500;
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                CSCLogging::Info(CSCLogEntry() << "thread " << t << " line " << i << " end");
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+
+    const auto texts = log.Texts();
+    ASSERT_EQ(texts.size(), static_cast<std::size_t>(kThreads * kPerThread));
+    for (const auto& text : texts) {
+        EXPECT_EQ(text.rfind("thread ", 0), 0U) << text;
+        EXPECT_EQ(text.substr(text.size() - 4), " end") << text;
+    }
+}
+
+TEST(LogLevelTest, ParsesTheConfiguredNamesAndRejectsOthers) {
+    EXPECT_EQ(ParseLogLevel("verbose"), LogLevel::kVerbose);
+    EXPECT_EQ(ParseLogLevel("warn"), LogLevel::kWarning);
+    EXPECT_EQ(ParseLogLevel("error"), LogLevel::kError);
+    EXPECT_FALSE(ParseLogLevel("INFO").has_value());
+    EXPECT_FALSE(ParseLogLevel("").has_value());
+}
+
+TEST(FormatRecordTest, ShowsUtcTimeWithMillisecondsAppIdLevelAndText) {
+    const LogRecord record{
+        std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'123)),
+        LogLevel::kWarning, "KV", "hello"};
+
+    EXPECT_EQ(FormatRecord(record), "2023-11-14T22:13:20.123Z KV warning hello");
+}
+
+}  // namespace
+}  // namespace csc_logging

@@ -1,0 +1,90 @@
+#ifndef VI_CONNECTOR_VI_CONNECTOR_HPP
+#define VI_CONNECTOR_VI_CONNECTOR_HPP
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vi_connector/vi_pub_sub_callback_if.hpp"
+#include "vi_connector/vi_service_controller_callback_if.hpp"
+#include "vi_connector/vi_session_callback_if.hpp"
+#include "vi_connector/vi_types.hpp"
+
+namespace vi_connector {
+
+struct ConnectorConfig;
+
+/// The vehicle's connectivity service on a development host: configuration
+/// from an INI file (KELVANE_VI_CONFIG, default /etc/kelvane-client/vi-connector.ini),
+/// real TCP sockets, MQTT through libmosquitto.
+///
+/// Every method is virtual so that a test can derive a fake from it.
+class VIConnector {
+public:
+    static constexpr const char* kDefaultConfigPath = "/etc/kelvane-client/vi-connector.ini";
+    /// KELVANE_VI_CONFIG when set, else kDefaultConfigPath.
+    static std::string ConfigPathFromEnvironment();
+
+    explicit VIConnector(VISessionCallbackIf* sessionCallback,
+                         VIPubSubCallbackIf* pubSubCallback = nullptr,
+                         std::string configPath = ConfigPathFromEnvironment());
+    virtual ~VIConnector();
+    VIConnector(const VIConnector&) = delete;
+    VIConnector& operator=(const VIConnector&) = delete;
+
+    /// Reads the configuration and reports kOk or kRejected exactly once,
+    /// through VIConnectorStatus from a connector thread.
+    virtual void Start();
+    virtual void Stop();
+    virtual SessionStatus GetSessionStatus() const;
+
+    /// Bearer token of a transaction type (status 1 on success).
+    virtual TokenResult GetToken(const std::string& transactionTypeId);
+    /// Invocation URL of a transaction type (status 0 on success).
+    virtual UrlResult GetInvocationUrl(const std::string& transactionTypeId);
+
+    /// Reports the connection state of the transaction type once now and on
+    /// every change. Non-zero on success, zero on failure.
+    virtual unsigned int SubscribeTransactionTypeState(std::string transactionTypeId,
+                                                       VIServiceControllerCallbackIf* callback,
+                                                       unsigned int flags);
+
+    /// A connected TCP socket to host:port on behalf of a transaction type.
+    virtual SocketResult SocketConnect(const std::string& transactionTypeId,
+                                       const std::string& host, std::uint16_t port);
+
+    virtual std::uint32_t PubSubConnect(VIPubSubCallbackIf* callback);
+    virtual std::uint32_t PubSubDisconnect();
+    virtual SubscribeResult PubSubSubscribe(const std::string& topic, bool flag);
+    virtual std::uint32_t PubSubPublish(const std::string& topic,
+                                        const std::vector<std::uint8_t>& payload, unsigned int qos,
+                                        unsigned int messageExpirySeconds,
+                                        PublishPayloadFormat format, const std::string& contentType,
+                                        bool retain);
+
+protected:
+    /// For fakes that override everything: no configuration is read.
+    struct NoConfiguration {};
+    explicit VIConnector(NoConfiguration);
+
+private:
+    std::shared_ptr<const ConnectorConfig> Config() const;
+
+    VISessionCallbackIf* sessionCallback_ = nullptr;
+    VIPubSubCallbackIf* pubSubCallback_ = nullptr;
+    std::string configPath_;
+
+    mutable std::mutex mutex_;
+    std::shared_ptr<const ConnectorConfig> config_;
+    std::atomic<SessionStatus> sessionStatus_{SessionStatus::kNotStarted};
+    std::thread startThread_;
+};
+
+}  // namespace vi_connector
+
+#endif  // VI_CONNECTOR_VI_CONNECTOR_HPP

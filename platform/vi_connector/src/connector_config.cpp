@@ -1,0 +1,153 @@
+#include "connector_config.hpp"
+
+#include <set>
+#include <stdexcept>
+#include <vector>
+
+#include "ini_file_reader/ini_file_reader.hpp"
+
+namespace vi_connector {
+namespace {
+
+constexpr const char* kTransactionPrefix = "transaction ";
+
+// Collects the first problem; later lookups become no-ops.
+class Reader {
+public:
+    Reader(const ini_file_reader::IniFileReader& ini, std::string path)
+        : ini_(ini), path_(std::move(path)) {}
+
+    bool Failed() const { return !error_.empty(); }
+    const std::string& Error() const { return error_; }
+    void Fail(const std::string& problem) {
+        if (error_.empty()) {
+            error_ = path_ + ": " + problem;
+        }
+    }
+
+    void Text(const std::string& section, const std::string& key, std::string& out) {
+        if (auto value = ini_.Get(section, key)) {
+            out = *value;
+        }
+    }
+
+    void Number(const std::string& section, const std::string& key, long min, long max, long& out) {
+        const auto value = ini_.Get(section, key);
+        if (!value || Failed()) {
+            return;
+        }
+        try {
+            std::size_t used = 0;
+            const long number = std::stol(*value, &used);
+            if (used != value->size() || number < min || number > max) {
+                throw std::out_of_range(*value);
+            }
+            out = number;
+        } catch (const std::exception&) {
+            Fail("[" + section + "] " + key + "='" + *value + "' is not a number from " +
+                 std::to_string(min) + " to " + std::to_string(max));
+        }
+    }
+
+    template <typename T>
+    void Number(const std::string& section, const std::string& key, long min, long max, T& out) {
+        long number = static_cast<long>(out);
+        Number(section, key, min, max, number);
+        out = static_cast<T>(number);
+    }
+
+    void OnlyKeys(const std::string& section, const std::set<std::string>& known) {
+        for (const auto& key : ini_.Keys(section)) {
+            if (known.count(key) == 0) {
+                Fail("unknown key '" + key + "' in [" + section + "]");
+            }
+        }
+    }
+
+private:
+    const ini_file_reader::IniFileReader& ini_;
+    std::string path_;
+    std::string error_;
+};
+
+}  // namespace
+
+std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, std::string& error) {
+    ini_file_reader::IniFileReader ini;
+    if (!ini.Load(path)) {
+        error = ini.Errors().front();
+        return std::nullopt;
+    }
+    ConnectorConfig config;
+    Reader read(ini, path);
+
+    for (const auto& section : ini.Sections()) {
+        const bool known = section == "mqtt" || section == "connection_state" ||
+                           section.rfind(kTransactionPrefix, 0) == 0;
+        if (!known) {
+            read.Fail("unknown section [" + section + "]");
+        }
+    }
+
+    auto& mqtt = config.mqtt;
+    read.OnlyKeys("mqtt",
+                  {"host", "port", "client_id", "keep_alive", "reconnect_delay_min_ms",
+                   "reconnect_delay_max_ms", "tls_ca_file", "tls_cert_file", "tls_key_file"});
+    read.Text("mqtt", "host", mqtt.host);
+    read.Number("mqtt", "port", 1, 65535, mqtt.port);
+    read.Text("mqtt", "client_id", mqtt.clientId);
+    read.Number("mqtt", "keep_alive", 5, 65535, mqtt.keepAliveSeconds);
+    read.Number("mqtt", "reconnect_delay_min_ms", 10, 600000, mqtt.reconnectDelayMinMs);
+    read.Number("mqtt", "reconnect_delay_max_ms", 10, 600000, mqtt.reconnectDelayMaxMs);
+    read.Text("mqtt", "tls_ca_file", mqtt.tlsCaFile);
+    read.Text("mqtt", "tls_cert_file", mqtt.tlsCertFile);
+    read.Text("mqtt", "tls_key_file", mqtt.tlsKeyFile);
+    if (mqtt.reconnectDelayMaxMs < mqtt.reconnectDelayMinMs) {
+        read.Fail("[mqtt] reconnect_delay_max_ms is below reconnect_delay_min_ms");
+    }
+
+    auto& state = config.connectionState;
+    read.OnlyKeys("connection_state", {"mode", "state", "probe_interval_ms", "probe_timeout_ms",
+                                       "probe_host", "probe_port"});
+    const std::string mode = ini.Get("connection_state", "mode", "probe");
+    if (mode == "fixed") {
+        state.mode = ConnectionStateSettings::Mode::kFixed;
+    } else if (mode != "probe") {
+        read.Fail("[connection_state] mode='" + mode + "' is neither probe nor fixed");
+    }
+    read.Number("connection_state", "state", 0, 255, state.fixedState);
+    read.Number("connection_state", "probe_interval_ms", 10, 3600000, state.probeIntervalMs);
+    read.Number("connection_state", "probe_timeout_ms", 10, 60000, state.probeTimeoutMs);
+    read.Text("connection_state", "probe_host", state.probeHost);
+    read.Number("connection_state", "probe_port", 1, 65535, state.probePort);
+
+    for (const auto& section : ini.Sections()) {
+        if (section.rfind(kTransactionPrefix, 0) != 0) {
+            continue;
+        }
+        const std::string id = section.substr(std::string(kTransactionPrefix).size());
+        read.OnlyKeys(section, {"url", "token", "token_file"});
+        TransactionSettings transaction;
+        read.Text(section, "url", transaction.url);
+        read.Text(section, "token", transaction.token);
+        read.Text(section, "token_file", transaction.tokenFile);
+        if (transaction.url.empty()) {
+            read.Fail("[" + section + "] has no url");
+        }
+        if (transaction.token.empty() == transaction.tokenFile.empty()) {
+            read.Fail("[" + section + "] needs exactly one of token and token_file");
+        }
+        config.transactions[id] = transaction;
+    }
+    if (config.transactions.empty()) {
+        read.Fail("no [transaction <id>] section");
+    }
+
+    if (read.Failed()) {
+        error = read.Error();
+        return std::nullopt;
+    }
+    return config;
+}
+
+}  // namespace vi_connector

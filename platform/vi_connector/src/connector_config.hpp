@@ -1,0 +1,54 @@
+#ifndef VI_CONNECTOR_CONNECTOR_CONFIG_HPP
+#define VI_CONNECTOR_CONNECTOR_CONFIG_HPP
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace vi_connector {
+
+/// [mqtt]
+struct MqttSettings {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 1883;
+    std::string clientId = "kelvane-client";
+    int keepAliveSeconds = 30;
+    int reconnectDelayMinMs = 250;    // first back-off step
+    int reconnectDelayMaxMs = 10000;  // back-off ceiling
+    std::string tlsCaFile;            // TLS when set
+    std::string tlsCertFile;
+    std::string tlsKeyFile;
+};
+
+/// [connection_state]
+struct ConnectionStateSettings {
+    enum class Mode { kProbe, kFixed };
+    Mode mode = Mode::kProbe;
+    std::uint8_t fixedState = 2;  // mode = fixed
+    int probeIntervalMs = 5000;   // mode = probe: TCP connect to the backend
+    int probeTimeoutMs = 2000;
+    std::string probeHost;  // default: the host of the first transaction URL
+    std::uint16_t probePort = 0;
+};
+
+/// [transaction <id>]
+struct TransactionSettings {
+    std::string url;
+    std::string token;      // inline, or
+    std::string tokenFile;  // read at every GetToken (rotated tokens are picked up)
+};
+
+struct ConnectorConfig {
+    MqttSettings mqtt;
+    ConnectionStateSettings connectionState;
+    std::map<std::string, TransactionSettings> transactions;
+
+    /// Reads and checks `path`. On failure returns nothing and sets `error` to
+    /// one sentence naming the file and the problem.
+    static std::optional<ConnectorConfig> Load(const std::string& path, std::string& error);
+};
+
+}  // namespace vi_connector
+
+#endif  // VI_CONNECTOR_CONNECTOR_CONFIG_HPP

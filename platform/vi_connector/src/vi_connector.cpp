@@ -1,0 +1,156 @@
+#include "vi_connector/vi_connector.hpp"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "connector_config.hpp"
+#include "csc_logging/csc_logging.hpp"
+#include "tcp_connect.hpp"
+
+namespace vi_connector {
+namespace {
+
+using csc_logging::CSCLogEntry;
+using csc_logging::CSCLogging;
+
+constexpr int kSocketConnectTimeoutMs = 10000;
+
+std::string ReadToken(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return {};
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    std::string token = content.str();
+    while (!token.empty() && (token.back() == '\n' || token.back() == '\r' || token.back() == ' ' ||
+                              token.back() == '\t')) {
+        token.pop_back();
+    }
+    return token;
+}
+
+}  // namespace
+
+std::string VIConnector::ConfigPathFromEnvironment() {
+    const char* path = std::getenv("KELVANE_VI_CONFIG");
+    return (path != nullptr && *path != '\0') ? path : kDefaultConfigPath;
+}
+
+VIConnector::VIConnector(VISessionCallbackIf* sessionCallback, VIPubSubCallbackIf* pubSubCallback,
+                         std::string configPath)
+    : sessionCallback_(sessionCallback)
+    , pubSubCallback_(pubSubCallback)
+    , configPath_(std::move(configPath)) {}
+
+VIConnector::VIConnector(NoConfiguration) {}
+
+VIConnector::~VIConnector() {
+    Stop();
+}
+
+void VIConnector::Start() {
+    if (startThread_.joinable()) {
+        startThread_.join();
+    }
+    sessionStatus_.store(SessionStatus::kStarting);
+    startThread_ = std::thread([this] {
+        std::string error;
+        auto loaded = ConnectorConfig::Load(configPath_, error);
+        SessionStatus status = SessionStatus::kRejected;
+        if (loaded) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
+            status = SessionStatus::kOk;
+        } else {
+            CSCLogging::Error("VIConnector: configuration rejected: " + error);
+        }
+        sessionStatus_.store(status);
+        if (sessionCallback_ != nullptr) {
+            sessionCallback_->VIConnectorStatus(status);
+        }
+    });
+}
+
+void VIConnector::Stop() {
+    if (startThread_.joinable()) {
+        startThread_.join();
+    }
+}
+
+SessionStatus VIConnector::GetSessionStatus() const {
+    return sessionStatus_.load();
+}
+
+std::shared_ptr<const ConnectorConfig> VIConnector::Config() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return config_;
+}
+
+TokenResult VIConnector::GetToken(const std::string& transactionTypeId) {
+    const auto config = Config();
+    if (!config) {
+        return {0, {}};
+    }
+    const auto found = config->transactions.find(transactionTypeId);
+    if (found == config->transactions.end()) {
+        CSCLogging::Warning("VIConnector: no [transaction " + transactionTypeId + "] configured");
+        return {0, {}};
+    }
+    const auto& transaction = found->second;
+    std::string token =
+        transaction.tokenFile.empty() ? transaction.token : ReadToken(transaction.tokenFile);
+    if (token.empty()) {
+        CSCLogging::Warning("VIConnector: token file '" + transaction.tokenFile +
+                            "' is missing or empty");
+        return {0, {}};
+    }
+    return {1, std::move(token)};
+}
+
+UrlResult VIConnector::GetInvocationUrl(const std::string& transactionTypeId) {
+    const auto config = Config();
+    if (!config) {
+        return {1, {}};
+    }
+    const auto found = config->transactions.find(transactionTypeId);
+    if (found == config->transactions.end()) {
+        CSCLogging::Warning("VIConnector: no [transaction " + transactionTypeId + "] configured");
+        return {2, {}};
+    }
+    return {0, found->second.url};
+}
+
+unsigned int VIConnector::SubscribeTransactionTypeState(std::string /*transactionTypeId*/,
+                                                        VIServiceControllerCallbackIf* /*callback*/,
+                                                        unsigned int /*flags*/) {
+    return 0;
+}
+
+SocketResult VIConnector::SocketConnect(const std::string& /*transactionTypeId*/,
+                                        const std::string& host, std::uint16_t port) {
+    return TcpConnect(host, port, kSocketConnectTimeoutMs);
+}
+
+std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* /*callback*/) {
+    return pubsub_status::kFailed;
+}
+
+std::uint32_t VIConnector::PubSubDisconnect() {
+    return pubsub_status::kFailed;
+}
+
+SubscribeResult VIConnector::PubSubSubscribe(const std::string& /*topic*/, bool /*flag*/) {
+    return {pubsub_status::kFailed, 0};
+}
+
+std::uint32_t VIConnector::PubSubPublish(const std::string& /*topic*/,
+                                         const std::vector<std::uint8_t>& /*payload*/,
+                                         unsigned int /*qos*/, unsigned int /*messageExpiry*/,
+                                         PublishPayloadFormat /*format*/,
+                                         const std::string& /*contentType*/, bool /*retain*/) {
+    return pubsub_status::kFailed;
+}
+
+}  // namespace vi_connector

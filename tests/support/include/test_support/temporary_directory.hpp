@@ -1,0 +1,31 @@
+#ifndef TEST_SUPPORT_TEMPORARY_DIRECTORY_HPP
+#define TEST_SUPPORT_TEMPORARY_DIRECTORY_HPP
+
+#include <string>
+
+namespace kelvane::testing {
+
+/// A fresh directory under $TMPDIR (or /tmp), removed with its content on destruction.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::string& Path() const { return path_; }
+    /// Path() + "/" + name.
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+    /// Writes `content` to File(name) and returns that path.
+    std::string Write(const std::string& name, const std::string& content) const;
+
+private:
+    std::string path_;
+};
+
+/// The whole content of a file, or an empty string when it cannot be read.
+std::string ReadFile(const std::string& path);
+
+}  // namespace kelvane::testing
+
+#endif  // TEST_SUPPORT_TEMPORARY_DIRECTORY_HPP

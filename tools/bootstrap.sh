@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs the Debian packages kelvane-client needs to build, test, run the demo
+# and the benchmarks. Does nothing when everything is present.
+set -euo pipefail
+
+packages=(
+    build-essential cmake ninja-build pkg-config git clang-format
+    clang libclang-rt-14-dev
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    protobuf-compiler libprotobuf-dev
+    libbotan-2-dev
+    libsdbus-c++-dev libsdbus-c++-bin dbus
+    libmosquitto-dev mosquitto mosquitto-clients
+    libdlt-dev dlt-daemon dlt-tools
+    libsystemd-dev systemd
+    libboost-dev
+    libcurl4-openssl-dev
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+    [[ "$status" == "install ok installed" ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+if [[ $(id -u) -eq 0 ]]; then
+    as_root=()
+elif command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
+    as_root=(sudo -n)
+else
+    echo "bootstrap: missing packages (${missing[*]}) and no root rights to install them; run as root or with password-less sudo." >&2
+    exit 1
+fi
+
+echo "bootstrap: installing ${missing[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq >/dev/null
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Bootstraps, configures, builds and runs every test.
+#
+#   tools/test.sh                  plain build (RelWithDebInfo) in build/
+#   tools/test.sh --asan           AddressSanitizer + UndefinedBehaviorSanitizer in build-asan/
+#   tools/test.sh --tsan           ThreadSanitizer in build-tsan/
+#   tools/test.sh --build-type Debug
+#   tools/test.sh -- -L unit       anything after -- goes to ctest
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+build_type=RelWithDebInfo
+sanitizer=""
+build_dir=""
+ctest_args=()
+while [[ $# -gt 0 ]]; do
+    case "$1" in
+        --asan) sanitizer=address ;;
+        --tsan) sanitizer=thread ;;
+        --build-type) build_type=$2; shift ;;
+        --build-dir) build_dir=$2; shift ;;
+        --) shift; ctest_args=("$@"); break ;;
+        -h|--help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        *) echo "test.sh: unknown argument '$1' (see --help)" >&2; exit 2 ;;
+    esac
+    shift
+done
+if [[ -z "$build_dir" ]]; then
+    case "$sanitizer" in
+        address) build_dir="$root/build-asan" ;;
+        thread) build_dir="$root/build-tsan" ;;
+        *) build_dir="$root/build" ;;
+    esac
+fi
+
+"$root/tools/bootstrap.sh"
+
+generator=()
+command -v ninja >/dev/null 2>&1 && [[ ! -f "$build_dir/Makefile" ]] && generator=(-G Ninja)
+cmake -S "$root" -B "$build_dir" "${generator[@]}" \
+    -DCMAKE_BUILD_TYPE="$build_type" -DKELVANE_SANITIZER="$sanitizer" >/dev/null
+cmake --build "$build_dir" --parallel "$(nproc)"
+
+export KELVANE_LOG_LEVEL=${KELVANE_LOG_LEVEL:-info}
+ctest --test-dir "$build_dir" --output-on-failure --parallel "$(nproc)" "${ctest_args[@]}"
