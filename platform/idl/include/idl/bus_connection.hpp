@@ -1,0 +1,21 @@
+#ifndef IDL_BUS_CONNECTION_HPP
+#define IDL_BUS_CONNECTION_HPP
+
+#include <sdbus-c++/Error.h>
+#include <sdbus-c++/IConnection.h>
+
+#include <memory>
+#include <string>
+
+namespace idl {
+
+/// The bus the vehicle services live on: KELVANE_DBUS_ADDRESS when set, else
+/// DBUS_SESSION_BUS_ADDRESS when set, else the system bus.
+std::string BusAddress();
+
+/// A new connection to BusAddress(). Throws sdbus::Error when the bus cannot be reached.
+std::unique_ptr<sdbus::IConnection> OpenBusConnection();
+
+}  // namespace idl
+
+#endif  // IDL_BUS_CONNECTION_HPP
