@@ -6,6 +6,7 @@
 
 #include "connector_config.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 
 namespace vi_connector {
@@ -77,6 +78,12 @@ void VIConnector::Stop() {
     if (startThread_.joinable()) {
         startThread_.join();
     }
+    std::shared_ptr<ServiceStateMonitor> monitor;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        monitor.swap(stateMonitor_);
+    }
+    monitor.reset();  // stops probing, outside the lock
 }
 
 SessionStatus VIConnector::GetSessionStatus() const {
@@ -122,10 +129,42 @@ UrlResult VIConnector::GetInvocationUrl(const std::string& transactionTypeId) {
     return {0, found->second.url};
 }
 
-unsigned int VIConnector::SubscribeTransactionTypeState(std::string /*transactionTypeId*/,
-                                                        VIServiceControllerCallbackIf* /*callback*/,
+unsigned int VIConnector::SubscribeTransactionTypeState(std::string transactionTypeId,
+                                                        VIServiceControllerCallbackIf* callback,
                                                         unsigned int /*flags*/) {
-    return 0;
+    if (callback == nullptr) {
+        return 0;
+    }
+    std::shared_ptr<ServiceStateMonitor> monitor;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!config_) {
+            CSCLogging::Warning("VIConnector: connection state of " + transactionTypeId +
+                                " asked for before a successful Start()");
+            return 0;
+        }
+        if (!stateMonitor_) {
+            stateMonitor_ = ServiceStateMonitor::FromConfig(*config_);
+            if (forcedConnectionState_) {
+                stateMonitor_->Force(forcedConnectionState_);
+            }
+        }
+        monitor = stateMonitor_;
+    }
+    monitor->Subscribe(transactionTypeId, callback);
+    return 1;
+}
+
+void VIConnector::ForceConnectionState(std::optional<std::uint8_t> state) {
+    std::shared_ptr<ServiceStateMonitor> monitor;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        forcedConnectionState_ = state;
+        monitor = stateMonitor_;
+    }
+    if (monitor) {
+        monitor->Force(state);
+    }
 }
 
 SocketResult VIConnector::SocketConnect(const std::string& /*transactionTypeId*/,

@@ -18,6 +18,7 @@
 namespace vi_connector {
 
 struct ConnectorConfig;
+class ServiceStateMonitor;
 
 /// The vehicle's connectivity service on a development host: configuration
 /// from an INI file (KELVANE_VI_CONFIG, default /etc/kelvane-client/vi-connector.ini),
@@ -49,10 +50,15 @@ public:
     virtual UrlResult GetInvocationUrl(const std::string& transactionTypeId);
 
     /// Reports the connection state of the transaction type once now and on
-    /// every change. Non-zero on success, zero on failure.
+    /// every change. Non-zero on success, zero on failure (not started, no
+    /// callback). The state comes from [connection_state]: a reachability
+    /// probe of the backend or a fixed value.
     virtual unsigned int SubscribeTransactionTypeState(std::string transactionTypeId,
                                                        VIServiceControllerCallbackIf* callback,
                                                        unsigned int flags);
+    /// For tests and bench set-ups: reports `state` instead of the configured
+    /// one until called with nothing.
+    virtual void ForceConnectionState(std::optional<std::uint8_t> state);
 
     /// A connected TCP socket to host:port on behalf of a transaction type.
     virtual SocketResult SocketConnect(const std::string& transactionTypeId,
@@ -83,6 +89,8 @@ private:
     std::shared_ptr<const ConnectorConfig> config_;
     std::atomic<SessionStatus> sessionStatus_{SessionStatus::kNotStarted};
     std::thread startThread_;
+    std::shared_ptr<ServiceStateMonitor> stateMonitor_;  // guarded by mutex_
+    std::optional<std::uint8_t> forcedConnectionState_;  // guarded by mutex_
 };
 
 }  // namespace vi_connector

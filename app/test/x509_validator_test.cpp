@@ -1,0 +1,133 @@
+#include "app/x509_validator.hpp"
+
+#include <botan/auto_rng.h>
+#include <botan/ec_group.h>
+#include <botan/ecdsa.h>
+#include <botan/version.h>
+#include <botan/x509self.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "csc_logging/log_capture.hpp"
+
+namespace kelvane_client::x509_validator {
+namespace {
+
+using namespace std::chrono_literals;
+using csc_logging::LogCapture;
+using csc_logging::LogLevel;
+using Clock = std::chrono::system_clock;
+using Days = std::chrono::duration<long, std::ratio<86400>>;
+
+// 2026-11-22T10:15:02Z, whole seconds as certificates carry them.
+const Clock::time_point kNow{std::chrono::seconds{1795342502}};
+
+constexpr const char* kLessThanOneYear =
+    "The Base Certificate expires in less than one year. Starting the DLC Update";
+constexpr const char* kValidForMoreThanOneYear =
+    "Certificate is valid for more than one year, no DLC Update needed";
+
+enum class Encoding { kDer, kPem };
+
+// A self-signed certificate made by the test itself, valid until `notAfter`.
+std::string MakeCertificate(Clock::time_point notAfter, Encoding encoding) {
+    static Botan::AutoSeeded_RNG rng;
+    static const Botan::ECDSA_PrivateKey key(rng, Botan::EC_Group("secp256r1"));
+    Botan::X509_Cert_Options options("Base certificate/DE/Kelvane/Test");
+    options.start = Botan::X509_Time(kNow - Days{400});
+    options.end = Botan::X509_Time(notAfter);
+    const auto certificate = Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng);
+    if (encoding == Encoding::kPem) {
+        return certificate.PEM_encode();
+    }
+    const auto der = certificate.BER_encode();
+    return std::string(der.begin(), der.end());
+}
+
+struct ExpiryCase {
+    const char* name;
+    Clock::duration lifeLeft;
+    bool valid;
+};
+
+void PrintTo(const ExpiryCase& expiry, std::ostream* out) {
+    *out << expiry.name;
+}
+void PrintTo(Encoding encoding, std::ostream* out) {
+    *out << (encoding == Encoding::kDer ? "DER" : "PEM");
+}
+
+class CertificateExpiry : public ::testing::TestWithParam<std::tuple<ExpiryCase, Encoding>> {};
+
+TEST_P(CertificateExpiry, UpdateIsNeededExactlyWhenLessThan365DaysAreLeft) {
+    const auto& [expiry, encoding] = GetParam();
+    const std::string certificate = MakeCertificate(kNow + expiry.lifeLeft, encoding);
+    LogCapture log;
+
+    const bool valid = IsCertificateValid(certificate, kNow);
+
+    EXPECT_EQ(valid, expiry.valid);
+    EXPECT_EQ(log.Count(LogLevel::kInfo, kLessThanOneYear), expiry.valid ? 0U : 1U);
+    EXPECT_EQ(log.Count(LogLevel::kInfo, kValidForMoreThanOneYear), expiry.valid ? 1U : 0U);
+    EXPECT_LT(log.IndexOf("Current system time is "),
+              log.IndexOf("The Base Certificate expires at "));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , CertificateExpiry,
+    ::testing::Combine(::testing::Values(ExpiryCase{"Expired", -Days{1}, false},
+                                         ExpiryCase{"Days364", Days{364}, false},
+                                         ExpiryCase{"OneSecondShortOfAYear", 31'535'999s, false},
+                                         ExpiryCase{"Exactly31536000Seconds", 31'536'000s, true},
+                                         ExpiryCase{"Days366", Days{366}, true}),
+                       ::testing::Values(Encoding::kDer, Encoding::kPem)),
+    [](const auto& testParam) {
+        return std::string(std::get<0>(testParam.param).name) +
+               (std::get<1>(testParam.param) == Encoding::kDer ? "Der" : "Pem");
+    });
+
+TEST(X509ValidatorTest, TimeLinesShowNowAndTheExpiryInCTimeFormat) {
+    const std::string certificate = MakeCertificate(kNow + Days{366}, Encoding::kDer);
+    const std::time_t nowSeconds = Clock::to_time_t(kNow);
+    const std::time_t expirySeconds = Clock::to_time_t(kNow + Days{366});
+    char nowText[64] = {};
+    char expiryText[64] = {};
+    ::ctime_r(&nowSeconds, nowText);
+    ::ctime_r(&expirySeconds, expiryText);
+    LogCapture log;
+
+    IsCertificateValid(certificate, kNow);
+
+    EXPECT_TRUE(log.Contains(std::string("Current system time is ") + nowText));
+    EXPECT_TRUE(log.Contains(std::string("The Base Certificate expires at ") + expiryText));
+}
+
+TEST(X509ValidatorTest, UnreadableCertificatesNeedAnUpdateAndLogNothing) {
+    const std::string der = MakeCertificate(kNow + Days{800}, Encoding::kDer);
+    for (const std::string& broken :
+         {std::string(), std::string("garbage, not a certificate"), der.substr(0, der.size() / 2),
+          std::string("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")}) {
+        LogCapture log;
+
+        EXPECT_FALSE(IsCertificateValid(broken, kNow)) << "input of " << broken.size() << " bytes";
+
+        EXPECT_TRUE(log.Texts().empty()) << log.Dump();
+    }
+}
+
+TEST(X509ValidatorTest, VersionCheckLogsTheVersionTheProgramWasBuiltWith) {
+    LogCapture log;
+
+    VersionCheck();
+
+    EXPECT_EQ(log.Count(LogLevel::kInfo, "Botan Version " + std::to_string(BOTAN_VERSION_MAJOR) +
+                                             "." + std::to_string(BOTAN_VERSION_MINOR) + "." +
+                                             std::to_string(BOTAN_VERSION_PATCH)),
+              1U);
+    EXPECT_EQ(log.Count(LogLevel::kWarning, "Botan runtime version: "), 0U);
+}
+
+}  // namespace
+}  // namespace kelvane_client::x509_validator

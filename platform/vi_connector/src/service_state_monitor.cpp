@@ -1,0 +1,271 @@
+#include "service_state_monitor.hpp"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+
+#include "connector_config.hpp"
+#include "csc_logging/csc_logging.hpp"
+
+namespace vi_connector {
+namespace {
+
+using csc_logging::CSCLogEntry;
+using csc_logging::CSCLogging;
+using Milliseconds = std::chrono::milliseconds;
+
+bool Cancelled(int cancelFd) {
+    pollfd cancel{cancelFd, POLLIN, 0};
+    return cancelFd >= 0 && ::poll(&cancel, 1, 0) > 0;
+}
+
+// Waits for a non-blocking connect; false on refusal, time-out or cancellation.
+bool ConnectFinished(int fd, int timeoutMs, int cancelFd) {
+    const auto deadline = std::chrono::steady_clock::now() + Milliseconds(timeoutMs);
+    while (true) {
+        const auto left =
+            std::chrono::duration_cast<Milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        pollfd fds[2] = {{fd, POLLOUT, 0}, {cancelFd, POLLIN, 0}};
+        const int ready = ::poll(fds, cancelFd >= 0 ? 2 : 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0 || (cancelFd >= 0 && (fds[1].revents & POLLIN) != 0)) {
+            return false;
+        }
+        int error = 0;
+        socklen_t length = sizeof(error);
+        return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+    }
+}
+
+}  // namespace
+
+std::optional<ProbeTarget> ProbeTargetFromUrl(const std::string& url) {
+    ProbeTarget target;
+    std::string rest;
+    if (url.rfind("http://", 0) == 0) {
+        target.port = 80;
+        rest = url.substr(7);
+    } else if (url.rfind("https://", 0) == 0) {
+        target.port = 443;
+        rest = url.substr(8);
+    } else {
+        return std::nullopt;
+    }
+    std::string authority = rest.substr(0, rest.find_first_of("/?#"));
+    const auto at = authority.rfind('@');
+    if (at != std::string::npos) {
+        authority.erase(0, at + 1);
+    }
+    std::string portText;
+    if (!authority.empty() && authority.front() == '[') {
+        const auto close = authority.find(']');
+        if (close == std::string::npos) {
+            return std::nullopt;
+        }
+        target.host = authority.substr(1, close - 1);
+        if (close + 1 < authority.size()) {
+            if (authority[close + 1] != ':') {
+                return std::nullopt;
+            }
+            portText = authority.substr(close + 2);
+        }
+    } else {
+        const auto colon = authority.find(':');
+        target.host = authority.substr(0, colon);
+        if (colon != std::string::npos) {
+            portText = authority.substr(colon + 1);
+        }
+    }
+    if (target.host.empty()) {
+        return std::nullopt;
+    }
+    if (!portText.empty()) {
+        char* end = nullptr;
+        const long port = std::strtol(portText.c_str(), &end, 10);
+        if (*end != '\0' || port < 1 || port > 65535) {
+            return std::nullopt;
+        }
+        target.port = static_cast<std::uint16_t>(port);
+    }
+    return target;
+}
+
+bool TcpReachable(const std::string& host, std::uint16_t port, int timeoutMs, int cancelFd) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* addresses = nullptr;
+    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &addresses) != 0) {
+        return false;
+    }
+    bool reachable = false;
+    for (addrinfo* address = addresses; address != nullptr && !reachable;
+         address = address->ai_next) {
+        if (Cancelled(cancelFd)) {
+            break;
+        }
+        const int fd =
+            ::socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                     address->ai_protocol);
+        if (fd < 0) {
+            continue;
+        }
+        if (::connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
+            reachable = true;
+        } else if (errno == EINPROGRESS) {
+            reachable = ConnectFinished(fd, timeoutMs, cancelFd);
+        }
+        ::close(fd);
+    }
+    ::freeaddrinfo(addresses);
+    return reachable;
+}
+
+ServiceStateMonitor::ServiceStateMonitor(std::uint8_t fixedState) : measured_(fixedState) {}
+
+ServiceStateMonitor::ServiceStateMonitor(Probe probe, std::chrono::milliseconds interval)
+    : probe_(std::move(probe)) {
+    cancelFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (cancelFd_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "ServiceStateMonitor: eventfd");
+    }
+    thread_ = std::thread([this, interval] { Run(interval); });
+}
+
+ServiceStateMonitor::~ServiceStateMonitor() {
+    if (thread_.joinable()) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(cancelFd_, &one, sizeof(one));
+        thread_.join();
+    }
+    if (cancelFd_ >= 0) {
+        ::close(cancelFd_);
+    }
+}
+
+std::unique_ptr<ServiceStateMonitor> ServiceStateMonitor::FromConfig(
+    const ConnectorConfig& config) {
+    const auto& settings = config.connectionState;
+    if (settings.mode == ConnectionStateSettings::Mode::kFixed) {
+        return std::make_unique<ServiceStateMonitor>(settings.fixedState);
+    }
+    ProbeTarget target;
+    if (!config.transactions.empty()) {
+        target =
+            ProbeTargetFromUrl(config.transactions.begin()->second.url).value_or(ProbeTarget{});
+    }
+    if (!settings.probeHost.empty()) {
+        target.host = settings.probeHost;
+    }
+    if (settings.probePort != 0) {
+        target.port = settings.probePort;
+    }
+    if (target.host.empty() || target.port == 0) {
+        CSCLogging::Warning(
+            "VIConnector: no backend host and port to probe; the connection state stays 1");
+        return std::make_unique<ServiceStateMonitor>(kNotConnected);
+    }
+    CSCLogging::Info(CSCLogEntry() << "VIConnector: probing " << target.host << ":" << target.port
+                                   << " every " << settings.probeIntervalMs << " ms");
+    const int timeoutMs = settings.probeTimeoutMs;
+    return std::make_unique<ServiceStateMonitor>(
+        [target, timeoutMs](int cancelFd) {
+            return TcpReachable(target.host, target.port, timeoutMs, cancelFd);
+        },
+        Milliseconds(settings.probeIntervalMs));
+}
+
+void ServiceStateMonitor::Subscribe(const std::string& transactionTypeId,
+                                    VIServiceControllerCallbackIf* callback) {
+    if (callback == nullptr) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        subscribers_.push_back({transactionTypeId, callback, std::nullopt});
+    }
+    Deliver();
+}
+
+void ServiceStateMonitor::Force(std::optional<std::uint8_t> state) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        forced_ = state;
+    }
+    Deliver();
+}
+
+std::uint8_t ServiceStateMonitor::State() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return StateLocked();
+}
+
+std::uint8_t ServiceStateMonitor::StateLocked() const {
+    return forced_.value_or(measured_);
+}
+
+void ServiceStateMonitor::SetMeasured(std::uint8_t state) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (measured_ == state) {
+            return;
+        }
+        measured_ = state;
+    }
+    CSCLogging::Info(CSCLogEntry() << "VIConnector: backend "
+                                   << (state == kConnected ? "reachable" : "unreachable"));
+    Deliver();
+}
+
+void ServiceStateMonitor::Run(std::chrono::milliseconds interval) {
+    while (true) {
+        const bool reachable = probe_(cancelFd_);
+        if (Cancelled(cancelFd_)) {
+            return;  // a probe cut short says nothing about the backend
+        }
+        SetMeasured(reachable ? kConnected : kNotConnected);
+        pollfd cancel{cancelFd_, POLLIN, 0};
+        int ready = 0;
+        do {
+            ready = ::poll(&cancel, 1, static_cast<int>(interval.count()));
+        } while (ready < 0 && errno == EINTR);
+        if (ready != 0) {
+            return;
+        }
+    }
+}
+
+void ServiceStateMonitor::Deliver() {
+    std::lock_guard<std::mutex> delivery(deliveryMutex_);
+    std::vector<VIServiceControllerCallbackIf::SCConnectionStateUpdate> updates;
+    std::vector<VIServiceControllerCallbackIf*> callbacks;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const std::uint8_t state = StateLocked();
+        for (auto& subscriber : subscribers_) {
+            if (subscriber.reported != state) {
+                subscriber.reported = state;
+                updates.push_back({subscriber.transactionTypeId, state});
+                callbacks.push_back(subscriber.callback);
+            }
+        }
+    }
+    for (std::size_t i = 0; i < updates.size(); ++i) {
+        callbacks[i]->VISCConnectionState(updates[i]);
+    }
+}
+
+}  // namespace vi_connector
