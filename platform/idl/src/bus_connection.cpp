@@ -25,7 +25,10 @@ std::string BusAddress() {
 }
 
 std::unique_ptr<sdbus::IConnection> OpenBusConnection() {
-    const std::string address = BusAddress();
+    return OpenBusConnection(BusAddress());
+}
+
+std::unique_ptr<sdbus::IConnection> OpenBusConnection(const std::string& address) {
     if (address == kSystemBus) {
         return sdbus::createSystemBusConnection();
     }

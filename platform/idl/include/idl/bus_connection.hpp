@@ -16,6 +16,10 @@ std::string BusAddress();
 /// A new connection to BusAddress(). Throws sdbus::Error when the bus cannot be reached.
 std::unique_ptr<sdbus::IConnection> OpenBusConnection();
 
+/// A new connection to `address`, as BusAddress() gives it ("system" or a D-Bus
+/// address). Throws sdbus::Error when the bus cannot be reached.
+std::unique_ptr<sdbus::IConnection> OpenBusConnection(const std::string& address);
+
 }  // namespace idl
 
 #endif  // IDL_BUS_CONNECTION_HPP
