@@ -1,0 +1,359 @@
+#include "csa_common/http_connection.hpp"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "csc_logging/csc_logging.hpp"
+#include "vi_connector/vi_connector.hpp"
+
+namespace csa_common {
+namespace {
+
+using csc_logging::CSCLogEntry;
+using csc_logging::CSCLogging;
+
+constexpr std::uint8_t kOk = 0;
+constexpr std::uint8_t kConnectFailed = 1;
+constexpr std::uint8_t kBadUrl = 2;
+constexpr std::uint8_t kReceiveFailed = 3;
+constexpr std::uint16_t kContinue = 100;
+
+bool EqualsIgnoringCase(const std::string& text, const char* lowerCase) {
+    std::size_t i = 0;
+    for (; i < text.size() && lowerCase[i] != '\0'; ++i) {
+        const char c = text[i];
+        const char lower = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+        if (lower != lowerCase[i]) {
+            return false;
+        }
+    }
+    return i == text.size() && lowerCase[i] == '\0';
+}
+
+// Digits only and within 16 bits; false otherwise.
+bool ParsePort(const std::string& text, std::uint16_t& port) {
+    if (text.empty() || text.size() > 5) {
+        return false;
+    }
+    unsigned long value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        value = value * 10 + static_cast<unsigned long>(c - '0');
+    }
+    if (value > 0xFFFFU) {
+        return false;
+    }
+    port = static_cast<std::uint16_t>(value);
+    return true;
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(const std::string& defaultHost, std::uint16_t defaultPort,
+                               const std::string& defaultOperationTypeId,
+                               std::shared_ptr<vi_connector::VIConnector> viConnector)
+    : connector(std::move(viConnector))
+    , host(defaultHost)
+    , port(defaultPort)
+    , operationTypeId(defaultOperationTypeId) {}
+
+HttpConnection::HttpConnection(std::shared_ptr<vi_connector::VIConnector> viConnector)
+    : connector(std::move(viConnector)) {}
+
+bool HttpConnection::Test() const {
+    return Test(operationTypeId, std::string()) == kOk;
+}
+
+std::uint8_t HttpConnection::Test(const std::string& operationType, const std::string& url) const {
+    std::string targetHost = host;
+    std::uint16_t targetPort = port;
+    if (!url.empty()) {
+        ParsedUrl parsed;
+        if (UrlParser(url, parsed)) {
+            return kBadUrl;
+        }
+        targetHost = parsed.host;
+        targetPort = parsed.port;
+    }
+    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connecting to " << targetHost << ":"
+                                   << targetPort << "\n\n");
+    const int fd = OpenConnection(operationType, targetHost, targetPort);
+    if (fd < 0) {
+        CSCLogging::Error("HttpConnection: Connection failed!");
+        return kConnectFailed;
+    }
+    CSCLogging::Info("HttpConnection: Connection succeeded!");
+    CloseConnection(fd);
+    return kOk;
+}
+
+bool HttpConnection::Get(HttpProtocol* protocol) const {
+    return Get(*protocol, operationTypeId, std::string()) == kOk;
+}
+
+std::uint8_t HttpConnection::Get(HttpProtocol& protocol, const std::string& operationType,
+                                 const std::string& url) const {
+    return Exchange(Method::kGet, protocol, operationType, url);
+}
+
+bool HttpConnection::Post(HttpProtocol* protocol) const {
+    return Post(*protocol, operationTypeId, std::string()) == kOk;
+}
+
+std::uint8_t HttpConnection::Post(HttpProtocol& protocol, const std::string& operationType,
+                                  const std::string& url) const {
+    return Exchange(Method::kPost, protocol, operationType, url);
+}
+
+bool HttpConnection::Put(HttpProtocol* protocol) const {
+    return Put(*protocol, operationTypeId, std::string()) == kOk;
+}
+
+std::uint8_t HttpConnection::Put(HttpProtocol& protocol, const std::string& operationType,
+                                 const std::string& url) const {
+    return Exchange(Method::kPut, protocol, operationType, url);
+}
+
+std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
+                                      const std::string& operationType,
+                                      const std::string& url) const {
+    std::string targetHost = host;
+    std::uint16_t targetPort = port;
+    if (!url.empty()) {
+        ParsedUrl parsed;
+        if (UrlParser(url, parsed)) {
+            return kBadUrl;
+        }
+        targetHost = parsed.host;
+        targetPort = parsed.port;
+        protocol.SetOption(HttpOption::Uri, std::move(parsed.path));
+        protocol.SetOption(HttpOption::Host, std::move(parsed.host));
+    }
+
+    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connecting to " << targetHost << ":"
+                                   << targetPort << "\n\n");
+    const int fd = OpenConnection(operationType, targetHost, targetPort);
+    if (fd < 0) {
+        CSCLogging::Error("HttpConnection: Connection failed!");
+        return kConnectFailed;
+    }
+    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connection established to " << targetHost
+                                   << ":" << targetPort);
+
+    const std::string* request = nullptr;
+    switch (method) {
+        case Method::kGet:
+            request = &protocol.GET();
+            break;
+        case Method::kPost:
+            request = &protocol.POST();
+            break;
+        case Method::kPut:
+            request = &protocol.PUT();
+            break;
+    }
+    const ssize_t sent = Send(fd, *request);
+    if (sent < 0 || static_cast<std::size_t>(sent) != request->size()) {
+        CSCLogging::Error(CSCLogEntry() << "HttpConnection: Sent " << sent << " of "
+                                        << request->size() << " request bytes");
+    }
+
+    try {
+        bool finalResponsePending = true;
+        if (method == Method::kPut) {
+            if (ReceiveAndParse(fd, protocol) != kOk) {
+                return kReceiveFailed;
+            }
+            if (protocol.ResponseStatusCode() == kContinue) {
+                // An inline body already went out with the header.
+                if (request->size() == protocol.RequestHeader().size()) {
+                    Send(fd, protocol.RequestPayload());
+                    CSCLogging::Debug(CSCLogEntry()
+                                      << "HttpConnection: Sent payload "
+                                      << protocol.RequestPayload().size() << " bytes\n\n");
+                }
+            } else {
+                finalResponsePending = false;
+            }
+        }
+        // Interim "100 Continue" answers are skipped; the final one follows on the same socket.
+        while (finalResponsePending) {
+            if (ReceiveAndParse(fd, protocol) != kOk) {
+                // The descriptor is deliberately left open here.
+                return kReceiveFailed;
+            }
+            finalResponsePending = protocol.ResponseStatusCode() == kContinue;
+        }
+    } catch (...) {
+        CloseConnection(fd);
+        throw;
+    }
+
+    CSCLogging::Debug(CSCLogEntry() << "HttpConnection: Received payload "
+                                    << protocol.ResponsePayload().size() << " bytes\n\n");
+    CloseConnection(fd);
+    return kOk;
+}
+
+std::uint8_t HttpConnection::ReceiveAndParse(int fd, HttpProtocol& protocol) const {
+    std::string response;
+    if (ReceiveResponse(fd, response) != kOk) {
+        return kReceiveFailed;
+    }
+    protocol.ParseResponse(response);
+    CSCLogging::Debug("HttpConnection: Received Response\n-----\n" + protocol.ResponseHeader() +
+                      "\n-----\n\n");
+    return kOk;
+}
+
+bool HttpConnection::UrlParser(const std::string& url, ParsedUrl& out) const {
+    const auto separator = url.find("://");
+    if (separator == std::string::npos) {
+        CSCLogging::Error("URL parsing failed! URL prefix not found!");
+        return true;
+    }
+    out.protocol = url.substr(0, separator);
+    const bool isHttp = EqualsIgnoringCase(out.protocol, "http");
+    const bool isHttps = EqualsIgnoringCase(out.protocol, "https");
+    if (!isHttp && !isHttps) {
+        CSCLogging::Error("URL parsing failed! Unsupported protocol: " + out.protocol);
+        return true;
+    }
+
+    const auto hostStart = separator + 3;
+    std::size_t hostEnd = 0;
+    if (hostStart < url.size() && url[hostStart] == '[') {
+        // An IPv6 literal keeps its colons; the brackets are not part of the address.
+        const auto closing = url.find(']', hostStart);
+        if (closing == std::string::npos) {
+            CSCLogging::Error("URL parsing failed! Domain not found!");
+            return true;
+        }
+        out.host = url.substr(hostStart + 1, closing - hostStart - 1);
+        hostEnd = closing + 1;
+        if (hostEnd < url.size() && url[hostEnd] != ':' && url[hostEnd] != '/') {
+            CSCLogging::Error("URL parsing failed! Domain not found!");
+            return true;
+        }
+    } else {
+        hostEnd = url.find_first_of(":/", hostStart);
+        out.host = url.substr(
+            hostStart, hostEnd == std::string::npos ? std::string::npos : hostEnd - hostStart);
+    }
+    if (out.host.empty()) {
+        CSCLogging::Error("URL parsing failed! Domain not found!");
+        return true;
+    }
+    if (hostEnd >= url.size()) {
+        hostEnd = std::string::npos;
+    }
+
+    std::size_t pathStart = hostEnd;
+    if (hostEnd != std::string::npos && url[hostEnd] == ':') {
+        const auto portStart = hostEnd + 1;
+        pathStart = url.find('/', portStart);
+        const std::string portText = url.substr(
+            portStart, pathStart == std::string::npos ? std::string::npos : pathStart - portStart);
+        if (portText.empty()) {
+            CSCLogging::Error("URL parsing failed! Port number not found!");
+            return true;
+        }
+        if (!ParsePort(portText, out.port)) {
+            CSCLogging::Error("URL parsing failed! Not able to parse port number: " + portText);
+            return true;
+        }
+    } else if (isHttp) {
+        out.port = 80;
+        CSCLogging::Info("Received URL missing port number. Default HTTP port used: 80");
+    } else {
+        out.port = 443;
+        CSCLogging::Info("Received URL missing port number. Default HTTPS port used: 443");
+    }
+
+    out.path = pathStart == std::string::npos ? std::string() : url.substr(pathStart);
+    return false;
+}
+
+ParsedUrl HttpConnection::UrlParser(std::string url) {
+    const HttpConnection parser(nullptr);
+    ParsedUrl parsed;
+    if (parser.UrlParser(url, parsed)) {
+        // Callers take an empty host for failure, whatever part was filled.
+        return ParsedUrl{};
+    }
+    return parsed;
+}
+
+int HttpConnection::OpenConnection(const std::string& operationType, const std::string& hostName,
+                                   std::uint16_t portNumber) const {
+    if (!connector) {
+        CSCLogging::Error("HttpConnection: Connection not established. No connector");
+        return -1;
+    }
+    const auto result = connector->SocketConnect(operationType, hostName, portNumber);
+    if (result.status != 0) {
+        CSCLogging::Error(CSCLogEntry() << "HttpConnection: Connection not established. Status: "
+                                        << result.status);
+    }
+    return result.fd;
+}
+
+ssize_t HttpConnection::Send(int fd, const std::string& data) const {
+    // A peer that went away must fail the write, not raise SIGPIPE in the whole process.
+    ssize_t written = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+    if (written < 0 && errno == ENOTSOCK) {
+        written = ::write(fd, data.data(), data.size());
+    }
+    return written;
+}
+
+int HttpConnection::Poll(int timeoutMs, int fd) const {
+    pollfd entry{};
+    entry.fd = fd;
+    entry.events = POLLIN;
+    return ::poll(&entry, 1, timeoutMs);
+}
+
+std::uint8_t HttpConnection::ReceiveResponse(int fd, std::string& response) const {
+    // A silent first poll is not an error: the gap check below then ends the response.
+    if (Poll(firstPollTimeoutMs, fd) == -1) {
+        CSCLogging::Error("HttpConnection: Receive Timeout!");
+        return kReceiveFailed;
+    }
+    std::vector<char> received;
+    std::vector<char> buffer(receiveBufferSize);
+    for (;;) {
+        const int ready = Poll(nextPollTimeoutMs, fd);
+        if (ready == 0) {
+            break;
+        }
+        if (ready == -1) {
+            CSCLogging::Error("HttpConnection: Receive Timeout!!");
+            return kReceiveFailed;
+        }
+        const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+        if (count <= 0) {
+            CSCLogging::Info("HttpConnection: Reception ended");
+            break;
+        }
+        CSCLogging::Info(CSCLogEntry() << "HttpConnection: Read " << count << " bytes from socket");
+        received.insert(received.end(), buffer.begin(), buffer.begin() + count);
+    }
+    response.assign(received.begin(), received.end());
+    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Total received " << received.size()
+                                   << " bytes from socket");
+    return kOk;
+}
+
+void HttpConnection::CloseConnection(int fd) const {
+    ::close(fd);
+}
+
+}  // namespace csa_common
