@@ -1,0 +1,34 @@
+#ifndef ARA_EXEC_EXECUTION_CLIENT_H
+#define ARA_EXEC_EXECUTION_CLIENT_H
+
+#include <cstdint>
+
+namespace ara::exec {
+
+/// The states an application reports to execution management.
+enum class ExecutionState : std::uint8_t {
+    kRunning = 0,
+    kTerminating = 1,
+};
+
+enum class ExecutionReturnType : std::uint8_t {
+    kSuccess = 0,
+    kGeneralError = 1,
+};
+
+/// Reports the application's execution state to execution management. On a
+/// host this is systemd's notification socket: kRunning sends "READY=1",
+/// kTerminating "STOPPING=1"; without NOTIFY_SOCKET nothing is sent.
+class ExecutionClient {
+public:
+    ExecutionClient() noexcept = default;
+    virtual ~ExecutionClient() noexcept = default;
+    ExecutionClient(const ExecutionClient&) = delete;
+    ExecutionClient& operator=(const ExecutionClient&) = delete;
+
+    virtual ExecutionReturnType ReportExecutionState(ExecutionState state) const noexcept;
+};
+
+}  // namespace ara::exec
+
+#endif  // ARA_EXEC_EXECUTION_CLIENT_H

@@ -1,0 +1,149 @@
+#include "process_lifecycle_adapter/process_lifecycle_adapter.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "csc_logging/log_capture.hpp"
+#include "test_support/child_process.hpp"
+#include "test_support/notify_socket.hpp"
+#include "test_support/scoped_environment.hpp"
+#include "test_support/temporary_directory.hpp"
+
+namespace process_lifecycle_adapter {
+namespace {
+
+using namespace std::chrono_literals;
+using csc_logging::LogLevel;
+using kelvane::testing::NotifySocket;
+using kelvane::testing::ScopedEnvironment;
+using kelvane::testing::TemporaryDirectory;
+using kelvane::testing::WaitUntil;
+
+class FakeProcessLifecycleAdapterCallback : public ProcessLifecycleAdapterCallbackIf {
+public:
+    void ProcessLifecycleAdapterTerminate() override { terminateCalls.fetch_add(1); }
+    std::uint8_t ProcessLifecycleAdapterGetHealthStatus() override {
+        const std::uint8_t status = health.load();
+        healthCalls.fetch_add(1);
+        return status;
+    }
+
+    std::atomic<int> terminateCalls{0};
+    std::atomic<int> healthCalls{0};
+    std::atomic<std::uint8_t> health{0};
+};
+
+class ProcessLifecycleAdapterTest : public ::testing::Test {
+protected:
+    std::string Config(const std::string& periodMs) {
+        return directory_.Write("phm.ini",
+                                "[supervision]\nkeep_alive_period_ms=" + periodMs + "\n");
+    }
+
+    bool WaitForHealthCalls(int calls) {
+        return WaitUntil([&] { return callback_.healthCalls.load() >= calls; }, 5000ms, 1ms);
+    }
+
+    TemporaryDirectory directory_;
+    // No systemd watchdog from the environment the tests run in.
+    ScopedEnvironment noWatchdog_{"WATCHDOG_USEC", std::nullopt};
+    csc_logging::LogCapture log_;
+    NotifySocket notifySocket_;
+    FakeProcessLifecycleAdapterCallback callback_;
+};
+
+TEST_F(ProcessLifecycleAdapterTest, SigtermReachesTheCallbackOnceAndIsReportedAsStoppingOnce) {
+    auto sut =
+        std::make_unique<ProcessLifecycleAdapter>("kelvane-client", &callback_, Config("3600000"));
+    ASSERT_TRUE(notifySocket_.WaitFor("READY=1", 5000ms));
+
+    kill(getpid(), SIGTERM);
+    ASSERT_TRUE(WaitUntil([&] { return callback_.terminateCalls.load() == 1; }, 5000ms, 1ms));
+    kill(getpid(), SIGTERM);
+    ASSERT_TRUE(log_.WaitFor("ignored, already terminating", 5000ms));
+    sut.reset();
+
+    EXPECT_EQ(callback_.terminateCalls.load(), 1);
+    EXPECT_EQ(notifySocket_.Messages(), (std::vector<std::string>{"READY=1", "STOPPING=1"}));
+    EXPECT_TRUE(log_.Contains(LogLevel::kInfo, "termination requested by signal 15"));
+}
+
+TEST_F(ProcessLifecycleAdapterTest, AliveIsReportedOnlyWhileTheHealthStatusIsZero) {
+    callback_.health = 3;
+    ProcessLifecycleAdapter sut("kelvane-client", &callback_, Config("10"));
+
+    ASSERT_TRUE(WaitForHealthCalls(4));
+    EXPECT_EQ(notifySocket_.Count("WATCHDOG=1"), 0U);
+    callback_.health = 0;
+    ASSERT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 3));
+
+    EXPECT_EQ(log_.Count(LogLevel::kWarning, "health status 3, alive reports withheld"), 1U);
+    EXPECT_EQ(log_.Count(LogLevel::kInfo, "healthy again"), 1U);
+    EXPECT_EQ(sut.KeepAlivePeriod(), 10ms);
+}
+
+TEST_F(ProcessLifecycleAdapterTest, DestructionStopsALongKeepAliveAtOnceAndReportsStopping) {
+    auto sut =
+        std::make_unique<ProcessLifecycleAdapter>("kelvane-client", &callback_, Config("3600000"));
+
+    auto destroyed = std::async(std::launch::async, [&] { sut.reset(); });
+
+    ASSERT_EQ(destroyed.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(callback_.healthCalls.load(), 0);
+    EXPECT_EQ(callback_.terminateCalls.load(), 0);
+    EXPECT_EQ(notifySocket_.Messages(), (std::vector<std::string>{"READY=1", "STOPPING=1"}));
+}
+
+TEST_F(ProcessLifecycleAdapterTest, MissingConfigurationGivesDefaultsAndOneWarningNamingTheFile) {
+    const std::string missing = directory_.File("kelvane-client-phm.ini");
+
+    ProcessLifecycleAdapter sut("kelvane-client", &callback_, missing);
+
+    EXPECT_EQ(sut.KeepAlivePeriod(), 5000ms);
+    EXPECT_EQ(log_.Count(LogLevel::kWarning, ""), 1U);
+    EXPECT_EQ(log_.Count(LogLevel::kWarning, missing), 1U);
+    EXPECT_EQ(log_.Count(LogLevel::kError, ""), 0U);
+}
+
+TEST_F(ProcessLifecycleAdapterTest, SystemdWatchdogWithoutConfigurationIsPingedAtHalfItsTimeOut) {
+    const ScopedEnvironment watchdog("WATCHDOG_USEC", "40000");
+    const ScopedEnvironment owner("WATCHDOG_PID", std::to_string(getpid()));
+
+    ProcessLifecycleAdapter sut("kelvane-client", &callback_, directory_.File("none.ini"));
+
+    EXPECT_EQ(sut.KeepAlivePeriod(), 20ms);
+    EXPECT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 2));
+}
+
+TEST(ProcessLifecycleAdapterConfigPathTest, IsTheComponentsFileInEtcUnlessOverridden) {
+    {
+        const ScopedEnvironment unset("KELVANE_PHM_CONFIG", std::nullopt);
+        EXPECT_EQ(ProcessLifecycleAdapter::ConfigPath("kelvane-client"),
+                  "/etc/kelvane-client-phm.ini");
+    }
+    const ScopedEnvironment overridden("KELVANE_PHM_CONFIG", "/tmp/dev-phm.ini");
+
+    EXPECT_EQ(ProcessLifecycleAdapter::ConfigPath("kelvane-client"), "/tmp/dev-phm.ini");
+}
+
+TEST(ProcessLifecycleAdapterConfigPathTest, TwoArgumentConstructorReadsTheOverriddenFile) {
+    TemporaryDirectory directory;
+    const ScopedEnvironment overridden(
+        "KELVANE_PHM_CONFIG",
+        directory.Write("dev-phm.ini", "[supervision]\nkeep_alive_period_ms=1234\n"));
+    FakeProcessLifecycleAdapterCallback callback;
+
+    ProcessLifecycleAdapter sut("kelvane-client", &callback);
+
+    EXPECT_EQ(sut.KeepAlivePeriod(), 1234ms);
+}
+
+}  // namespace
+}  // namespace process_lifecycle_adapter
