@@ -1,0 +1,250 @@
+#include "bus_loop.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "csc_logging/csc_logging.hpp"
+#include "idl/bus_connection.hpp"
+
+namespace ara::com::internal {
+
+using csc_logging::CSCLogEntry;
+using csc_logging::CSCLogging;
+
+struct BusLoop::State {
+    std::string address;
+    Callbacks callbacks;
+    std::chrono::milliseconds retryInterval;
+    int wakeFd = -1;
+
+    std::mutex mutex;
+    std::deque<Task> tasks;
+    bool stopping = false;
+    std::thread thread;
+    std::thread::id threadId;
+    // Loop thread only: the open connection or nullptr.
+    sdbus::IConnection* current = nullptr;
+
+    void Wake() const {
+        const std::uint64_t one = 1;
+        // A full counter already guarantees a wake-up, so a failed write needs no handling.
+        [[maybe_unused]] const auto written = ::write(wakeFd, &one, sizeof(one));
+    }
+    void DrainWake() const {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto read = ::read(wakeFd, &count, sizeof(count));
+    }
+};
+
+BusLoop::BusLoop(std::string address, Callbacks callbacks, std::chrono::milliseconds retryInterval)
+    : state_(std::make_shared<State>()) {
+    state_->address = std::move(address);
+    state_->callbacks = std::move(callbacks);
+    state_->retryInterval = retryInterval;
+    state_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (state_->wakeFd < 0) {
+        throw std::system_error(errno, std::generic_category(), "BusLoop: eventfd");
+    }
+}
+
+BusLoop::~BusLoop() {
+    Stop();
+    // A detached thread (Stop() called on it) still holds the state and closes the fd.
+    if (state_.use_count() == 1) {
+        ::close(state_->wakeFd);
+    }
+}
+
+void BusLoop::Start() {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    if (state_->thread.joinable() || state_->stopping) {
+        return;
+    }
+    state_->thread = std::thread(&BusLoop::Run, state_);
+    state_->threadId = state_->thread.get_id();
+}
+
+void BusLoop::Stop() {
+    std::thread thread;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->stopping = true;
+        thread = std::move(state_->thread);
+    }
+    state_->Wake();
+    if (!thread.joinable()) {
+        return;
+    }
+    if (thread.get_id() == std::this_thread::get_id()) {
+        // The last owner let go from a task on the loop thread: the thread ends
+        // when the task returns and takes the shared state with it.
+        thread.detach();
+        return;
+    }
+    thread.join();
+}
+
+bool BusLoop::InLoopThread() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->threadId == std::this_thread::get_id();
+}
+
+bool BusLoop::Running() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->thread.joinable() && !state_->stopping;
+}
+
+void BusLoop::Post(Task task) {
+    Start();
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->tasks.push_back(std::move(task));
+    }
+    state_->Wake();
+}
+
+void BusLoop::Execute(const Task& task) {
+    if (InLoopThread()) {
+        task(state_->current);
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        if (state_->stopping) {
+            throw std::logic_error("BusLoop::Execute: the loop has stopped");
+        }
+    }
+    auto done = std::make_shared<std::promise<void>>();
+    auto finished = done->get_future();
+    Post([task, done](sdbus::IConnection* connection) {
+        try {
+            task(connection);
+            done->set_value();
+        } catch (...) {
+            done->set_exception(std::current_exception());
+        }
+    });
+    finished.get();
+}
+
+void BusLoop::Run(const std::shared_ptr<State>& state) {
+    std::unique_ptr<sdbus::IConnection> connection;
+    bool unreachableReported = false;
+
+    auto runTasks = [&] {
+        for (;;) {
+            Task task;
+            {
+                std::lock_guard<std::mutex> lock(state->mutex);
+                if (state->tasks.empty()) {
+                    return;
+                }
+                task = std::move(state->tasks.front());
+                state->tasks.pop_front();
+            }
+            try {
+                task(connection.get());
+            } catch (const sdbus::Error& error) {
+                // A task that found the connection broken: the next dispatch notices it too.
+                CSCLogging::Warning(CSCLogEntry() << "ara::com: bus operation failed: "
+                                                  << error.getName() << ": " << error.getMessage());
+            } catch (const std::exception& error) {
+                CSCLogging::Error(CSCLogEntry() << "ara::com: bus task failed: " << error.what());
+            }
+        }
+    };
+    auto stopping = [&] {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        return state->stopping;
+    };
+    auto disconnect = [&] {
+        try {
+            if (state->callbacks.lost) {
+                state->callbacks.lost();
+            }
+        } catch (const std::exception& error) {
+            CSCLogging::Error(CSCLogEntry()
+                              << "ara::com: cleanup after bus loss failed: " << error.what());
+        }
+        state->current = nullptr;
+        connection.reset();
+    };
+
+    while (!stopping()) {
+        if (!connection) {
+            try {
+                connection = idl::OpenBusConnection(state->address);
+                state->current = connection.get();
+                unreachableReported = false;
+                CSCLogging::Debug(CSCLogEntry() << "ara::com: connected to bus " << state->address
+                                                << " as " << connection->getUniqueName());
+                if (state->callbacks.connected) {
+                    state->callbacks.connected(*connection);
+                }
+            } catch (const sdbus::Error& error) {
+                if (connection) {
+                    CSCLogging::Error(CSCLogEntry() << "ara::com: setting up bus " << state->address
+                                                    << " failed: " << error.getMessage());
+                    disconnect();
+                } else if (!unreachableReported) {
+                    CSCLogging::Error(CSCLogEntry()
+                                      << "ara::com: bus " << state->address
+                                      << " unreachable, retrying: " << error.getMessage());
+                    unreachableReported = true;
+                }
+            }
+        }
+
+        runTasks();
+        if (stopping()) {
+            break;
+        }
+
+        if (!connection) {
+            pollfd wake{state->wakeFd, POLLIN, 0};
+            ::poll(&wake, 1, static_cast<int>(state->retryInterval.count()));
+            state->DrainWake();
+            continue;
+        }
+
+        try {
+            // Tasks may have made blocking calls that queued incoming messages;
+            // those are dispatched here before the socket is polled again.
+            while (connection->processPendingRequest()) {
+                runTasks();
+            }
+            const auto pollData = connection->getEventLoopPollData();
+            pollfd fds[2] = {{pollData.fd, pollData.events, 0}, {state->wakeFd, POLLIN, 0}};
+            const int ready = ::poll(fds, 2, pollData.getPollTimeout());
+            if (ready < 0 && errno != EINTR) {
+                throw sdbus::Error("org.freedesktop.DBus.Error.Failed", "poll failed");
+            }
+            if ((fds[1].revents & POLLIN) != 0) {
+                state->DrainWake();
+            }
+        } catch (const sdbus::Error& error) {
+            CSCLogging::Error(CSCLogEntry() << "ara::com: lost bus " << state->address << ": "
+                                            << error.getMessage());
+            disconnect();
+        }
+    }
+
+    runTasks();
+    if (connection) {
+        disconnect();
+    }
+}
+
+}  // namespace ara::com::internal

@@ -1,0 +1,81 @@
+#include "error_domain.hpp"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "ara/com/com_error_domain.hpp"
+#include "service_domains.hpp"
+#include "test_support/temporary_directory.hpp"
+#include "zelk/interfaces/diagservices/diagservices_common.hpp"
+
+namespace ara::com::internal {
+namespace {
+
+struct Description {
+    const char* file;
+    const ErrorDomain& (*domain)();
+};
+
+class ErrorDomainTest : public ::testing::TestWithParam<Description> {};
+
+TEST_P(ErrorDomainTest, TableMatchesTheInterfaceDescription) {
+    const std::string xml =
+        kelvane::testing::ReadFile(std::string(KELVANE_IDL_DIR) + "/" + GetParam().file);
+    ASSERT_FALSE(xml.empty()) << GetParam().file;
+    const ErrorDomain& sut = GetParam().domain();
+
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(xml, match, std::regex(R"re(<interface name="([^"]+)")re")));
+    EXPECT_EQ(match[1], sut.DbusInterface());
+    ASSERT_TRUE(std::regex_search(xml, match, std::regex(R"re(<ara:errors domain="([^"]+)")re")));
+    EXPECT_EQ(match[1], sut.Name());
+    std::vector<std::pair<std::string, std::int32_t>> declared;
+    const std::regex error(R"re(<ara:error name="([A-Za-z_0-9]+)" code="([0-9]+)")re");
+    for (auto it = std::sregex_iterator(xml.begin(), xml.end(), error);
+         it != std::sregex_iterator(); ++it) {
+        declared.emplace_back((*it)[1], std::stoi((*it)[2]));
+    }
+    EXPECT_EQ(declared, sut.Errors());
+}
+
+INSTANTIATE_TEST_SUITE_P(Interfaces, ErrorDomainTest,
+                         ::testing::Values(Description{"diag_services.xml", &DiagServicesDomain},
+                                           Description{"type_id_access.xml", &TypeIdAccessDomain},
+                                           Description{"generic_uds_service.xml",
+                                                       &GenericUdsServiceDomain}),
+                         [](const ::testing::TestParamInfo<Description>& param) {
+                             const std::string file = param.param.file;
+                             return file.substr(0, file.find('.'));
+                         });
+
+TEST(ErrorDomainTest, BusErrorsTranslateBothWays) {
+    const ErrorDomain& sut = DiagServicesDomain();
+    const auto busy = zelk::interfaces::diagservices::MakeApplicationError(
+        zelk::interfaces::diagservices::DiagServicesErrc::ZELK_ERROR_BUSY);
+
+    const sdbus::Error onTheBus = sut.ToBusError(busy);
+
+    EXPECT_EQ(onTheBus.getName(),
+              "zelk.interfaces.diagservices.DiagServices.Error.ZELK_ERROR_BUSY");
+    EXPECT_EQ(onTheBus.getMessage(), "DiagServices::ZELK_ERROR_BUSY::23");
+    try {
+        sut.Raise(onTheBus);
+    } catch (const ApplicationErrorException& error) {
+        EXPECT_EQ(error.Error().Value(), 23);
+        EXPECT_STREQ(error.what(), "DiagServices::ZELK_ERROR_BUSY::23");
+    }
+    // Another domain's error, or a name this domain does not declare, is no application error.
+    const auto foreign = TypeIdAccessDomain().Make(20);
+    EXPECT_EQ(sut.ToBusError(foreign).getName(), "org.freedesktop.DBus.Error.Failed");
+    EXPECT_THROW(sut.Raise(sdbus::Error(
+                     "zelk.interfaces.diagservices.DiagServices.Error.ZELK_ERROR_NEW", "")),
+                 ComException);
+    EXPECT_THROW(sut.Raise(sdbus::Error("org.freedesktop.DBus.Error.NoReply", "")), ComException);
+    EXPECT_THROW(sut.Make(22), std::out_of_range);
+}
+
+}  // namespace
+}  // namespace ara::com::internal
