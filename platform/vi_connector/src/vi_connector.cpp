@@ -6,6 +6,7 @@
 
 #include "connector_config.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "mosquitto_pub_sub.hpp"
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 
@@ -30,6 +31,14 @@ std::string ReadToken(const std::string& path) {
         token.pop_back();
     }
     return token;
+}
+
+MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!pubSub) {
+        pubSub = std::make_unique<MosquittoPubSub>();
+    }
+    return *pubSub;
 }
 
 }  // namespace
@@ -172,24 +181,32 @@ SocketResult VIConnector::SocketConnect(const std::string& /*transactionTypeId*/
     return TcpConnect(host, port, kSocketConnectTimeoutMs);
 }
 
-std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* /*callback*/) {
-    return pubsub_status::kFailed;
+std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* callback) {
+    const auto config = Config();
+    if (!config) {
+        CSCLogging::Error(
+            "VIConnector: PubSubConnect before a successful Start(): no MQTT configuration");
+        return pubsub_status::kFailed;
+    }
+    return PubSubOf(mutex_, pubSub_)
+        .Connect(config->mqtt, callback != nullptr ? callback : pubSubCallback_);
 }
 
 std::uint32_t VIConnector::PubSubDisconnect() {
-    return pubsub_status::kFailed;
+    return PubSubOf(mutex_, pubSub_).Disconnect();
 }
 
-SubscribeResult VIConnector::PubSubSubscribe(const std::string& /*topic*/, bool /*flag*/) {
-    return {pubsub_status::kFailed, 0};
+SubscribeResult VIConnector::PubSubSubscribe(const std::string& topic, bool flag) {
+    return PubSubOf(mutex_, pubSub_).Subscribe(topic, flag);
 }
 
-std::uint32_t VIConnector::PubSubPublish(const std::string& /*topic*/,
-                                         const std::vector<std::uint8_t>& /*payload*/,
-                                         unsigned int /*qos*/, unsigned int /*messageExpiry*/,
-                                         PublishPayloadFormat /*format*/,
-                                         const std::string& /*contentType*/, bool /*retain*/) {
-    return pubsub_status::kFailed;
+std::uint32_t VIConnector::PubSubPublish(const std::string& topic,
+                                         const std::vector<std::uint8_t>& payload, unsigned int qos,
+                                         unsigned int messageExpirySeconds,
+                                         PublishPayloadFormat format,
+                                         const std::string& contentType, bool retain) {
+    return PubSubOf(mutex_, pubSub_)
+        .Publish(topic, payload, qos, messageExpirySeconds, format, contentType, retain);
 }
 
 }  // namespace vi_connector

@@ -18,6 +18,7 @@
 namespace vi_connector {
 
 struct ConnectorConfig;
+class MosquittoPubSub;
 class ServiceStateMonitor;
 
 /// The vehicle's connectivity service on a development host: configuration
@@ -64,9 +65,19 @@ public:
     virtual SocketResult SocketConnect(const std::string& transactionTypeId,
                                        const std::string& host, std::uint16_t port);
 
+    /// Starts the MQTT session to the configured [mqtt] broker (needs a
+    /// successful Start()). `callback`, or else the constructor's pub/sub
+    /// callback, sees kDisconnected now and kConnected once the broker accepted
+    /// the session, and so on every reconnection. 0 connected, 1 under way,
+    /// 3 already connected, other values failures.
     virtual std::uint32_t PubSubConnect(VIPubSubCallbackIf* callback);
+    /// Ends the session (0), or 2 when none was running.
     virtual std::uint32_t PubSubDisconnect();
+    /// Subscribes with QoS 1: 0 and the SUBSCRIBE's message id when the link is
+    /// up; while it is down, 3 (sent once it is up) when `flag` is true, else a
+    /// failure. The broker's answer arrives as VISubscribeAcknowledgeReceived.
     virtual SubscribeResult PubSubSubscribe(const std::string& topic, bool flag);
+    /// Publishes while the link is up (0); a failure otherwise.
     virtual std::uint32_t PubSubPublish(const std::string& topic,
                                         const std::vector<std::uint8_t>& payload, unsigned int qos,
                                         unsigned int messageExpirySeconds,
@@ -89,6 +100,7 @@ private:
     std::shared_ptr<const ConnectorConfig> config_;
     std::atomic<SessionStatus> sessionStatus_{SessionStatus::kNotStarted};
     std::thread startThread_;
+    std::unique_ptr<MosquittoPubSub> pubSub_;            // created on first use, under mutex_
     std::shared_ptr<ServiceStateMonitor> stateMonitor_;  // guarded by mutex_
     std::optional<std::uint8_t> forcedConnectionState_;  // guarded by mutex_
 };

@@ -1,0 +1,535 @@
+#include "mosquitto_pub_sub.hpp"
+
+#include <mqtt_protocol.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "csc_logging/csc_logging.hpp"
+
+namespace vi_connector {
+namespace {
+
+using csc_logging::CSCLogEntry;
+using csc_logging::CSCLogging;
+
+constexpr int kSubscribeQos = 1;
+// SUBACK and PUBACK reason codes from 0x80 on are refusals.
+constexpr int kFirstFailureReason = 0x80;
+// How long a DISCONNECT may take to leave once the session is asked to stop.
+constexpr auto kDisconnectGrace = std::chrono::seconds(2);
+
+void InitialiseLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+// libmosquitto reports socket errors as MOSQ_ERR_ERRNO with errno set.
+std::string Describe(int rc) {
+    if (rc == MOSQ_ERR_ERRNO) {
+        return std::strerror(errno);
+    }
+    return mosquitto_strerror(rc);
+}
+
+}  // namespace
+
+MosquittoPubSub::MosquittoPubSub() = default;
+
+MosquittoPubSub::~MosquittoPubSub() {
+    {
+        // Whoever registered the callback may be gone already; say nothing more.
+        std::lock_guard<std::mutex> lock(mutex_);
+        callback_ = nullptr;
+    }
+    Disconnect();
+    std::lock_guard<std::mutex> control(controlMutex_);
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    DestroyClient();
+}
+
+std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCallbackIf* callback) {
+    if (OnNetworkThread()) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (callback != nullptr) {
+            callback_ = callback;
+        }
+        if (sessionActive_) {
+            return linkUp_ ? pubsub_status::kAlreadyOrQueued : pubsub_status::kInProgress;
+        }
+        // The session is ending underneath this callback; it cannot restart itself.
+        CSCLogging::Error("VIConnector: PubSubConnect from a callback of a session being stopped");
+        return pubsub_status::kFailed;
+    }
+
+    std::lock_guard<std::mutex> control(controlMutex_);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (callback != nullptr) {
+            callback_ = callback;
+        }
+        if (sessionActive_) {
+            return linkUp_ ? pubsub_status::kAlreadyOrQueued : pubsub_status::kInProgress;
+        }
+    }
+    // A session stopped from its own callback leaves its thread to be joined here.
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    DestroyClient();
+
+    settings_ = settings;
+    if (!CreateClient()) {
+        return pubsub_status::kFailed;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sessionActive_ = true;
+        stopRequested_ = false;
+        linkUp_ = false;
+    }
+    thread_ = std::thread([this] { Run(); });
+    return pubsub_status::kInProgress;
+}
+
+std::uint32_t MosquittoPubSub::Disconnect() {
+    const auto requestStop = [this] {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool wasActive = sessionActive_;
+        sessionActive_ = false;
+        stopRequested_ = true;
+        if (client_ != nullptr) {
+            mosquitto_disconnect(client_);  // also wakes the network thread
+        }
+        wake_.notify_all();
+        return wasActive;
+    };
+
+    if (OnNetworkThread()) {
+        // Cannot join itself: the thread ends after this callback returns.
+        return requestStop() ? pubsub_status::kOk : pubsub_status::kFailed;
+    }
+    std::lock_guard<std::mutex> control(controlMutex_);
+    const bool wasActive = requestStop();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    DestroyClient();
+    return wasActive ? pubsub_status::kOk : pubsub_status::kFailed;
+}
+
+SubscribeResult MosquittoPubSub::Subscribe(const std::string& topic, bool queueWhileDown) {
+    if (mosquitto_sub_topic_check(topic.c_str()) != MOSQ_ERR_SUCCESS) {
+        CSCLogging::Error("VIConnector: cannot subscribe to '" + topic +
+                          "': not a valid MQTT topic filter");
+        return {pubsub_status::kFailed, 0};
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!sessionActive_) {
+        CSCLogging::Error("VIConnector: cannot subscribe to '" + topic +
+                          "': PubSubConnect has not been called");
+        return {pubsub_status::kFailed, 0};
+    }
+    if (!linkUp_) {
+        if (!queueWhileDown) {
+            CSCLogging::Warning("VIConnector: cannot subscribe to '" + topic +
+                                "' now: the MQTT link is down");
+            return {pubsub_status::kFailed, 0};
+        }
+        queuedSubscriptions_.push_back(topic);
+        return {pubsub_status::kAlreadyOrQueued, 0};
+    }
+    int mid = 0;
+    const int rc = mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        CSCLogging::Error("VIConnector: cannot subscribe to '" + topic + "': " + Describe(rc));
+        return {pubsub_status::kFailed, 0};
+    }
+    subscriptionsInFlight_[mid] = topic;
+    return {pubsub_status::kOk, static_cast<std::uint16_t>(mid)};
+}
+
+std::uint32_t MosquittoPubSub::Publish(const std::string& topic,
+                                       const std::vector<std::uint8_t>& payload, unsigned int qos,
+                                       unsigned int messageExpirySeconds,
+                                       PublishPayloadFormat format, const std::string& contentType,
+                                       bool retain) {
+    if (qos > 2 || payload.size() > static_cast<std::size_t>(INT_MAX)) {
+        CSCLogging::Error(CSCLogEntry()
+                          << "VIConnector: cannot publish to '" << topic << "': QoS " << qos
+                          << " or payload size " << payload.size() << " out of range");
+        return pubsub_status::kFailed;
+    }
+    mosquitto_property* properties = nullptr;
+    if (messageExpirySeconds > 0) {
+        mosquitto_property_add_int32(&properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
+                                     messageExpirySeconds);
+    }
+    if (format == PublishPayloadFormat::kUtf8) {
+        mosquitto_property_add_byte(&properties, MQTT_PROP_PAYLOAD_FORMAT_INDICATOR, 1);
+    }
+    if (!contentType.empty()) {
+        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, contentType.c_str());
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    int rc = MOSQ_ERR_NO_CONN;
+    int mid = 0;
+    if (sessionActive_ && linkUp_) {
+        rc = mosquitto_publish_v5(client_, &mid, topic.c_str(), static_cast<int>(payload.size()),
+                                  payload.data(), static_cast<int>(qos), retain, properties);
+    }
+    mosquitto_property_free_all(&properties);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        CSCLogging::Error("VIConnector: cannot publish to '" + topic + "': " +
+                          (rc == MOSQ_ERR_NO_CONN ? "the MQTT link is down" : Describe(rc)));
+        return pubsub_status::kFailed;
+    }
+    publishesInFlight_[mid] = {topic, static_cast<int>(qos)};
+    return pubsub_status::kOk;
+}
+
+bool MosquittoPubSub::CreateClient() {
+    InitialiseLibrary();
+    const char* id = settings_.clientId.empty() ? nullptr : settings_.clientId.c_str();
+    mosquitto* client = mosquitto_new(id, true, this);
+    if (client == nullptr) {
+        CSCLogging::Error(std::string("VIConnector: cannot create an MQTT client: ") +
+                          std::strerror(errno));
+        return false;
+    }
+    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_threaded_set(client, true);
+    mosquitto_connect_v5_callback_set(client, &MosquittoPubSub::OnConnect);
+    mosquitto_message_v5_callback_set(client, &MosquittoPubSub::OnMessage);
+    mosquitto_subscribe_v5_callback_set(client, &MosquittoPubSub::OnSubscribe);
+    mosquitto_publish_v5_callback_set(client, &MosquittoPubSub::OnPublish);
+
+    const bool wantsTls = !settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
+                          !settings_.tlsKeyFile.empty();
+    if (wantsTls) {
+        const auto optional = [](const std::string& path) {
+            return path.empty() ? nullptr : path.c_str();
+        };
+        const int rc = settings_.tlsCaFile.empty()
+                           ? MOSQ_ERR_INVAL
+                           : mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
+                                               optional(settings_.tlsCertFile),
+                                               optional(settings_.tlsKeyFile), nullptr);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            CSCLogging::Error(
+                "VIConnector: MQTT TLS set-up failed (tls_ca_file='" + settings_.tlsCaFile +
+                "', tls_cert_file='" + settings_.tlsCertFile + "', tls_key_file='" +
+                settings_.tlsKeyFile +
+                "'): " + (settings_.tlsCaFile.empty() ? "tls_ca_file is required" : Describe(rc)));
+            mosquitto_destroy(client);
+            return false;
+        }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    client_ = client;
+    return true;
+}
+
+void MosquittoPubSub::DestroyClient() {
+    mosquitto* client = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::swap(client, client_);
+    }
+    if (client != nullptr) {
+        mosquitto_destroy(client);
+    }
+}
+
+bool MosquittoPubSub::OnNetworkThread() const {
+    return networkThreadId_.load() == std::this_thread::get_id();
+}
+
+bool MosquittoPubSub::StopRequested() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return stopRequested_;
+}
+
+std::string MosquittoPubSub::Broker() const {
+    return settings_.host + ":" + std::to_string(settings_.port);
+}
+
+void MosquittoPubSub::Run() {
+    networkThreadId_.store(std::this_thread::get_id());
+    ReportState(VIPubSubCallbackIf::kDisconnected);
+    int delayMs = settings_.reconnectDelayMinMs;
+    bool quiet = false;  // one warning per outage, the retries at debug level
+    while (!StopRequested()) {
+        const int rc = mosquitto_connect_async(client_, settings_.host.c_str(), settings_.port,
+                                               settings_.keepAliveSeconds);
+        const std::string failure = rc == MOSQ_ERR_SUCCESS ? RunSession() : Describe(rc);
+        const bool wasUp = HandleLinkDown(false);
+        if (StopRequested()) {
+            break;
+        }
+        if (wasUp) {
+            CSCLogging::Warning("VIConnector: MQTT link to " + Broker() + " lost: " + failure);
+            delayMs = settings_.reconnectDelayMinMs;
+            quiet = true;
+        } else if (!quiet) {
+            CSCLogging::Warning("VIConnector: cannot connect to MQTT broker " + Broker() + ": " +
+                                failure + "; retrying");
+            quiet = true;
+        } else {
+            CSCLogging::Debug("VIConnector: MQTT broker " + Broker() +
+                              " still unreachable: " + failure);
+        }
+        if (!WaitBeforeReconnect(delayMs)) {
+            break;
+        }
+        delayMs = std::min(delayMs * 2, settings_.reconnectDelayMaxMs);
+    }
+    HandleLinkDown(true);
+    networkThreadId_.store(std::thread::id());
+}
+
+std::string MosquittoPubSub::RunSession() {
+    {
+        // A Disconnect that came before the connect could not reach this socket.
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopRequested_) {
+            mosquitto_disconnect(client_);
+        }
+    }
+    // libmosquitto shortens the wait itself when a keep-alive ping is due.
+    const int timeoutMs = settings_.keepAliveSeconds * 1000;
+    std::chrono::steady_clock::time_point giveUpAt{};
+    while (true) {
+        const int rc = mosquitto_loop(client_, timeoutMs, 1);
+        const std::string failure = rc == MOSQ_ERR_SUCCESS ? std::string() : Describe(rc);
+        HandleEvents();
+        if (rc != MOSQ_ERR_SUCCESS) {
+            return failure;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!stopRequested_) {
+            continue;
+        }
+        // Stopping: let the DISCONNECT leave over a working link, but do not
+        // wait for a connection attempt that may never complete.
+        const auto now = std::chrono::steady_clock::now();
+        if (giveUpAt == std::chrono::steady_clock::time_point{}) {
+            giveUpAt = now + kDisconnectGrace;
+        }
+        if (!linkUp_ || now >= giveUpAt) {
+            return "disconnected";
+        }
+    }
+}
+
+void MosquittoPubSub::AddEvent(Event event) {
+    std::lock_guard<std::mutex> lock(eventsMutex_);
+    events_.push_back(std::move(event));
+}
+
+void MosquittoPubSub::OnConnect(mosquitto* /*client*/, void* self, int reason, int /*flags*/,
+                                const mosquitto_property* /*properties*/) {
+    Event event(Event::Kind::kConnack);
+    event.code = reason;
+    static_cast<MosquittoPubSub*>(self)->AddEvent(std::move(event));
+}
+
+void MosquittoPubSub::OnMessage(mosquitto* /*client*/, void* self, const mosquitto_message* message,
+                                const mosquitto_property* /*properties*/) {
+    Event event(Event::Kind::kMessage);
+    event.mid = message->mid;
+    event.topic = message->topic != nullptr ? message->topic : "";
+    const auto* bytes = static_cast<const std::uint8_t*>(message->payload);
+    if (bytes != nullptr && message->payloadlen > 0) {
+        event.payload.assign(bytes, bytes + message->payloadlen);
+    }
+    static_cast<MosquittoPubSub*>(self)->AddEvent(std::move(event));
+}
+
+void MosquittoPubSub::OnSubscribe(mosquitto* /*client*/, void* self, int mid, int count,
+                                  const int* granted, const mosquitto_property* /*properties*/) {
+    Event event(Event::Kind::kSuback);
+    event.mid = mid;
+    // One filter per SUBSCRIBE; a missing reason counts as a refusal.
+    event.code = (count > 0 && granted != nullptr) ? granted[0] : kFirstFailureReason;
+    static_cast<MosquittoPubSub*>(self)->AddEvent(std::move(event));
+}
+
+void MosquittoPubSub::OnPublish(mosquitto* /*client*/, void* self, int mid, int reason,
+                                const mosquitto_property* /*properties*/) {
+    Event event(Event::Kind::kPublished);
+    event.mid = mid;
+    event.code = reason;
+    static_cast<MosquittoPubSub*>(self)->AddEvent(std::move(event));
+}
+
+void MosquittoPubSub::HandleEvents() {
+    std::vector<Event> events;
+    {
+        std::lock_guard<std::mutex> lock(eventsMutex_);
+        events.swap(events_);
+    }
+    for (auto& event : events) {
+        VIPubSubCallbackIf* callback = Callback();
+        const auto requestId = static_cast<std::uint16_t>(event.mid);
+        switch (event.kind) {
+            case Event::Kind::kConnack:
+                HandleConnack(event.code);
+                break;
+            case Event::Kind::kMessage:
+                if (callback != nullptr) {
+                    callback->VIPublishReceived(event.topic, event.payload,
+                                                static_cast<std::uint32_t>(event.mid));
+                }
+                break;
+            case Event::Kind::kSuback: {
+                std::string topic;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    auto found = subscriptionsInFlight_.find(event.mid);
+                    if (found != subscriptionsInFlight_.end()) {
+                        topic = std::move(found->second);
+                        subscriptionsInFlight_.erase(found);
+                    }
+                }
+                const auto status = event.code >= kFirstFailureReason
+                                        ? VIPubSubCallbackIf::kRefused
+                                        : VIPubSubCallbackIf::kGranted;
+                if (status == VIPubSubCallbackIf::kRefused) {
+                    CSCLogging::Warning(CSCLogEntry()
+                                        << "VIConnector: broker refused the "
+                                           "subscription to '"
+                                        << topic << "': " << mosquitto_reason_string(event.code));
+                }
+                if (callback != nullptr) {
+                    callback->VISubscribeAcknowledgeReceived(topic, status, requestId);
+                }
+                break;
+            }
+            case Event::Kind::kPublished: {
+                std::string topic;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    auto found = publishesInFlight_.find(event.mid);
+                    if (found == publishesInFlight_.end()) {
+                        break;  // already reported as failed when the link went down
+                    }
+                    topic = std::move(found->second.topic);
+                    publishesInFlight_.erase(found);
+                }
+                if (callback == nullptr) {
+                    break;
+                }
+                if (event.code >= kFirstFailureReason) {
+                    callback->VIPublishFailed(topic, requestId);
+                } else {
+                    callback->VIPublishAcknowledgeReceived(topic, requestId);
+                }
+                break;
+            }
+        }
+    }
+}
+
+void MosquittoPubSub::HandleConnack(int reason) {
+    if (reason != 0) {
+        CSCLogging::Warning(CSCLogEntry()
+                            << "VIConnector: MQTT broker " << Broker()
+                            << " refused the connection: " << mosquitto_reason_string(reason));
+        return;
+    }
+    std::vector<std::string> unsent;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        linkUp_ = true;
+        while (!queuedSubscriptions_.empty()) {
+            std::string topic = std::move(queuedSubscriptions_.front());
+            queuedSubscriptions_.pop_front();
+            int mid = 0;
+            if (mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr) ==
+                MOSQ_ERR_SUCCESS) {
+                subscriptionsInFlight_[mid] = std::move(topic);
+            } else {
+                unsent.push_back(std::move(topic));
+            }
+        }
+    }
+    CSCLogging::Info("VIConnector: MQTT connected to " + Broker() + " as '" + settings_.clientId +
+                     "'");
+    ReportState(VIPubSubCallbackIf::kConnected);
+    if (VIPubSubCallbackIf* callback = Callback()) {
+        for (const auto& topic : unsent) {
+            callback->VISubscribeFailed(topic, 0);
+        }
+    }
+}
+
+bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
+    bool wasUp = false;
+    std::map<int, std::string> subscriptions;
+    std::deque<std::string> queued;
+    std::map<int, Outgoing> publishes;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        wasUp = linkUp_;
+        linkUp_ = false;
+        // Brokers do not answer a SUBSCRIBE sent over a dead link; QoS 0
+        // messages not yet written are gone. Higher QoS messages are sent
+        // again after the reconnection unless the session ends.
+        subscriptions.swap(subscriptionsInFlight_);
+        for (auto it = publishesInFlight_.begin(); it != publishesInFlight_.end();) {
+            if (sessionEnds || it->second.qos == 0) {
+                publishes.insert(*it);
+                it = publishesInFlight_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        if (sessionEnds) {
+            queued.swap(queuedSubscriptions_);
+        }
+    }
+    if (wasUp) {
+        ReportState(VIPubSubCallbackIf::kDisconnected);
+    }
+    VIPubSubCallbackIf* callback = Callback();
+    if (callback == nullptr) {
+        return wasUp;
+    }
+    for (const auto& [mid, topic] : subscriptions) {
+        callback->VISubscribeFailed(topic, static_cast<std::uint16_t>(mid));
+    }
+    for (const auto& topic : queued) {
+        callback->VISubscribeFailed(topic, 0);
+    }
+    for (const auto& [mid, outgoing] : publishes) {
+        callback->VIPublishFailed(outgoing.topic, static_cast<std::uint16_t>(mid));
+    }
+    return wasUp;
+}
+
+bool MosquittoPubSub::WaitBeforeReconnect(int delayMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    wake_.wait_for(lock, std::chrono::milliseconds(delayMs), [this] { return stopRequested_; });
+    return !stopRequested_;
+}
+
+void MosquittoPubSub::ReportState(VIPubSubCallbackIf::PubSubConnectionState state) {
+    if (VIPubSubCallbackIf* callback = Callback()) {
+        callback->VIPubSubConnectionState(state);
+    }
+}
+
+VIPubSubCallbackIf* MosquittoPubSub::Callback() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return callback_;
+}
+
+}  // namespace vi_connector

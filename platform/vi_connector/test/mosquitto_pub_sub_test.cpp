@@ -1,0 +1,361 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "csc_logging/log_capture.hpp"
+#include "test_support/child_process.hpp"
+#include "test_support/mosquitto_broker.hpp"
+#include "test_support/temporary_directory.hpp"
+#include "vi_connector/vi_connector.hpp"
+
+namespace vi_connector {
+namespace {
+
+using namespace std::chrono_literals;
+using kelvane::testing::ChildProcess;
+using kelvane::testing::MosquittoBroker;
+using kelvane::testing::TemporaryDirectory;
+
+constexpr auto kTimeout = 10s;
+
+// Every notification as one record, in arrival order.
+struct Notification {
+    enum class Kind {
+        kState,
+        kMessage,
+        kPublishAck,
+        kSubscribeAck,
+        kPublishFailed,
+        kSubscribeFailed
+    };
+    Notification(Kind notificationKind, std::string notificationTopic, int notificationValue,
+                 std::uint32_t requestId = 0, std::vector<std::uint8_t> bytes = {})
+        : kind(notificationKind)
+        , topic(std::move(notificationTopic))
+        , value(notificationValue)
+        , id(requestId)
+        , payload(std::move(bytes)) {}
+    Kind kind;
+    std::string topic;
+    int value;  // state or subscription status
+    std::uint32_t id;
+    std::vector<std::uint8_t> payload;
+};
+
+class RecordingPubSubCallback : public VIPubSubCallbackIf {
+public:
+    using Kind = Notification::Kind;
+
+    void VIPubSubConnectionState(PubSubConnectionState state) override {
+        Add({Kind::kState, {}, state});
+    }
+    void VIPublishReceived(const std::string& topic, const std::vector<std::uint8_t>& payload,
+                           std::uint32_t messageId) override {
+        Add({Kind::kMessage, topic, 0, messageId, payload});
+    }
+    void VIPublishAcknowledgeReceived(const std::string& topic, std::uint16_t requestId) override {
+        Add({Kind::kPublishAck, topic, 0, requestId});
+    }
+    void VISubscribeAcknowledgeReceived(const std::string& topic, SubscriptionStatus status,
+                                        std::uint16_t requestId) override {
+        Add({Kind::kSubscribeAck, topic, status, requestId});
+    }
+    void VIUnsubscribeAcknowledgeReceived(const std::string&, std::uint16_t) override {}
+    void VIPublishFailed(const std::string& topic, std::uint16_t requestId) override {
+        Add({Kind::kPublishFailed, topic, 0, requestId});
+    }
+    void VISubscribeFailed(const std::string& topic, std::uint16_t requestId) override {
+        Add({Kind::kSubscribeFailed, topic, 0, requestId});
+    }
+    void VIUnsubscribeFailed(const std::string&, std::uint16_t) override {}
+
+    /// Waits until `count` notifications of `kind` arrived; returns them.
+    std::vector<Notification> WaitFor(Kind kind, std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, kTimeout, [&] { return CountLocked(kind) >= count; });
+        return OfKindLocked(kind);
+    }
+    std::vector<int> States() {
+        std::vector<int> states;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& notification : OfKindLocked(Kind::kState)) {
+            states.push_back(notification.value);
+        }
+        return states;
+    }
+    std::vector<int> WaitForStates(std::size_t count) {
+        WaitFor(Kind::kState, count);
+        return States();
+    }
+
+private:
+    void Add(Notification notification) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        notifications_.push_back(std::move(notification));
+        changed_.notify_all();
+    }
+    std::size_t CountLocked(Kind kind) const { return OfKindLocked(kind).size(); }
+    std::vector<Notification> OfKindLocked(Kind kind) const {
+        std::vector<Notification> found;
+        for (const auto& notification : notifications_) {
+            if (notification.kind == kind) {
+                found.push_back(notification);
+            }
+        }
+        return found;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Notification> notifications_;
+};
+
+class NullSessionCallback : public VISessionCallbackIf {
+public:
+    void VIConnectorStatus(SessionStatus) override {}
+};
+
+// A connector configured for `port`, started and ready.
+class StartedConnector {
+public:
+    StartedConnector(std::uint16_t port, const std::string& clientId,
+                     const std::string& extraMqtt = "") {
+        const auto path = directory_.Write(
+            "vi.ini",
+            "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(port) + "\nclient_id=" + clientId +
+                "\nkeep_alive=5\nreconnect_delay_min_ms=50\nreconnect_delay_max_ms=400\n" +
+                extraMqtt +
+                "[transaction t]\nurl=http://127.0.0.1:1/\ntoken=x\n"
+                "[connection_state]\nmode=fixed\n");
+        connector_ = std::make_unique<VIConnector>(&session_, nullptr, path);
+        connector_->Start();
+        kelvane::testing::WaitUntil(
+            [&] { return connector_->GetSessionStatus() == SessionStatus::kOk; }, kTimeout);
+    }
+    VIConnector& operator*() { return *connector_; }
+    VIConnector* operator->() { return connector_.get(); }
+
+private:
+    TemporaryDirectory directory_;
+    NullSessionCallback session_;
+    std::unique_ptr<VIConnector> connector_;
+};
+
+// Publishes `payload` (read from a file, so any bytes) as another client would.
+void PublishFromOtherClient(const MosquittoBroker& broker, const std::string& topic,
+                            const std::string& payload) {
+    TemporaryDirectory directory;
+    const auto file = directory.Write("payload.bin", payload);
+    ChildProcess publisher({{"mosquitto_pub", "-h", "127.0.0.1", "-p",
+                             std::to_string(broker.Port()), "-q", "1", "-t", topic, "-f", file},
+                            {},
+                            directory.File("out.txt")});
+    ASSERT_EQ(publisher.WaitForExit(kTimeout), std::optional<int>(0))
+        << kelvane::testing::ReadFile(directory.File("out.txt"));
+}
+
+std::vector<std::uint8_t> Bytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+using Kind = Notification::Kind;
+
+TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessage) {
+    MosquittoBroker broker;
+    RecordingPubSubCallback callback;
+    StartedConnector sut(broker.Port(), "kv-receive");
+
+    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    EXPECT_EQ(callback.WaitForStates(2), (std::vector<int>{1, 0}));
+    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kAlreadyOrQueued);
+    const auto subscribed = sut->PubSubSubscribe("push/ecu", true);
+    ASSERT_EQ(subscribed.status, pubsub_status::kOk);
+    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
+    ASSERT_EQ(acks.size(), 1U);
+    EXPECT_EQ(acks[0].topic, "push/ecu");
+    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kGranted);
+    EXPECT_EQ(acks[0].id, subscribed.requestId);
+
+    const std::string payload("\x00\x01zelk\x00\xff", 8);
+    PublishFromOtherClient(broker, "push/ecu", payload);
+    PublishFromOtherClient(broker, "push/ecu", "second");
+
+    const auto messages = callback.WaitFor(Kind::kMessage, 2);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].topic, "push/ecu");
+    EXPECT_EQ(messages[0].payload, Bytes(payload));
+    EXPECT_EQ(messages[1].payload, Bytes("second"));
+}
+
+TEST(MosquittoPubSubTest, SubscriptionWhileTheBrokerIsDownIsQueuedAndSentOnceItIsUp) {
+    MosquittoBroker broker;
+    broker.Stop();
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback callback;
+    StartedConnector sut(broker.Port(), "kv-queue");
+
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    const auto queued = sut->PubSubSubscribe("push/queued", true);
+    const auto refused = sut->PubSubSubscribe("push/not-queued", false);
+    // Several attempts fail before the broker comes: one warning, not one per attempt.
+    ASSERT_TRUE(log.WaitFor("still unreachable", kTimeout, 2));
+    broker.Start();
+
+    EXPECT_EQ(queued.status, pubsub_status::kAlreadyOrQueued);
+    EXPECT_NE(refused.status, pubsub_status::kOk);
+    EXPECT_NE(refused.status, pubsub_status::kAlreadyOrQueued);
+    EXPECT_EQ(callback.WaitForStates(2), (std::vector<int>{1, 0}));
+    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
+    ASSERT_EQ(acks.size(), 1U);
+    EXPECT_EQ(acks[0].topic, "push/queued");
+    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kGranted);
+    PublishFromOtherClient(broker, "push/queued", "after the outage");
+    EXPECT_EQ(callback.WaitFor(Kind::kMessage, 1).size(), 1U);
+    EXPECT_EQ(log.Count(csc_logging::LogLevel::kWarning, "cannot connect to MQTT broker"), 1U);
+}
+
+TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
+    MosquittoBroker broker;
+    RecordingPubSubCallback callback;
+    StartedConnector sut(broker.Port(), "kv-restart");
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+    ASSERT_EQ(sut->PubSubSubscribe("push/restart", true).status, pubsub_status::kOk);
+    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+
+    broker.Restart();
+
+    EXPECT_EQ(callback.WaitForStates(4), (std::vector<int>{1, 0, 1, 0}));
+    // The broker forgot the subscription (clean start): it is made again.
+    ASSERT_EQ(sut->PubSubSubscribe("push/restart", true).status, pubsub_status::kOk);
+    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 2).size(), 2U);
+    PublishFromOtherClient(broker, "push/restart", "again");
+    const auto messages = callback.WaitFor(Kind::kMessage, 1);
+    ASSERT_EQ(messages.size(), 1U);
+    EXPECT_EQ(messages[0].payload, Bytes("again"));
+    EXPECT_EQ(callback.States().size(), 4U);
+    EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
+}
+
+TEST(MosquittoPubSubTest, TopicDeniedByTheBrokerIsAcknowledgedAsRefused) {
+    TemporaryDirectory security;
+    const auto dynsec = security.Write("dynsec.json", R"({
+  "defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true,
+                       "subscribe": true, "unsubscribe": true},
+  "clients": [],
+  "groups": [{"groupname": "anonymous", "roles": [{"rolename": "no-secrets"}], "clients": []}],
+  "roles": [{"rolename": "no-secrets", "acls": [
+      {"acltype": "subscribePattern", "topic": "secret/#", "priority": 0, "allow": false}]}],
+  "anonymousGroup": "anonymous"
+})");
+    // A broker started as root reads the plugin's file as user mosquitto.
+    ASSERT_EQ(::chmod(security.Path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(dynsec.c_str(), 0644), 0);
+    MosquittoBroker broker(
+        "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so\n"
+        "plugin_opt_config_file " +
+        dynsec);
+    RecordingPubSubCallback callback;
+    StartedConnector sut(broker.Port(), "kv-denied");
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+
+    const auto denied = sut->PubSubSubscribe("secret/keys", true);
+    const auto allowed = sut->PubSubSubscribe("open/keys", true);
+
+    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 2);
+    ASSERT_EQ(acks.size(), 2U);
+    EXPECT_EQ(acks[0].topic, "secret/keys");
+    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kRefused);
+    EXPECT_EQ(acks[0].id, denied.requestId);
+    EXPECT_EQ(acks[1].topic, "open/keys");
+    EXPECT_EQ(acks[1].value, VIPubSubCallbackIf::kGranted);
+    EXPECT_EQ(acks[1].id, allowed.requestId);
+    EXPECT_NE(denied.requestId, allowed.requestId);
+}
+
+TEST(MosquittoPubSubTest, PublishedBytesComeBackUnchangedAndAreAcknowledged) {
+    MosquittoBroker broker;
+    RecordingPubSubCallback callback;
+    StartedConnector sut(broker.Port(), "kv-publish");
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+    ASSERT_EQ(sut->PubSubSubscribe("loop/#", true).status, pubsub_status::kOk);
+    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    std::vector<std::uint8_t> payload(70000);
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<std::uint8_t>(i * 7);
+    }
+
+    EXPECT_EQ(sut->PubSubPublish("loop/a", payload, 1, 60, PublishPayloadFormat::kUnspecified,
+                                 "application/octet-stream", false),
+              pubsub_status::kOk);
+    EXPECT_EQ(sut->PubSubPublish("loop/b", {}, 0, 0, PublishPayloadFormat::kUtf8, "", false),
+              pubsub_status::kOk);
+
+    const auto acks = callback.WaitFor(Kind::kPublishAck, 2);
+    ASSERT_EQ(acks.size(), 2U);
+    const auto messages = callback.WaitFor(Kind::kMessage, 2);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].topic, "loop/a");
+    EXPECT_EQ(messages[0].payload, payload);
+    EXPECT_EQ(messages[1].topic, "loop/b");
+    EXPECT_TRUE(messages[1].payload.empty());
+    EXPECT_NE(
+        sut->PubSubPublish("loop/c", payload, 3, 0, PublishPayloadFormat::kUnspecified, "", false),
+        pubsub_status::kOk);
+}
+
+TEST(MosquittoPubSubTest, MisuseFailsWithAClearLineAndDisconnectEndsTheSession) {
+    MosquittoBroker broker;
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback callback;
+    NullSessionCallback session;
+    VIConnector notStarted(&session, &callback, "/nonexistent/vi.ini");
+
+    EXPECT_EQ(notStarted.PubSubConnect(&callback), pubsub_status::kFailed);
+    EXPECT_TRUE(
+        log.Contains(csc_logging::LogLevel::kError, "PubSubConnect before a successful Start()"));
+    EXPECT_EQ(notStarted.PubSubSubscribe("a/b", true).status, pubsub_status::kFailed);
+    EXPECT_EQ(notStarted.PubSubDisconnect(), pubsub_status::kFailed);
+
+    StartedConnector sut(broker.Port(), "kv-misuse");
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+    EXPECT_EQ(sut->PubSubSubscribe("bad/#/filter", true).status, pubsub_status::kFailed);
+    EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
+
+    EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kOk);
+    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kFailed);
+    EXPECT_EQ(sut->PubSubSubscribe("a/b", true).status, pubsub_status::kFailed);
+    EXPECT_EQ(sut->PubSubPublish("a/b", {1}, 0, 0, PublishPayloadFormat::kUnspecified, "", false),
+              pubsub_status::kFailed);
+    // The same connector connects again.
+    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    EXPECT_EQ(callback.WaitForStates(5), (std::vector<int>{1, 0, 1, 1, 0}));
+}
+
+TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
+    // The owner of the callback may be gone before the connector is destroyed.
+    MosquittoBroker broker;
+    RecordingPubSubCallback callback;
+    {
+        StartedConnector sut(broker.Port(), "kv-destroyed");
+        ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+        ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+        ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
+    }
+
+    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
+    EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
+}
+
+}  // namespace
+}  // namespace vi_connector
