@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 #include <botan/base64.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -108,6 +109,9 @@ void RegisterFor(std::size_t size) {
 // Prints the usual table, then one line per figure with its ratio to Botan's.
 class SummaryReporter : public benchmark::ConsoleReporter {
 public:
+    // Colour only on a terminal, so that saved output stays readable.
+    SummaryReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
             const auto rate = run.counters.find("bytes_per_second");
