@@ -2,7 +2,13 @@
 # generated protobuf and D-Bus glue does not fail the build on its style.
 set(KELVANE_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
                      -Woverloaded-virtual -Wnull-dereference -Wformat=2)
+# Cached so that a re-configure started by the build tool keeps the choice.
+set(werror_default OFF)
 if(DEFINED ENV{CI} AND NOT "$ENV{CI}" STREQUAL "" AND NOT "$ENV{CI}" STREQUAL "false")
+    set(werror_default ON)
+endif()
+option(KELVANE_WERROR "Treat warnings as errors (on by default when CI is set)" ${werror_default})
+if(KELVANE_WERROR)
     list(APPEND KELVANE_WARNINGS -Werror)
 endif()
 
