@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Installs the build into a staging directory as the Debian package would and
+# checks the layout; verifies the unit with systemd-analyze where it exists.
+set -euo pipefail
+build_dir=$1
+deploy_dir=$2
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+
+DESTDIR="$stage" cmake --install "$build_dir" --prefix /usr >/dev/null
+
+expected=(
+    usr/bin/kelvane-client
+    lib/systemd/system/kelvane-client.service
+    lib/sysusers.d/kelvane-client.conf
+    usr/share/dbus-1/system.d/kelvane-client.conf
+    etc/kelvane-client/vi-connector.ini
+    etc/kelvane-client-phm.ini
+    usr/share/doc/kelvane-client/README.md
+)
+failed=0
+for path in "${expected[@]}"; do
+    if [[ ! -e "$stage/$path" ]]; then
+        echo "missing after install: /$path"
+        failed=1
+    fi
+done
+[[ -x "$stage/usr/bin/kelvane-client" ]] || { echo "/usr/bin/kelvane-client is not executable"; failed=1; }
+if command -v xmllint >/dev/null 2>&1; then
+    xmllint --noout "$stage/usr/share/dbus-1/system.d/kelvane-client.conf" || failed=1
+fi
+
+if command -v systemd-analyze >/dev/null 2>&1; then
+    # verify resolves ExecStart against the staged tree, not the host.
+    unit="$stage/lib/systemd/system/kelvane-client.service"
+    sed "s#^ExecStart=/usr/bin/#ExecStart=$stage/usr/bin/#" "$unit" >"$stage/kelvane-client.service"
+    if ! output=$(systemd-analyze verify "$stage/kelvane-client.service" 2>&1); then
+        echo "systemd-analyze verify failed:"
+        echo "$output"
+        failed=1
+    elif [[ -n "$output" ]]; then
+        # Warnings about the host (no running systemd, missing dbus.service) are not ours.
+        echo "$output" | grep -i "kelvane-client.service" && failed=1
+    fi
+else
+    echo "systemd-analyze not found: unit not verified"
+fi
+
+if [[ $failed -ne 0 ]]; then
+    exit 1
+fi
+echo "1 passed, 0 failed"
