@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +10,7 @@
 #include "csc_logging/log_capture.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/mosquitto_broker.hpp"
+#include "test_support/mosquitto_dynamic_security.hpp"
 #include "test_support/temporary_directory.hpp"
 #include "vi_connector/vi_connector.hpp"
 
@@ -245,22 +245,7 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
 
 TEST(MosquittoPubSubTest, TopicDeniedByTheBrokerIsAcknowledgedAsRefused) {
     TemporaryDirectory security;
-    const auto dynsec = security.Write("dynsec.json", R"({
-  "defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true,
-                       "subscribe": true, "unsubscribe": true},
-  "clients": [],
-  "groups": [{"groupname": "anonymous", "roles": [{"rolename": "no-secrets"}], "clients": []}],
-  "roles": [{"rolename": "no-secrets", "acls": [
-      {"acltype": "subscribePattern", "topic": "secret/#", "priority": 0, "allow": false}]}],
-  "anonymousGroup": "anonymous"
-})");
-    // A broker started as root reads the plugin's file as user mosquitto.
-    ASSERT_EQ(::chmod(security.Path().c_str(), 0755), 0);
-    ASSERT_EQ(::chmod(dynsec.c_str(), 0644), 0);
-    MosquittoBroker broker(
-        "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so\n"
-        "plugin_opt_config_file " +
-        dynsec);
+    MosquittoBroker broker(kelvane::testing::DenySubscriptionsConfig(security, "secret/#"));
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-denied");
     ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);

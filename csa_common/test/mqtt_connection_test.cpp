@@ -1,0 +1,284 @@
+#include "csa_common/mqtt_connection.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "csc_logging/log_capture.hpp"
+
+namespace csa_common {
+namespace {
+
+using csc_logging::LogCapture;
+using csc_logging::LogLevel;
+using testing::_;
+using testing::Return;
+using vi_connector::PublishPayloadFormat;
+using vi_connector::VIPubSubCallbackIf;
+
+class MockVIConnector : public vi_connector::VIConnector {
+public:
+    MockVIConnector() : VIConnector(NoConfiguration{}) {}
+    MOCK_METHOD(std::uint32_t, PubSubConnect, (VIPubSubCallbackIf*), (override));
+    MOCK_METHOD(std::uint32_t, PubSubDisconnect, (), (override));
+    MOCK_METHOD(vi_connector::SubscribeResult, PubSubSubscribe, (const std::string&, bool),
+                (override));
+    MOCK_METHOD(std::uint32_t, PubSubPublish,
+                (const std::string&, const std::vector<std::uint8_t>&, unsigned int, unsigned int,
+                 PublishPayloadFormat, const std::string&, bool),
+                (override));
+};
+
+class MockOwner : public MqttConnectionCbIf {
+public:
+    MOCK_METHOD(void, MQTTMessageReceivedCb, (), (override));
+    MOCK_METHOD(void, MQTTResubscribeCb, (), (override));
+    MOCK_METHOD(void, MQTTSubscribeFailedCb, (), (override));
+};
+
+class MqttConnectionTest : public testing::Test {
+protected:
+    std::shared_ptr<testing::StrictMock<MockVIConnector>> connector_ =
+        std::make_shared<testing::StrictMock<MockVIConnector>>();
+    testing::StrictMock<MockOwner> owner_;
+    MqttConnection sut{connector_, &owner_};
+    LogCapture log_;
+};
+
+std::vector<std::uint8_t> Bytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+// ---- Connect: 0, 1 and 3 succeed --------------------------------------------------------
+
+struct StatusCase {
+    std::uint32_t status;
+    bool failed;
+};
+
+class MqttConnectionConnectTest : public MqttConnectionTest,
+                                  public testing::WithParamInterface<StatusCase> {};
+
+TEST_P(MqttConnectionConnectTest, RegistersItselfAndReadsTheStatus) {
+    const auto [status, failed] = GetParam();
+    EXPECT_CALL(*connector_, PubSubConnect(static_cast<VIPubSubCallbackIf*>(&sut)))
+        .WillOnce(Return(status));
+
+    EXPECT_EQ(sut.Connect(), failed);
+
+    const std::string result = "result=" + std::to_string(status);
+    if (failed) {
+        EXPECT_EQ(log_.Count(LogLevel::kError,
+                             "MqttConnection: Failed to connect to MQTT-CDP, " + result),
+                  1U);
+    } else {
+        EXPECT_EQ(log_.Count(LogLevel::kInfo, "MqttConnection: Connected to MQTT-CDP, " + result),
+                  1U);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, MqttConnectionConnectTest,
+                         testing::Values(StatusCase{0, false}, StatusCase{1, false},
+                                         StatusCase{3, false}, StatusCase{2, true},
+                                         StatusCase{4, true}));
+
+// ---- Subscribe: only 0 and 3 succeed -----------------------------------------------------
+
+class MqttConnectionSubscribeTest : public MqttConnectionTest,
+                                    public testing::WithParamInterface<StatusCase> {};
+
+TEST_P(MqttConnectionSubscribeTest, AsksForTheTopicWithTheFlagSetAndReadsTheStatus) {
+    const auto [status, failed] = GetParam();
+    EXPECT_CALL(*connector_, PubSubSubscribe("TTVI-Kelvane-C003.CTzelkDlcInitiation", true))
+        .WillOnce(Return(vi_connector::SubscribeResult{status, 513}));
+
+    EXPECT_EQ(sut.Subscribe("TTVI-Kelvane-C003.CTzelkDlcInitiation"), failed);
+
+    if (failed) {
+        EXPECT_EQ(log_.Count(LogLevel::kError,
+                             "MqttConnection: Failed to subscribe to topic "
+                             "TTVI-Kelvane-C003.CTzelkDlcInitiation, status=" +
+                                 std::to_string(status) + ", Request ID:513"),
+                  1U);
+    } else {
+        EXPECT_EQ(log_.Count(LogLevel::kInfo,
+                             "MqttConnection: Subscribed to topic "
+                             "TTVI-Kelvane-C003.CTzelkDlcInitiation, status=" +
+                                 std::to_string(status)),
+                  1U);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, MqttConnectionSubscribeTest,
+                         testing::Values(StatusCase{0, false}, StatusCase{3, false},
+                                         StatusCase{1, true}, StatusCase{2, true}));
+
+// ---- Received messages ----------------------------------------------------------------
+
+TEST_F(MqttConnectionTest, MessagesComeOutInArrivalOrderWithEveryByte) {
+    const std::string binary("\x00\x01zelk\x00\xff\x00", 9);
+    EXPECT_CALL(owner_, MQTTMessageReceivedCb()).Times(2);
+    EXPECT_FALSE(sut.CheckReceivedUpdate());
+
+    sut.VIPublishReceived("topic/a", Bytes(binary), 7);
+    sut.VIPublishReceived("topic/b", Bytes("second"), 8);
+
+    ASSERT_TRUE(sut.CheckReceivedUpdate());
+    const std::string first = sut.GetReceivedMessage();
+    EXPECT_EQ(first.size(), 9U);
+    EXPECT_EQ(first, binary);
+    ASSERT_TRUE(sut.CheckReceivedUpdate());
+    EXPECT_EQ(sut.GetReceivedMessage(), "second");
+    EXPECT_FALSE(sut.CheckReceivedUpdate());
+    EXPECT_TRUE(log_.Contains(LogLevel::kDebug,
+                              "MqttConnection: Message received for topic topic/b, "
+                              "message:second, messageId: 8"));
+}
+
+TEST_F(MqttConnectionTest, OwnerMayTakeTheMessageFromInsideTheNotification) {
+    std::string taken;
+    EXPECT_CALL(owner_, MQTTMessageReceivedCb()).WillOnce([&] {
+        ASSERT_TRUE(sut.CheckReceivedUpdate());
+        taken = sut.GetReceivedMessage();
+    });
+
+    sut.VIPublishReceived("t", Bytes("push"), 1);
+
+    EXPECT_EQ(taken, "push");
+    EXPECT_FALSE(sut.CheckReceivedUpdate());
+}
+
+TEST_F(MqttConnectionTest, EmptyPayloadIsStoredAsAnEmptyMessage) {
+    EXPECT_CALL(owner_, MQTTMessageReceivedCb());
+
+    sut.VIPublishReceived("t", {}, 4294967295U);
+
+    ASSERT_TRUE(sut.CheckReceivedUpdate());
+    EXPECT_EQ(sut.GetReceivedMessage(), "");
+    EXPECT_TRUE(log_.Contains("messageId: 4294967295"));
+}
+
+TEST_F(MqttConnectionTest, TakingFromAnEmptyStoreAborts) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(sut.GetReceivedMessage(), "");
+}
+
+// ---- Connection state ------------------------------------------------------------------
+
+struct StateCase {
+    std::vector<std::int32_t> states;
+    int resubscriptions;
+};
+
+class MqttConnectionStateTest : public MqttConnectionTest,
+                                public testing::WithParamInterface<StateCase> {};
+
+TEST_P(MqttConnectionStateTest, OnlyOneToZeroAsksForResubscription) {
+    const auto& [states, resubscriptions] = GetParam();
+    EXPECT_CALL(owner_, MQTTResubscribeCb()).Times(resubscriptions);
+
+    for (const auto state : states) {
+        sut.VIPubSubConnectionState(static_cast<VIPubSubCallbackIf::PubSubConnectionState>(state));
+    }
+
+    std::int32_t previous = 0;
+    for (const auto state : states) {
+        EXPECT_TRUE(log_.Contains(LogLevel::kDebug,
+                                  "MqttConnection: Connection state has changed from " +
+                                      std::to_string(previous) + " to " + std::to_string(state)));
+        previous = state;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sequences, MqttConnectionStateTest,
+                         testing::Values(StateCase{{1, 0}, 1}, StateCase{{0}, 0},
+                                         StateCase{{1, 2, 0}, 0}, StateCase{{1, 0, 1, 0}, 2},
+                                         StateCase{{0, 0, 1, 1, 0, 0}, 1}, StateCase{{-1, 0}, 0}));
+
+// ---- Acknowledgements and failures -----------------------------------------------------
+
+TEST_F(MqttConnectionTest, OnlyARefusedSubscriptionTellsTheOwnerToBackOff) {
+    EXPECT_CALL(owner_, MQTTSubscribeFailedCb()).Times(1);
+
+    sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::kGranted, 1);
+    sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::kRefused, 65535);
+    sut.VISubscribeAcknowledgeReceived("t", static_cast<VIPubSubCallbackIf::SubscriptionStatus>(2),
+                                       3);
+
+    EXPECT_TRUE(log_.Contains(LogLevel::kDebug,
+                              "MqttConnection: Subscribe acknowledged to topic t, status 1 "
+                              "Request ID:65535"));
+    EXPECT_TRUE(log_.Contains("status 0 Request ID:1"));
+    EXPECT_TRUE(log_.Contains("status 2 Request ID:3"));
+}
+
+TEST_F(MqttConnectionTest, FailedSubscriptionRequestAsksForAnotherTryAndOtherFailuresOnlyLog) {
+    EXPECT_CALL(owner_, MQTTResubscribeCb()).Times(1);
+
+    sut.VISubscribeFailed("push", 9);
+    sut.VIPublishFailed("out", 10);
+    sut.VIUnsubscribeFailed("old", 11);
+    sut.VIPublishAcknowledgeReceived("out", 12);
+    sut.VIUnsubscribeAcknowledgeReceived("old", 13);
+    sut.VIConnectorStatus(vi_connector::SessionStatus::kRejected);
+
+    EXPECT_TRUE(log_.Contains(LogLevel::kError,
+                              "MqttConnection: Subscribe to topic push failed, Request ID:9"));
+    EXPECT_TRUE(log_.Contains(LogLevel::kError,
+                              "MqttConnection: Publish to topic out failed, Request ID:10"));
+    EXPECT_TRUE(log_.Contains(LogLevel::kError,
+                              "MqttConnection: Unsubscribe to topic old failed, Request ID:11"));
+    EXPECT_TRUE(log_.Contains(LogLevel::kDebug,
+                              "MqttConnection: Publish acknowledged to topic out, Request ID:12"));
+    EXPECT_TRUE(log_.Contains(
+        LogLevel::kDebug, "MqttConnection: Unsubscribe acknowledged to topic old, Request ID:13"));
+    EXPECT_TRUE(
+        log_.Contains(LogLevel::kDebug, "MqttConnection: VI-Connector status has changed to 3"));
+}
+
+TEST(MqttConnectionWithoutOwnerTest, EveryNotificationStillLogsAndStores) {
+    auto connector = std::make_shared<testing::StrictMock<MockVIConnector>>();
+    LogCapture log;
+    MqttConnection sut(connector, nullptr);
+
+    sut.VIPubSubConnectionState(VIPubSubCallbackIf::kDisconnected);
+    sut.VIPubSubConnectionState(VIPubSubCallbackIf::kConnected);
+    sut.VIPublishReceived("t", Bytes("kept"), 1);
+    sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::kRefused, 2);
+    sut.VISubscribeFailed("t", 3);
+
+    EXPECT_TRUE(log.Contains("Connection state has changed from 1 to 0"));
+    EXPECT_TRUE(log.Contains("Message received for topic t"));
+    EXPECT_TRUE(log.Contains("status 1 Request ID:2"));
+    EXPECT_TRUE(log.Contains("Subscribe to topic t failed"));
+    ASSERT_TRUE(sut.CheckReceivedUpdate());
+    EXPECT_EQ(sut.GetReceivedMessage(), "kept");
+}
+
+// ---- Publish and Disconnect pass through -------------------------------------------------
+
+TEST_F(MqttConnectionTest, PublishHandsTheBytesOverInTheConnectorsArgumentOrder) {
+    const std::string message("a\0b", 3);
+    EXPECT_CALL(*connector_, PubSubPublish("out/topic", Bytes(message), 1U, 7U,
+                                           PublishPayloadFormat::kUnspecified, "text/plain", true))
+        .WillOnce(Return(0U));
+    EXPECT_CALL(*connector_, PubSubPublish("out/topic", _, 0U, 0U, _, "", false))
+        .WillOnce(Return(2U));
+
+    EXPECT_FALSE(sut.Publish("out/topic", message, true, 1, 7, "text/plain"));
+    EXPECT_TRUE(sut.Publish("out/topic", "x", false, 0, 0, ""));
+    EXPECT_TRUE(log_.Records().empty());
+}
+
+TEST_F(MqttConnectionTest, DisconnectReturnsTheConnectorsResultUnchanged) {
+    EXPECT_CALL(*connector_, PubSubDisconnect()).WillOnce(Return(0U)).WillOnce(Return(77U));
+
+    EXPECT_EQ(sut.Disconnect(), 0U);
+    EXPECT_EQ(sut.Disconnect(), 77U);
+}
+
+}  // namespace
+}  // namespace csa_common
