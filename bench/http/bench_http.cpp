@@ -3,6 +3,7 @@
 // server closes, decode), set against libcurl doing the same exchange.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -135,6 +136,9 @@ BENCHMARK(BM_ChallengeExchange_libcurl)->UseRealTime();
 // Prints the usual table, then the exchange's time per call against libcurl's.
 class SummaryReporter : public benchmark::ConsoleReporter {
 public:
+    // Colour only on a terminal, so that saved output stays readable.
+    SummaryReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
             if (!run.error_occurred &&

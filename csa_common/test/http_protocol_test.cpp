@@ -148,14 +148,6 @@ TEST(HttpProtocolTest, SetDefaultValuesClearsSettingsButKeepsTheLastRequest) {
     EXPECT_EQ(sut.ResponsePayload(), "payload");
 }
 
-TEST(HttpProtocolTest, NewObjectHasNoResponse) {
-    const HttpProtocol sut;
-
-    EXPECT_EQ(sut.ResponseStatusCode(), 0);
-    EXPECT_EQ(sut.ResponseHeader(), "");
-    EXPECT_EQ(sut.ResponsePayload(), "");
-}
-
 struct ParseCase {
     std::string name;
     std::string response;
