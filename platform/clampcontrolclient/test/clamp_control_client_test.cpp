@@ -1,0 +1,166 @@
+#include "clampcontrolclient/clamp_control_client.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "clampcontrolclient/clamp_control_service.hpp"
+#include "test_support/child_process.hpp"
+#include "test_support/private_dbus_daemon.hpp"
+
+// The client against the service, both on a bus of the test's own.
+namespace clampcontrolclient {
+namespace {
+
+using namespace std::chrono_literals;
+using kelvane::testing::PrivateDbusDaemon;
+using kelvane::testing::WaitUntil;
+using Events = std::vector<std::string>;
+
+constexpr auto kTimeout = 5s;
+
+class RecordingCallback : public ClampControlCallbackIf {
+public:
+    void ConnectionStateNotification(bool connected) override {
+        Add(connected ? "connected" : "disconnected");
+    }
+    void ClampControlNotification(bool clamp15On) override {
+        Add(clamp15On ? "clamp15 on" : "clamp15 off");
+    }
+    void ClampControlSubscribedNotification() override { Add("subscribed"); }
+
+    /// Waits until `count` events arrived; returns all of them.
+    Events WaitFor(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, kTimeout, [&] { return events_.size() >= count; });
+        return events_;
+    }
+    Events Take() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::move(events_);
+    }
+
+private:
+    void Add(std::string event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(event));
+        changed_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Events events_;
+};
+
+class ClampControlClientTest : public testing::Test {
+protected:
+    void StartClient() {
+        sut_.RegisterCallback(&callback_);
+        sut_.Start();
+    }
+
+    PrivateDbusDaemon bus_;
+    RecordingCallback callback_;
+    ClampControlClient sut_;
+};
+
+TEST_F(ClampControlClientTest, ServiceComingAndGoingIsReportedFromTheStart) {
+    StartClient();
+    EXPECT_EQ(callback_.WaitFor(1), Events{"disconnected"});
+
+    auto service = std::make_unique<ClampControlService>();
+    service->Offer();
+    EXPECT_EQ(callback_.WaitFor(2), (Events{"disconnected", "connected"}));
+    service->StopOffer();
+    service->Offer();
+    EXPECT_EQ(callback_.WaitFor(4),
+              (Events{"disconnected", "connected", "disconnected", "connected"}));
+    // A restart of the service process.
+    service.reset();
+    service = std::make_unique<ClampControlService>();
+    service->Offer();
+    EXPECT_EQ(callback_.WaitFor(6), (Events{"disconnected", "connected", "disconnected",
+                                            "connected", "disconnected", "connected"}));
+}
+
+TEST_F(ClampControlClientTest, SubscriptionDeliversTheCurrentStateOnceThenEveryChange) {
+    ClampControlService service(true);
+    service.Offer();
+    StartClient();
+    ASSERT_EQ(callback_.WaitFor(1), Events{"connected"});
+    callback_.Take();
+
+    const std::string id = sut_.Subscribe();
+
+    EXPECT_FALSE(id.empty());
+    EXPECT_EQ(callback_.WaitFor(2), (Events{"subscribed", "clamp15 on"}));
+    service.SetClampState(true);  // no change, no signal
+    service.SetClampState(false);
+    service.SetClampState(true);
+    EXPECT_EQ(callback_.WaitFor(4),
+              (Events{"subscribed", "clamp15 on", "clamp15 off", "clamp15 on"}));
+    EXPECT_NE(sut_.Subscribe(), id);
+    EXPECT_EQ(callback_.WaitFor(6), (Events{"subscribed", "clamp15 on", "clamp15 off", "clamp15 on",
+                                            "subscribed", "clamp15 on"}));
+}
+
+TEST_F(ClampControlClientTest, OnlySubscribersHearOfChangesAndLeaversAreForgotten) {
+    ClampControlService service;
+    service.Offer();
+    StartClient();
+    RecordingCallback otherCallback;
+    ClampControlClient other;
+    other.RegisterCallback(&otherCallback);
+    other.Start();
+    ASSERT_FALSE(sut_.Subscribe().empty());
+    ASSERT_EQ(callback_.WaitFor(3), (Events{"connected", "subscribed", "clamp15 off"}));
+
+    service.SetClampState(true);
+
+    EXPECT_EQ(callback_.WaitFor(4).back(), "clamp15 on");
+    EXPECT_EQ(otherCallback.Take(), Events{"connected"});
+    EXPECT_EQ(service.SubscriberCount(), 1U);
+    sut_.Stop();
+    EXPECT_TRUE(WaitUntil([&] { return service.SubscriberCount() == 0; }, kTimeout));
+}
+
+TEST_F(ClampControlClientTest, RefusalAndAbsenceGiveAnEmptyIdWithoutNotifications) {
+    EXPECT_THROW(sut_.Subscribe(), std::logic_error);
+    StartClient();
+    ASSERT_EQ(callback_.WaitFor(1), Events{"disconnected"});
+
+    EXPECT_EQ(sut_.Subscribe(), "");
+
+    ClampControlService service;
+    service.SetAcceptSubscriptions(false);
+    service.Offer();
+    ASSERT_EQ(callback_.WaitFor(2), (Events{"disconnected", "connected"}));
+    EXPECT_EQ(sut_.Subscribe(), "");
+    service.SetAcceptSubscriptions(true);
+    EXPECT_FALSE(sut_.Subscribe().empty());
+    // Only the accepted subscription brought notifications.
+    EXPECT_EQ(callback_.WaitFor(4),
+              (Events{"disconnected", "connected", "subscribed", "clamp15 off"}));
+}
+
+TEST(ClampControlClientWithoutBusTest, UnreachableBusIsReportedAsNotConnected) {
+    ::setenv("KELVANE_DBUS_ADDRESS", "unix:path=/nonexistent/kelvane-bus", 1);
+    RecordingCallback callback;
+    ClampControlClient sut;
+    sut.RegisterCallback(&callback);
+
+    sut.Start();
+
+    EXPECT_EQ(callback.Take(), Events{"disconnected"});
+    EXPECT_EQ(sut.Subscribe(), "");
+    ::unsetenv("KELVANE_DBUS_ADDRESS");
+}
+
+}  // namespace
+}  // namespace clampcontrolclient
