@@ -1,0 +1,78 @@
+#include "backend_sim/event_log.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+#include "csc_logging/csc_logging.hpp"
+
+namespace backend_sim {
+
+std::string UtcTimestamp() {
+    const auto now = std::chrono::system_clock::now();
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+    const std::time_t seconds = static_cast<std::time_t>(millis / 1000);
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    char text[32];
+    const auto length = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &utc);
+    char result[48];
+    std::snprintf(result, sizeof(result), "%.*s.%03dZ", static_cast<int>(length), text,
+                  static_cast<int>(millis % 1000));
+    return result;
+}
+
+EventLog::~EventLog() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+bool EventLog::Open(const std::string& path, std::string& error) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = "cannot open event log " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = fd;
+    return true;
+}
+
+sim_common::JsonLine EventLog::Begin() {
+    sim_common::JsonLine event;
+    event.String("time", UtcTimestamp())
+        .Number("seq", static_cast<std::int64_t>(sequence_.fetch_add(1) + 1));
+    return event;
+}
+
+void EventLog::Write(const sim_common::JsonLine& event) {
+    const std::string line = event.Str() + "\n";
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (fd_ < 0) {
+        return;
+    }
+    std::size_t written = 0;
+    while (written < line.size()) {
+        const ssize_t n = ::write(fd_, line.data() + written, line.size() - written);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            csc_logging::CSCLogging::Error(std::string("Event log write failed: ") +
+                                           std::strerror(errno));
+            return;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+}
+
+}  // namespace backend_sim
