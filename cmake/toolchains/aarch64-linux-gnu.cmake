@@ -14,6 +14,8 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+# CPack would otherwise label the packages with the build host's architecture.
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
 
 # try_compile projects re-read this file without the main project's cache, so
 # the sysroot is handed down both ways.
