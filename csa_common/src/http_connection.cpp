@@ -231,8 +231,9 @@ bool HttpConnection::UrlParser(const std::string& url, ParsedUrl& out) const {
     std::size_t hostEnd = 0;
     if (hostStart < url.size() && url[hostStart] == '[') {
         // An IPv6 literal keeps its colons; the brackets are not part of the address.
-        const auto closing = url.find(']', hostStart);
-        if (closing == std::string::npos) {
+        // A "]" past the first "/" belongs to the path, so the literal is unclosed.
+        const auto closing = url.find_first_of("]/", hostStart);
+        if (closing == std::string::npos || url[closing] != ']') {
             CSCLogging::Error("URL parsing failed! Domain not found!");
             return true;
         }
