@@ -186,7 +186,7 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         // Interim "100 Continue" answers are skipped; the final one follows on the same socket.
         while (finalResponsePending) {
             if (ReceiveAndParse(fd, protocol) != kOk) {
-                // The descriptor is deliberately left open here.
+                // Intentionally not closed after a receive failure (established behaviour).
                 return kReceiveFailed;
             }
             finalResponsePending = protocol.ResponseStatusCode() == kContinue;
