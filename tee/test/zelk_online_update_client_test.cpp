@@ -322,7 +322,7 @@ TEST(MonotonicSleepTest, SignalsDuringTheSleepDoNotEndItEarly) {
     done = true;
     interrupter.join();
     EXPECT_GE(elapsed, std::chrono::seconds(1));
-    EXPECT_GT(signalsSeen.load(), 1);
+    EXPECT_GE(signalsSeen.load(), 1);
 }
 
 }  // namespace

@@ -2,10 +2,14 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <future>
@@ -20,8 +24,57 @@
 
 namespace ara::com::internal {
 
+namespace {
+
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
+
+/// The socket path of a "unix:path=..." address, else empty.
+std::string UnixSocketPath(const std::string& address) {
+    const std::string first = address.substr(0, address.find(';'));
+    if (first.rfind("unix:", 0) != 0) {
+        return {};
+    }
+    std::size_t start = 5;
+    while (start < first.size()) {
+        const std::size_t end = std::min(first.find(',', start), first.size());
+        const std::string pair = first.substr(start, end - start);
+        if (pair.rfind("path=", 0) == 0) {
+            return pair.substr(5);
+        }
+        start = end + 1;
+    }
+    return {};
+}
+
+/// False when the bus is plainly absent: its unix socket refuses connections.
+/// sdbus-c++ 1.2 leaks the bus object of every failed connection attempt, so
+/// a loop that retries for hours must not make attempts that cannot succeed.
+bool MayBeReachable(const std::string& address) {
+    std::string path;
+    if (address == "system") {
+        const char* system = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+        path = system != nullptr ? UnixSocketPath(system) : "/run/dbus/system_bus_socket";
+    } else {
+        path = UnixSocketPath(address);
+    }
+    if (path.empty()) {
+        return true;
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return true;
+    }
+    sockaddr_un socketAddress{};
+    socketAddress.sun_family = AF_UNIX;
+    std::strncpy(socketAddress.sun_path, path.c_str(), sizeof(socketAddress.sun_path) - 1);
+    const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&socketAddress),
+                                    sizeof(socketAddress)) == 0;
+    ::close(fd);
+    return accepted;
+}
+
+}  // namespace
 
 struct BusLoop::State {
     std::string address;
@@ -185,6 +238,10 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
     while (!stopping()) {
         if (!connection) {
             try {
+                if (!MayBeReachable(state->address)) {
+                    throw sdbus::Error("org.freedesktop.DBus.Error.NoServer",
+                                       "nothing accepts connections on its socket");
+                }
                 connection = idl::OpenBusConnection(state->address);
                 state->current = connection.get();
                 unreachableReported = false;
