@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -16,6 +17,7 @@
 #include "runtime.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
+#include "test_support/temporary_directory.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 #include "zelk/interfaces/diagservices/diagservices_skeleton.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
@@ -324,6 +326,78 @@ TEST(AraBindingTest, LosingTheBusReportsTheServiceGoneWithoutEndingTheProcess) {
     EXPECT_TRUE(availability.Last().empty());
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "ara::com: lost bus"));
     DiagServicesProxy::StopFindService(search);
+}
+
+/// A bus that can go away and come back on the same address.
+class RestartableBus {
+public:
+    RestartableBus() : address_("unix:path=" + directory_.File("bus")) {
+        config_ = directory_.Write("bus.conf", R"(<!DOCTYPE busconfig PUBLIC
+ "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>)" + address_ + R"(</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)");
+    }
+    const std::string& Address() const { return address_; }
+    void Start() {
+        ::unlink(directory_.File("bus").c_str());
+        daemon_ = std::make_unique<kelvane::testing::ChildProcess>(
+            kelvane::testing::ChildProcess::Options{
+                {"dbus-daemon", "--config-file=" + config_, "--nofork", "--nosyslog"},
+                {},
+                directory_.File("dbus-daemon.log")});
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                try {
+                    return idl::OpenBusConnection(address_) != nullptr;
+                } catch (const sdbus::Error&) {
+                    return false;
+                }
+            },
+            kTimeout));
+    }
+    void Stop() { daemon_.reset(); }
+
+private:
+    kelvane::testing::TemporaryDirectory directory_;
+    std::string address_;
+    std::string config_;
+    std::unique_ptr<kelvane::testing::ChildProcess> daemon_;
+};
+
+TEST(AraBindingTest, BusComingBackIsRejoinedWithOffersAndSearchesRestored) {
+    RestartableBus bus;
+    bus.Start();
+    ::setenv("KELVANE_DBUS_ADDRESS", bus.Address().c_str(), 1);
+    {
+        ac::com::runtime::Component_singleton component(true, "");
+        FakeDiagServices service;
+        service.OfferService();
+        Availability availability;
+        auto search = DiagServicesProxy::StartFindService(availability.Handler(), kDiagInstance);
+        ASSERT_TRUE(availability.WaitForCalls(1));
+
+        bus.Stop();
+        ASSERT_TRUE(availability.WaitForCalls(2));
+        EXPECT_TRUE(availability.Last().empty());
+        bus.Start();
+
+        ASSERT_TRUE(availability.WaitForCalls(3));
+        ASSERT_EQ(availability.Last().size(), 1u);
+        DiagServicesProxy sut(availability.Last().front());
+        EXPECT_EQ(sut.GetTrainingCounter().get().trainingCounter, 0xbeef);
+        DiagServicesProxy::StopFindService(search);
+    }
+    ::unsetenv("KELVANE_DBUS_ADDRESS");
 }
 
 TEST(AraBindingTest, InstanceSpecifiersMapToBusNames) {
