@@ -657,20 +657,6 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "Clamp Control Subscribe has negative timeout."));
 }
 
-TEST_F(KelvaneClientTest, WaitEndsAtTheTimeoutOrAtATriggerSentBefore) {
-    Construct();
-    sut->SendTrigger();
-
-    sut->WaitForTrigger(5);  // returns at once: the trigger came first
-    const int blocks = clock->Blocks();
-    std::thread waiter([&] { sut->WaitForTrigger(5); });
-    ASSERT_TRUE(clock->AwaitBlockedAfter(blocks));
-    clock->Advance(5s);
-    waiter.join();
-
-    EXPECT_EQ(log.Count(LogLevel::kDebug, "Process timeout set to: 5s"), 2U);
-}
-
 // ---- the update procedure ----
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
@@ -827,23 +813,6 @@ TEST_F(KelvaneClientTest, RequestParametersStopAtTheFirstFailureFeedbackParamete
         log.Contains(LogLevel::kError, "SetRequestParameters(): zelk_get_zelk_vin Failed!"));
     EXPECT_TRUE(
         log.Contains(LogLevel::kWarning, "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"));
-}
-
-TEST_F(KelvaneClientTest, TokenAndUrlUseOppositeSuccessValuesAndOnlyKnownIds) {
-    Construct();
-    std::string token;
-    std::string url;
-
-    EXPECT_TRUE(sut->GetTokenAndUrl(DownloadRequestOperationTypeId, token, url));
-    EXPECT_EQ(token, "token-" + DownloadRequestOperationTypeId);
-    EXPECT_EQ(url, "http://backend/" + DownloadRequestOperationTypeId);
-    EXPECT_FALSE(sut->GetTokenAndUrl(ConnectionStateTransactionTypeId, token, url));
-    EXPECT_TRUE(log.Contains(LogLevel::kError, "Uknown operation type ID TTVI-Kelvane-C003"));
-    vi->failingUrl = StatusFeedbackOperationTypeId;
-    EXPECT_FALSE(sut->GetTokenAndUrl(StatusFeedbackOperationTypeId, token, url));
-    EXPECT_TRUE(log.Contains(LogLevel::kError,
-                             "Failed to get the URL for "
-                             "'TTVI-Kelvane-C003.COzelkDlcStatusFeedback', status=7"));
 }
 
 TEST_F(KelvaneClientTest, ChallengeBytesAreReadMostSignificantPairFirstInEitherCase) {
