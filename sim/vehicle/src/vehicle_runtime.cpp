@@ -122,6 +122,10 @@ bool VehicleRuntime::Start(std::string& error) {
             return false;
         }
     }
+    // A missing or broken state is the likelier problem, and its message the more useful.
+    if (!VehicleState::Load(options_.directory, error)) {
+        return false;
+    }
     const std::string lockPath = options_.directory + "/" + kLockName;
     lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lockFd_ < 0 || ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
@@ -130,6 +134,7 @@ bool VehicleRuntime::Start(std::string& error) {
         Stop();
         return false;
     }
+    // Read again under the lock: an instance that just ended may have written.
     auto state = VehicleState::Load(options_.directory, error);
     if (!state) {
         Stop();
