@@ -30,6 +30,13 @@ std::string CTimeText(std::chrono::system_clock::time_point time) {
     return buffer;
 }
 
+// Botan converts later times to a system-clock time point without failing: the
+// nanosecond count wraps around (year 2262).
+const Botan::X509_Time& LatestTimePoint() {
+    static const Botan::X509_Time latest(std::chrono::system_clock::time_point::max());
+    return latest;
+}
+
 }  // namespace
 
 bool IsCertificateValid(const std::string& certificate, std::chrono::system_clock::time_point now) {
@@ -40,6 +47,10 @@ bool IsCertificateValid(const std::string& certificate, std::chrono::system_cloc
 
         CSCLogging::Info("Current system time is " + CTimeText(now));
         const Botan::X509_Time& notAfter = parsed.not_after();
+        if (notAfter.cmp(LatestTimePoint()) > 0) {
+            // Not convertible to a time point: as unreadable as a broken certificate.
+            return false;
+        }
         CSCLogging::Info("The Base Certificate expires at " +
                          CTimeText(notAfter.to_std_timepoint()));
 

@@ -32,18 +32,22 @@ constexpr const char* kValidForMoreThanOneYear =
 enum class Encoding { kDer, kPem };
 
 // A self-signed certificate made by the test itself, valid until `notAfter`.
-std::string MakeCertificate(Clock::time_point notAfter, Encoding encoding) {
+std::string MakeCertificate(const Botan::X509_Time& notAfter, Encoding encoding) {
     static Botan::AutoSeeded_RNG rng;
     static const Botan::ECDSA_PrivateKey key(rng, Botan::EC_Group("secp256r1"));
     Botan::X509_Cert_Options options("Base certificate/DE/Kelvane/Test");
     options.start = Botan::X509_Time(kNow - Days{400});
-    options.end = Botan::X509_Time(notAfter);
+    options.end = notAfter;
     const auto certificate = Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng);
     if (encoding == Encoding::kPem) {
         return certificate.PEM_encode();
     }
     const auto der = certificate.BER_encode();
     return std::string(der.begin(), der.end());
+}
+
+std::string MakeCertificate(Clock::time_point notAfter, Encoding encoding) {
+    return MakeCertificate(Botan::X509_Time(notAfter), encoding);
 }
 
 struct ExpiryCase {
@@ -114,6 +118,20 @@ TEST(X509ValidatorTest, UnreadableCertificatesNeedAnUpdateAndLogNothing) {
         EXPECT_FALSE(IsCertificateValid(broken, kNow)) << "input of " << broken.size() << " bytes";
 
         EXPECT_TRUE(log.Texts().empty()) << log.Dump();
+    }
+}
+
+TEST(X509ValidatorTest, ExpiryBeyondTheSystemClocksRangeCountsAsUnreadable) {
+    // A nanosecond system-clock time point ends in April 2262.
+    for (const char* notAfter : {"22620412000000Z", "23000101000000Z", "30000101000000Z"}) {
+        const std::string certificate =
+            MakeCertificate(Botan::X509_Time(notAfter, Botan::GENERALIZED_TIME), Encoding::kDer);
+        LogCapture log;
+
+        EXPECT_FALSE(IsCertificateValid(certificate, kNow)) << notAfter;
+
+        EXPECT_EQ(log.Count("The Base Certificate expires at "), 0U) << log.Dump();
+        EXPECT_EQ(log.Count(kValidForMoreThanOneYear), 0U);
     }
 }
 
