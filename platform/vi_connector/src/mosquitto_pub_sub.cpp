@@ -1,6 +1,7 @@
 #include "mosquitto_pub_sub.hpp"
 
 #include <mqtt_protocol.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -214,20 +215,31 @@ bool MosquittoPubSub::CreateClient() {
     const bool wantsTls = !settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
                           !settings_.tlsKeyFile.empty();
     if (wantsTls) {
-        const auto optional = [](const std::string& path) {
-            return path.empty() ? nullptr : path.c_str();
-        };
-        const int rc = settings_.tlsCaFile.empty()
-                           ? MOSQ_ERR_INVAL
-                           : mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
-                                               optional(settings_.tlsCertFile),
-                                               optional(settings_.tlsKeyFile), nullptr);
-        if (rc != MOSQ_ERR_SUCCESS) {
-            CSCLogging::Error(
-                "VIConnector: MQTT TLS set-up failed (tls_ca_file='" + settings_.tlsCaFile +
-                "', tls_cert_file='" + settings_.tlsCertFile + "', tls_key_file='" +
-                settings_.tlsKeyFile +
-                "'): " + (settings_.tlsCaFile.empty() ? "tls_ca_file is required" : Describe(rc)));
+        std::string problem;
+        if (settings_.tlsCaFile.empty()) {
+            problem = "tls_ca_file is required for TLS";
+        }
+        for (const auto& [key, path] : {std::pair{"tls_ca_file", &settings_.tlsCaFile},
+                                        std::pair{"tls_cert_file", &settings_.tlsCertFile},
+                                        std::pair{"tls_key_file", &settings_.tlsKeyFile}}) {
+            if (problem.empty() && !path->empty() && ::access(path->c_str(), R_OK) != 0) {
+                problem =
+                    std::string(key) + " '" + *path + "' cannot be read: " + std::strerror(errno);
+            }
+        }
+        if (problem.empty()) {
+            const auto optional = [](const std::string& path) {
+                return path.empty() ? nullptr : path.c_str();
+            };
+            const int rc = mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
+                                             optional(settings_.tlsCertFile),
+                                             optional(settings_.tlsKeyFile), nullptr);
+            if (rc != MOSQ_ERR_SUCCESS) {
+                problem = Describe(rc);
+            }
+        }
+        if (!problem.empty()) {
+            CSCLogging::Error("VIConnector: MQTT TLS set-up failed: " + problem);
             mosquitto_destroy(client);
             return false;
         }

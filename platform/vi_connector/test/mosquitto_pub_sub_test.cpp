@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -340,6 +342,75 @@ TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
 
     EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
+}
+
+// A CA, a server certificate for 127.0.0.1 signed by it, and an unrelated CA.
+struct TestCertificates {
+    std::string ca;
+    std::string serverCertificate;
+    std::string serverKey;
+    std::string otherCa;
+};
+
+TestCertificates MakeCertificates(const TemporaryDirectory& directory) {
+    const auto run = [&](std::vector<std::string> argv) {
+        ChildProcess openssl({std::move(argv), {}, directory.File("openssl.txt")});
+        if (openssl.WaitForExit(kTimeout) != std::optional<int>(0)) {
+            throw std::runtime_error("openssl failed: " +
+                                     kelvane::testing::ReadFile(directory.File("openssl.txt")));
+        }
+    };
+    const auto file = [&](const char* name) { return directory.File(name); };
+    const std::vector<std::string> ecKey = {"-newkey", "ec", "-pkeyopt",
+                                            "ec_paramgen_curve:prime256v1", "-nodes"};
+    const auto request = [&](std::vector<std::string> tail) {
+        std::vector<std::string> argv = {"openssl", "req"};
+        argv.insert(argv.end(), ecKey.begin(), ecKey.end());
+        argv.insert(argv.end(), tail.begin(), tail.end());
+        run(argv);
+    };
+    request({"-x509", "-days", "2", "-subj", "/CN=kelvane test CA", "-keyout", file("ca.key"),
+             "-out", file("ca.crt")});
+    request({"-x509", "-days", "2", "-subj", "/CN=someone else", "-keyout", file("other.key"),
+             "-out", file("other.crt")});
+    request({"-subj", "/CN=127.0.0.1", "-keyout", file("server.key"), "-out", file("server.csr")});
+    const auto extensions = directory.Write("server.ext", "subjectAltName=IP:127.0.0.1\n");
+    run({"openssl", "x509", "-req", "-days", "2", "-in", file("server.csr"), "-CA", file("ca.crt"),
+         "-CAkey", file("ca.key"), "-CAcreateserial", "-extfile", extensions, "-out",
+         file("server.crt")});
+    // A broker started as root may read them as user mosquitto.
+    ::chmod(directory.Path().c_str(), 0755);
+    for (const char* name : {"ca.crt", "server.crt", "server.key"}) {
+        ::chmod(file(name).c_str(), 0644);
+    }
+    return {file("ca.crt"), file("server.crt"), file("server.key"), file("other.crt")};
+}
+
+TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority) {
+    TemporaryDirectory pki;
+    const auto certificates = MakeCertificates(pki);
+    MosquittoBroker broker("cafile " + certificates.ca + "\ncertfile " +
+                           certificates.serverCertificate + "\nkeyfile " + certificates.serverKey +
+                           "\n");
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback trusting;
+    RecordingPubSubCallback distrusting;
+    StartedConnector sut(broker.Port(), "kv-tls", "tls_ca_file=" + certificates.ca + "\n");
+    StartedConnector wrongCa(broker.Port(), "kv-tls-wrong",
+                             "tls_ca_file=" + certificates.otherCa + "\n");
+    StartedConnector missingCa(broker.Port(), "kv-tls-missing",
+                               "tls_ca_file=" + pki.File("missing.crt") + "\n");
+
+    ASSERT_EQ(sut->PubSubConnect(&trusting), pubsub_status::kInProgress);
+    ASSERT_EQ(wrongCa->PubSubConnect(&distrusting), pubsub_status::kInProgress);
+    EXPECT_EQ(missingCa->PubSubConnect(&distrusting), pubsub_status::kFailed);
+
+    EXPECT_EQ(trusting.WaitForStates(2), (std::vector<int>{1, 0}));
+    ASSERT_EQ(sut->PubSubSubscribe("push/tls", true).status, pubsub_status::kOk);
+    EXPECT_EQ(trusting.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    EXPECT_TRUE(log.WaitFor("cannot connect to MQTT broker", kTimeout));
+    EXPECT_EQ(distrusting.States(), std::vector<int>{1});
+    EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
 }
 
 }  // namespace
