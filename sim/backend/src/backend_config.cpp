@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <fstream>
+
 #include "ini_file_reader/ini_file_reader.hpp"
 #include "sim_common/command_line.hpp"
 
@@ -56,6 +58,17 @@ bool BackendConfig::Set(const std::string& name, const std::string& value, std::
             return false;
         }
         token = value;
+    } else if (name == "token-file") {
+        std::ifstream file(value);
+        std::string text;
+        if (!file || !std::getline(file, text)) {
+            error = "cannot read a token from '" + value + "'";
+            return false;
+        }
+        while (!text.empty() && (text.back() == '\r' || text.back() == ' ')) {
+            text.pop_back();
+        }
+        return Set("token", text, error);
     } else if (name == "secret") {
         if (value.empty()) {
             error = "the secret must not be empty";
@@ -109,6 +122,7 @@ bool BackendConfig::LoadIni(const std::string& path, std::string& error) {
         {"server", "port", "port"},
         {"server", "port-file", "port-file"},
         {"server", "token", "token"},
+        {"server", "token-file", "token-file"},
         {"server", "secret", "secret"},
         {"server", "event-log", "event-log"},
         {"server", "challenge-lifetime", "challenge-lifetime"},

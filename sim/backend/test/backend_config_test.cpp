@@ -67,6 +67,19 @@ TEST(BackendConfigTest, IniProblemsNameFileSectionAndKey) {
     EXPECT_NE(missing.find("none.ini"), std::string::npos) << missing;
 }
 
+TEST(BackendConfigTest, TokenFileGivesItsFirstLine) {
+    TemporaryDirectory directory;
+    BackendConfig sut;
+    std::string error;
+
+    ASSERT_TRUE(sut.Set("token-file", directory.Write("token", "s3cret\r\nignored\n"), error))
+        << error;
+    EXPECT_EQ(sut.token, "s3cret");
+    EXPECT_FALSE(sut.Set("token-file", directory.File("missing"), error));
+    EXPECT_NE(error.find("cannot read a token"), std::string::npos);
+    EXPECT_FALSE(sut.Set("token-file", directory.Write("empty", "\n"), error));
+}
+
 TEST(BackendConfigTest, SettingsAreCheckedOneByOne) {
     BackendConfig sut;
     std::string error;
@@ -92,14 +105,14 @@ TEST(BackendConfigTest, OnlyLoopbackAddressesAndDistinctPathsAreValid) {
         return config.Validate(error);
     };
 
-    EXPECT_TRUE(valid("127.0.0.1", "/zelk/download"));
-    EXPECT_TRUE(valid("127.1.2.3", "/zelk/download"));
-    EXPECT_TRUE(valid("::1", "/zelk/download"));
-    EXPECT_FALSE(valid("0.0.0.0", "/zelk/download"));
-    EXPECT_FALSE(valid("::", "/zelk/download"));
-    EXPECT_FALSE(valid("192.168.1.10", "/zelk/download"));
-    EXPECT_FALSE(valid("localhost", "/zelk/download"));
-    EXPECT_FALSE(valid("127.0.0.1", "/zelk/challenge"));
+    EXPECT_TRUE(valid("127.0.0.1", "/zelk/dlc/download"));
+    EXPECT_TRUE(valid("127.1.2.3", "/zelk/dlc/download"));
+    EXPECT_TRUE(valid("::1", "/zelk/dlc/download"));
+    EXPECT_FALSE(valid("0.0.0.0", "/zelk/dlc/download"));
+    EXPECT_FALSE(valid("::", "/zelk/dlc/download"));
+    EXPECT_FALSE(valid("192.168.1.10", "/zelk/dlc/download"));
+    EXPECT_FALSE(valid("localhost", "/zelk/dlc/download"));
+    EXPECT_FALSE(valid("127.0.0.1", "/zelk/dlc/challenge"));
 }
 
 }  // namespace

@@ -61,15 +61,17 @@ HttpRequest MakeRequest(const std::string& method, const std::string& target,
 }
 
 HttpRequest ChallengeRequest() {
-    return MakeRequest("GET", "/zelk/challenge", kChallengeRequestType, kChallengeResponseType, "");
+    return MakeRequest("GET", "/zelk/dlc/challenge", kChallengeRequestType, kChallengeResponseType,
+                       "");
 }
 
 HttpRequest DownloadRequest(const std::string& body) {
-    return MakeRequest("POST", "/zelk/download", kDownloadRequestType, kDownloadResponseType, body);
+    return MakeRequest("POST", "/zelk/dlc/download", kDownloadRequestType, kDownloadResponseType,
+                       body);
 }
 
 HttpRequest FeedbackRequest(const std::string& body) {
-    return MakeRequest("POST", "/zelk/feedback", kFeedbackRequestType, "", body);
+    return MakeRequest("POST", "/zelk/dlc/feedback", kFeedbackRequestType, "", body);
 }
 
 std::string Header(const HttpResponse& response, const std::string& name) {
@@ -296,10 +298,10 @@ TEST_F(BackendServiceTest, FeedbackIsAlwaysTakenAndItsOutcomeJudged) {
 }
 
 TEST_F(BackendServiceTest, PathsMapToExchanges) {
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/challenge"), Exchange::kChallenge);
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/download"), Exchange::kDownload);
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/feedback"), Exchange::kFeedback);
-    EXPECT_FALSE(sut_.ExchangeOf("/zelk/challenge/").has_value());
+    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/challenge"), Exchange::kChallenge);
+    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/download"), Exchange::kDownload);
+    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/feedback"), Exchange::kFeedback);
+    EXPECT_FALSE(sut_.ExchangeOf("/zelk/dlc/challenge/").has_value());
     EXPECT_FALSE(sut_.ExchangeOf("/").has_value());
 }
 

@@ -148,7 +148,7 @@ TEST(BackendSimAppTest, RunPublishesItsPortServesAndStopsCleanlyOnSigterm) {
         << ReadFile(directory.File("output"));
     const auto port = static_cast<std::uint16_t>(std::stoi(ReadFile(portFile)));
     testing::RawHttpClient client(port);
-    ASSERT_TRUE(client.Send("GET /zelk/challenge HTTP/1.1\r\nContent-Length: 0\r\n\r\n"));
+    ASSERT_TRUE(client.Send("GET /zelk/dlc/challenge HTTP/1.1\r\nContent-Length: 0\r\n\r\n"));
     const auto reply = client.ReceiveUntilClosed(5s);
     const int exitCode = sut.Stop(5000ms);
 
@@ -210,8 +210,8 @@ TEST(BackendSimAppTest, AdminPushOfARunningSimulatorReachesTheBroker) {
     ASSERT_TRUE(subscriber.WaitSubscribed());
     TemporaryDirectory directory;
     const auto portFile = directory.File("port");
-    ChildProcess sut({{FindProgram("kelvane-backend-sim"), "run", "--port-file", portFile,
-                       "--mqtt-port", std::to_string(broker.Port())},
+    ChildProcess sut({{FindProgram("kelvane-backend-sim"), "run", "--port", "0", "--port-file",
+                       portFile, "--mqtt-port", std::to_string(broker.Port())},
                       kConsoleLog,
                       directory.File("output")});
     ASSERT_TRUE(WaitUntil([&] { return !ReadFile(portFile).empty(); }, 5s));

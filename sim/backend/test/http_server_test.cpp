@@ -38,8 +38,8 @@ std::string ClientRequest(const std::string& method, const std::string& path,
 }
 
 std::string ChallengeBytes() {
-    return ClientRequest("GET", "/zelk/challenge", kChallengeRequestType, kChallengeResponseType,
-                         "");
+    return ClientRequest("GET", "/zelk/dlc/challenge", kChallengeRequestType,
+                         kChallengeResponseType, "");
 }
 
 std::string DownloadBytes(const std::string& challenge) {
@@ -50,7 +50,7 @@ std::string DownloadBytes(const std::string& challenge) {
     message.set_ecutrainingcounter("0000");
     message.set_identityhash(
         sim_common::ToHex(sim_common::IdentityHash(keys, *sim_common::FromHex(challenge))));
-    return ClientRequest("POST", "/zelk/download", kDownloadRequestType, kDownloadResponseType,
+    return ClientRequest("POST", "/zelk/dlc/download", kDownloadRequestType, kDownloadResponseType,
                          message.SerializeAsString());
 }
 
@@ -61,7 +61,7 @@ std::string AdminBytes(const std::string& method, const std::string& path,
 }
 
 std::string FeedbackBytes() {
-    return ClientRequest("POST", "/zelk/feedback", kFeedbackRequestType, "", "");
+    return ClientRequest("POST", "/zelk/dlc/feedback", kFeedbackRequestType, "", "");
 }
 
 class HttpServerTest : public ::testing::Test {
@@ -265,7 +265,8 @@ TEST_F(HttpServerTest, ClientAskingToContinueGetsTheInterimAnswerBeforeSendingIt
     const std::string body =
         "\x0a\x02"
         "AB";
-    std::string request = ClientRequest("POST", "/zelk/feedback", kFeedbackRequestType, "", body);
+    std::string request =
+        ClientRequest("POST", "/zelk/dlc/feedback", kFeedbackRequestType, "", body);
     request.insert(request.find("\r\n\r\n"), "\r\nExpect: 100-continue");
     const std::string header = request.substr(0, request.size() - body.size());
     RawHttpClient client(server_.Port());
