@@ -59,37 +59,25 @@ protected:
     ClampControlHandler sut_{&owner_};
 };
 
-TEST_F(ClampControlHandlerBusTest, SubscriptionBringsTheCurrentStateOnceAndThenEveryChange) {
-    ClampControlService service(true);
-    service.Offer();
-    ASSERT_TRUE(sut_.ClampControlInit());
-    ASSERT_EQ(owner_.WaitFor(1), Events{"connected"});
-
-    EXPECT_TRUE(sut_.Subscribe());
-
-    EXPECT_EQ(owner_.WaitFor(3), (Events{"connected", "subscribed", "Clamp15 on"}));
-    service.SetClampState(false);
-    EXPECT_EQ(owner_.WaitFor(4), (Events{"connected", "subscribed", "Clamp15 on", "Clamp15 off"}));
-}
-
-TEST_F(ClampControlHandlerBusTest, ServiceRestartIsSeenAsDisconnectedThenConnected) {
-    auto service = std::make_unique<ClampControlService>();
+TEST_F(ClampControlHandlerBusTest, StateArrivesOnceAfterSubscribingAndAfterEachRestart) {
+    auto service = std::make_unique<ClampControlService>(true);
     service->Offer();
-    sut_.ClampControlInit();
+    ASSERT_TRUE(sut_.ClampControlInit());
     ASSERT_TRUE(sut_.Subscribe());
-    ASSERT_EQ(owner_.WaitFor(3), (Events{"connected", "subscribed", "Clamp15 off"}));
+    ASSERT_EQ(owner_.WaitFor(3), (Events{"connected", "subscribed", "Clamp15 on"}));
+    service->SetClampState(false);
+    ASSERT_EQ(owner_.WaitFor(4), (Events{"connected", "subscribed", "Clamp15 on", "Clamp15 off"}));
 
     service.reset();
     service = std::make_unique<ClampControlService>(true);
     service->Offer();
 
-    EXPECT_EQ(owner_.WaitFor(5),
-              (Events{"connected", "subscribed", "Clamp15 off", "disconnected", "connected"}));
+    EXPECT_EQ(owner_.WaitFor(6), (Events{"connected", "subscribed", "Clamp15 on", "Clamp15 off",
+                                         "disconnected", "connected"}));
     // The new instance knows nothing of the old subscription.
-    service->SetClampState(false);
     EXPECT_TRUE(sut_.Subscribe());
-    EXPECT_EQ(owner_.WaitFor(7), (Events{"connected", "subscribed", "Clamp15 off", "disconnected",
-                                         "connected", "subscribed", "Clamp15 off"}));
+    EXPECT_EQ(owner_.WaitFor(8), (Events{"connected", "subscribed", "Clamp15 on", "Clamp15 off",
+                                         "disconnected", "connected", "subscribed", "Clamp15 on"}));
 }
 
 TEST_F(ClampControlHandlerBusTest, RetryThreadSubscribesOnceTheServiceAppears) {

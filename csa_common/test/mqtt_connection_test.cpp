@@ -120,22 +120,24 @@ INSTANTIATE_TEST_SUITE_P(Statuses, MqttConnectionSubscribeTest,
 
 TEST_F(MqttConnectionTest, MessagesComeOutInArrivalOrderWithEveryByte) {
     const std::string binary("\x00\x01zelk\x00\xff\x00", 9);
-    EXPECT_CALL(owner_, MQTTMessageReceivedCb()).Times(2);
+    EXPECT_CALL(owner_, MQTTMessageReceivedCb()).Times(3);
     EXPECT_FALSE(sut.CheckReceivedUpdate());
 
     sut.VIPublishReceived("topic/a", Bytes(binary), 7);
     sut.VIPublishReceived("topic/b", Bytes("second"), 8);
+    sut.VIPublishReceived("topic/c", {}, 4294967295U);
 
-    ASSERT_TRUE(sut.CheckReceivedUpdate());
-    const std::string first = sut.GetReceivedMessage();
-    EXPECT_EQ(first.size(), 9U);
-    EXPECT_EQ(first, binary);
-    ASSERT_TRUE(sut.CheckReceivedUpdate());
-    EXPECT_EQ(sut.GetReceivedMessage(), "second");
+    for (const std::string& expected : {binary, std::string("second"), std::string()}) {
+        ASSERT_TRUE(sut.CheckReceivedUpdate());
+        const std::string message = sut.GetReceivedMessage();
+        EXPECT_EQ(message.size(), expected.size());
+        EXPECT_EQ(message, expected);
+    }
     EXPECT_FALSE(sut.CheckReceivedUpdate());
     EXPECT_TRUE(log_.Contains(LogLevel::kDebug,
                               "MqttConnection: Message received for topic topic/b, "
                               "message:second, messageId: 8"));
+    EXPECT_TRUE(log_.Contains("messageId: 4294967295"));
 }
 
 TEST_F(MqttConnectionTest, OwnerMayTakeTheMessageFromInsideTheNotification) {
@@ -149,16 +151,6 @@ TEST_F(MqttConnectionTest, OwnerMayTakeTheMessageFromInsideTheNotification) {
 
     EXPECT_EQ(taken, "push");
     EXPECT_FALSE(sut.CheckReceivedUpdate());
-}
-
-TEST_F(MqttConnectionTest, EmptyPayloadIsStoredAsAnEmptyMessage) {
-    EXPECT_CALL(owner_, MQTTMessageReceivedCb());
-
-    sut.VIPublishReceived("t", {}, 4294967295U);
-
-    ASSERT_TRUE(sut.CheckReceivedUpdate());
-    EXPECT_EQ(sut.GetReceivedMessage(), "");
-    EXPECT_TRUE(log_.Contains("messageId: 4294967295"));
 }
 
 TEST_F(MqttConnectionTest, TakingFromAnEmptyStoreAborts) {
