@@ -15,6 +15,7 @@ packages=(
     libsystemd-dev systemd
     libboost-dev
     libcurl4-openssl-dev
+    procps
 )
 
 missing=()
