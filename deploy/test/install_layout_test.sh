@@ -11,8 +11,8 @@ DESTDIR="$stage" cmake --install "$build_dir" --prefix /usr >/dev/null
 
 expected=(
     usr/bin/kelvane-client
-    lib/systemd/system/kelvane-client.service
-    lib/sysusers.d/kelvane-client.conf
+    usr/lib/systemd/system/kelvane-client.service
+    usr/lib/sysusers.d/kelvane-client.conf
     usr/share/dbus-1/system.d/kelvane-client.conf
     etc/kelvane-client/vi-connector.ini
     etc/kelvane-client-phm.ini
@@ -32,7 +32,7 @@ fi
 
 if command -v systemd-analyze >/dev/null 2>&1; then
     # verify resolves ExecStart against the staged tree, not the host.
-    unit="$stage/lib/systemd/system/kelvane-client.service"
+    unit="$stage/usr/lib/systemd/system/kelvane-client.service"
     sed "s#^ExecStart=/usr/bin/#ExecStart=$stage/usr/bin/#" "$unit" >"$stage/kelvane-client.service"
     if ! output=$(systemd-analyze verify "$stage/kelvane-client.service" 2>&1); then
         echo "systemd-analyze verify failed:"
