@@ -26,34 +26,13 @@ if [[ $build -eq 1 ]]; then
     cmake --build "$build_dir" --parallel "$(nproc)" \
         --target kelvane-client kelvane-vehicle-sim kelvane-backend-sim >/dev/null
 fi
-client_bin=$build_dir/app/kelvane-client
-vehicle_bin=$build_dir/sim/vehicle/kelvane-vehicle-sim
-backend_bin=$build_dir/sim/backend/kelvane-backend-sim
-for binary in "$client_bin" "$vehicle_bin" "$backend_bin"; do
-    [[ -x "$binary" ]] || { echo "${red}demo: $binary is missing; run without --no-build${off}" >&2; exit 1; }
-done
-
-work=${KEEP_LOGS_DIR:-$(mktemp -d /tmp/kelvane-demo.XXXXXX)}
-mkdir -p "$work"
-logs=$work/logs
-mkdir -p "$logs"
-pids=()
-# Stops what the demo started, newest first, so nothing loses its bus or broker
-# while it is still shutting down.
-cleanup() {
-    local pid
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        pid=${pids[i]}
-        kill -TERM "$pid" 2>/dev/null || continue
-        for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-        kill -KILL "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
-}
-trap cleanup EXIT
+# shellcheck source=../bench/lib/world.sh
+source "$root/bench/lib/world.sh"
+world_binaries "$build_dir" ||
+    { echo "${red}demo: $world_missing is missing; run without --no-build${off}" >&2; exit 1; }
+world_workdir "${KEEP_LOGS_DIR:-$(mktemp -d /tmp/kelvane-demo.XXXXXX)}"
 
 start_ms=$(date +%s%3N)
-now_ms() { date +%s%3N; }
 stamp() { printf '%6.2fs' "$(awk -v a="$(now_ms)" -v b="$start_ms" 'BEGIN { printf "%.2f", (a - b) / 1000 }')"; }
 
 fail() {
@@ -68,108 +47,35 @@ fail() {
     exit 1
 }
 
-count() { grep -c -F -- "$1" "$2" 2>/dev/null || true; }
-
-# wait_for_line FILE TEXT OCCURRENCES TIMEOUT_S
-wait_for_line() {
-    local file=$1 text=$2 n=$3 deadline=$(( $(now_ms) + $4 * 1000 ))
-    while (( $(now_ms) < deadline )); do
-        (( $(count "$text" "$file") >= n )) && return 0
-        sleep 0.05
-    done
-    return 1
-}
-
-free_port() {
-    local port
-    for _ in $(seq 50); do
-        port=$(( 20000 + RANDOM % 40000 ))
-        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then echo "$port"; return 0; fi
-    done
-    return 1
-}
-
 step() { printf '%s %s%-48s%s' "$(stamp)" "$bold" "$1" "$off"; step_started=$(now_ms); }
 outcome() { printf ' %s%s%s %s(%d ms)%s\n' "$green" "$1" "$off" "$dim" $(( $(now_ms) - step_started )) "$off"; }
-
-vehicle_status() { "$vehicle_bin" status --state "$work/vehicle"; }
-# One field of the JSON object `status` prints.
-status_field() { vehicle_status | grep -o "\"$1\":\"\{0,1\}[^,\"}]*" | sed "s/^\"$1\":\"\{0,1\}//"; }
 
 echo "${bold}kelvane-client demo${off} (logs in $logs)"
 
 step "Private D-Bus"
-dbus-daemon --session --address="unix:path=$work/bus" --nofork --nosyslog >"$logs/dbus-daemon.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do [[ -S "$work/bus" ]] && break; sleep 0.05; done
-[[ -S "$work/bus" ]] || fail "starting dbus-daemon" "$logs/dbus-daemon.log"
-export KELVANE_DBUS_ADDRESS="unix:path=$work/bus"
-outcome "unix:path=$work/bus"
+world_start_dbus || fail "starting dbus-daemon" "$logs/dbus-daemon.log"
+outcome "$KELVANE_DBUS_ADDRESS"
 
 step "MQTT broker"
-mqtt_port=$(free_port) || fail "finding a free port" /dev/null
-printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\n' "$mqtt_port" >"$work/mosquitto.conf"
-mosquitto -c "$work/mosquitto.conf" >"$logs/mosquitto.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do (exec 3<>"/dev/tcp/127.0.0.1/$mqtt_port") 2>/dev/null && break; sleep 0.05; done
-(exec 3<>"/dev/tcp/127.0.0.1/$mqtt_port") 2>/dev/null || fail "starting mosquitto" "$logs/mosquitto.log"
+world_start_broker || fail "starting mosquitto" "$logs/mosquitto.log"
 outcome "mosquitto on 127.0.0.1:$mqtt_port"
 
 step "Vehicle simulator, Base certificate 200 days"
-secret="demo-shared-secret"
-token="demo-bearer-token"
-"$vehicle_bin" init --state "$work/vehicle" --base-cert-days 200 --secret "$secret" \
-    >"$logs/vehicle-init.log" 2>&1 || fail "kelvane-vehicle-sim init" "$logs/vehicle-init.log"
-"$vehicle_bin" run --state "$work/vehicle" >"$logs/vehicle.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do [[ "$(status_field running)" == true ]] && break; sleep 0.05; done
-[[ "$(status_field running)" == true ]] || fail "starting kelvane-vehicle-sim" "$logs/vehicle.log"
+world_init_vehicle 200 || fail "kelvane-vehicle-sim init" "$logs/vehicle-init.log"
+world_start_vehicle || fail "starting kelvane-vehicle-sim" "$logs/vehicle.log"
 counter_before=$(status_field trainingCounter)
 expiry_before=$(status_field baseCertificateNotAfter)
 outcome "training counter $counter_before, certificate expires $expiry_before"
 
 step "Backend simulator"
-"$backend_bin" run --port 0 --port-file "$work/backend.port" --token "$token" --secret "$secret" \
-    --event-log "$logs/backend-events.jsonl" --mqtt-port "$mqtt_port" >"$logs/backend.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do [[ -s "$work/backend.port" ]] && break; sleep 0.05; done
-[[ -s "$work/backend.port" ]] || fail "starting kelvane-backend-sim" "$logs/backend.log"
-backend_port=$(cat "$work/backend.port")
+world_start_backend || fail "starting kelvane-backend-sim" "$logs/backend.log"
 outcome "http://127.0.0.1:$backend_port"
 
-backend="http://127.0.0.1:$backend_port"
-cat >"$work/vi-connector.ini" <<INI
-[mqtt]
-host = 127.0.0.1
-port = $mqtt_port
-client_id = kelvane-client-demo
-keep_alive = 30
-
-[connection_state]
-mode = probe
-probe_interval_ms = 1000
-
-[transaction TTVI-Kelvane-C003.COzelkDlcChallenge]
-url = $backend/zelk/dlc/challenge
-token = $token
-
-[transaction TTVI-Kelvane-C003.COzelkDlcDownload]
-url = $backend/zelk/dlc/download
-token = $token
-
-[transaction TTVI-Kelvane-C003.COzelkDlcStatusFeedback]
-url = $backend/zelk/dlc/feedback
-token = $token
-INI
-printf '[supervision]\nkeep_alive_period_ms = 5000\n' >"$work/phm.ini"
+world_write_client_config 1000 5000
 
 step "kelvane-client"
 client_log=$logs/client.log
-KELVANE_VI_CONFIG="$work/vi-connector.ini" KELVANE_PHM_CONFIG="$work/phm.ini" \
-    KELVANE_TESMO_ID_PATH="$work/vehicle/tesmo_string.bin" KELVANE_LOG_LEVEL=info \
-    "$client_bin" >"$client_log" 2>&1 &
-client_pid=$!
-pids+=($client_pid)
+world_start_client "$client_log"
 wait_for_line "$client_log" "All subscriptions and connections ready" 1 20 ||
     fail "kelvane-client start-up (no \"All subscriptions and connections ready\")" "$client_log"
 outcome "All subscriptions and connections ready"
@@ -198,9 +104,8 @@ wait_for_line "$client_log" "Status feedback sent successfully" 2 30 ||
 outcome "DLC Update finished successfully."
 
 step "Stopping kelvane-client (SIGTERM)"
-kill -TERM "$client_pid"
 client_status=0
-wait "$client_pid" || client_status=$?
+world_stop_client || client_status=$?
 [[ $client_status -eq 0 ]] || fail "kelvane-client exit status $client_status" "$client_log"
 outcome "Kelvane Client Terminated."
 

@@ -1,0 +1,104 @@
+# shellcheck shell=bash
+# What the whole-program benchmarks share besides the simulated world
+# (world.sh): where the build is, building it on request, statistics, the
+# machine's load, and the summary lines bench/run_all.sh collects.
+#
+# BUILD_DIR picks the build (default build-release in the repository); with
+# BENCH_BUILD=1 (or a script's --build) it is configured as Release and the
+# benchmarks' targets are built in it first.
+
+bench_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+bench_build_dir=${BUILD_DIR:-$bench_root/build-release}
+bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger)
+
+# shellcheck source=world.sh
+source "$bench_root/bench/lib/world.sh"
+
+bench_die() {
+    echo "$(basename "$0"): $1" >&2
+    if [[ -n "${2:-}" && -f "$2" ]]; then
+        echo "--- last lines of $2:" >&2
+        tail -n 25 "$2" >&2
+    fi
+    exit 1
+}
+
+# bench_build: configures (Release) and builds what the benchmarks run.
+bench_build() {
+    local generator=()
+    command -v ninja >/dev/null 2>&1 && [[ ! -f "$bench_build_dir/Makefile" ]] && generator=(-G Ninja)
+    echo "Building ${bench_targets[*]} in $bench_build_dir (Release)" >&2
+    cmake -S "$bench_root" -B "$bench_build_dir" "${generator[@]}" -DCMAKE_BUILD_TYPE=Release >/dev/null
+    cmake --build "$bench_build_dir" --parallel "$(nproc)" --target "${bench_targets[@]}" >/dev/null
+}
+
+# bench_prepare "$@": handles --build and --help (the caller's header comment,
+# lines 2 up to the first line that is not a comment) and finds the binaries.
+bench_prepare() {
+    local argument
+    for argument in "$@"; do
+        case $argument in
+            --build) BENCH_BUILD=1 ;;
+            -h | --help) sed -n '2,/^[^#]/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
+        esac
+    done
+    [[ "${BENCH_BUILD:-0}" == 1 ]] && bench_build
+    world_binaries "$bench_build_dir" ||
+        bench_die "$world_missing is missing: build with --build (or BENCH_BUILD=1), or set BUILD_DIR"
+    local type
+    type=$(bench_build_type)
+    [[ "$type" == Release ]] || echo "note: $bench_build_dir is a ${type:-unknown} build, not Release" >&2
+}
+
+bench_build_type() {
+    sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$bench_build_dir/CMakeCache.txt" 2>/dev/null
+}
+
+# bench_workdir: KEEP_LOGS_DIR, or a new directory removed after a successful
+# run. That one is on tmpfs by default (BENCH_TMPDIR): the vehicle simulator
+# fsyncs its key store on every update, and a disk shared with other work
+# makes that the largest and noisiest part of an update, which is not the
+# client's.
+bench_workdir() {
+    if [[ -n "${KEEP_LOGS_DIR:-}" ]]; then
+        world_workdir "$KEEP_LOGS_DIR"
+        return
+    fi
+    local base=${BENCH_TMPDIR:-/dev/shm}
+    [[ -d "$base" && -w "$base" ]] || base=/tmp
+    world_remove_work=1
+    world_workdir "$(mktemp -d "$base/kelvane-bench.XXXXXX")"
+}
+
+# bench_logs_note: where the logs are, when they are kept.
+bench_logs_note() {
+    [[ "${world_remove_work:-0}" == 1 ]] && echo "logs removed (KEEP_LOGS_DIR=DIR keeps them)" ||
+        echo "logs in $logs"
+}
+
+bench_load() { cut -d' ' -f1-3 /proc/loadavg; }
+
+# bench_stats: numbers on stdin -> "median p95 min max count" (nearest-rank p95;
+# the median of an even count is the mean of the middle two).
+bench_stats() {
+    sort -g | awk '{ v[NR] = $1 }
+        END {
+            if (NR == 0) { print "nan nan nan nan 0"; exit }
+            median = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+            rank = int(0.95 * NR); if (rank < 0.95 * NR) rank++
+            printf "%.1f %.1f %.1f %.1f %d\n", median, v[rank], v[1], v[NR], NR
+        }'
+}
+
+# bench_verdict VALUE OP LIMIT: "ok" or "MISSED" (OP is < or <=).
+bench_verdict() {
+    awk -v v="$1" -v op="$2" -v l="$3" 'BEGIN { ok = op == "<" ? v < l : v <= l; print ok ? "ok" : "MISSED" }'
+}
+
+# bench_summary TEXT: one line for run_all.sh's summary.
+bench_summary() { echo "SUMMARY $(basename "$(dirname "$0")"): $*"; }
+
+bench_header() {
+    echo "$1"
+    echo "  $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPUs, load average $(bench_load), build $bench_build_dir ($(bench_build_type))"
+}
