@@ -31,7 +31,8 @@ function(kelvane_add_test)
     target_link_libraries(${target} PRIVATE ${ARG_LIBS} kelvane::test_support GTest::gmock)
     kelvane_target_warnings(${target})
 
-    set(properties LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+    list(GET ARG_LABELS 0 first_label)
+    set(properties LABELS ${first_label} TIMEOUT ${ARG_TIMEOUT})
     if(ARG_RESOURCE_LOCK)
         list(APPEND properties RESOURCE_LOCK "${ARG_RESOURCE_LOCK}")
     endif()
@@ -39,6 +40,18 @@ function(kelvane_add_test)
                          DISCOVERY_MODE PRE_TEST
                          DISCOVERY_TIMEOUT 30
                          PROPERTIES ${properties})
+
+    # gtest_discover_tests flattens list values, so further labels are set by a
+    # script of our own that CTest runs once the discovered tests exist.
+    list(LENGTH ARG_LABELS label_count)
+    if(label_count GREATER 1)
+        set(labels_script ${CMAKE_CURRENT_BINARY_DIR}/${target}_labels.cmake)
+        file(WRITE ${labels_script}
+             "foreach(test IN LISTS ${target}_TESTS)\n"
+             "    set_tests_properties(\"\${test}\" PROPERTIES LABELS \"${ARG_LABELS}\")\n"
+             "endforeach()\n")
+        set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_script})
+    endif()
 endfunction()
 
 include(GoogleTest)
