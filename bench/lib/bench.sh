@@ -9,7 +9,7 @@
 
 bench_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 bench_build_dir=${BUILD_DIR:-$bench_root/build-release}
-bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger)
+bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger bench_startup_probe)
 
 # shellcheck source=world.sh
 source "$bench_root/bench/lib/world.sh"
@@ -33,13 +33,13 @@ bench_build() {
 }
 
 # bench_prepare "$@": handles --build and --help (the caller's header comment,
-# lines 2 up to the first line that is not a comment) and finds the binaries.
+# from line 2 to the first line that is not a comment) and finds the binaries.
 bench_prepare() {
     local argument
     for argument in "$@"; do
         case $argument in
             --build) BENCH_BUILD=1 ;;
-            -h | --help) sed -n '2,/^[^#]/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
+            -h | --help) awk 'NR > 1 && !/^#/ { exit } NR > 1' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
         esac
     done
     [[ "${BENCH_BUILD:-0}" == 1 ]] && bench_build
@@ -74,6 +74,16 @@ bench_workdir() {
 bench_logs_note() {
     [[ "${world_remove_work:-0}" == 1 ]] && echo "logs removed (KEEP_LOGS_DIR=DIR keeps them)" ||
         echo "logs in $logs"
+}
+
+# bench_build_reference OUT: the reference program (reference.c) linked with
+# every shared library the client loads, so that it maps the same code.
+bench_build_reference() {
+    command -v cc >/dev/null || bench_die "a C compiler (cc) is needed for the reference program"
+    local libraries
+    mapfile -t libraries < <(ldd "$client_bin" | awk '$2 == "=>" && $3 ~ /^\// { print $3 }')
+    cc -O2 -o "$1" "$bench_root/bench/lib/reference.c" -Wl,--no-as-needed "${libraries[@]}" -lpthread ||
+        bench_die "building the reference program failed"
 }
 
 bench_load() { cut -d' ' -f1-3 /proc/loadavg; }

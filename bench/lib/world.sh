@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 # The simulated world around kelvane-client, for scripts that source this file
 # (tools/demo.sh and the whole-program benchmarks): a private D-Bus, a mosquitto
 # broker, the vehicle and backend simulators and the real client, all on
@@ -177,12 +177,17 @@ INI
     printf '[supervision]\nkeep_alive_period_ms = %s\n' "$2" >"$work/phm.ini"
 }
 
+# world_client_environment: exports what the client needs to find the
+# configuration above and the vehicle's identity file. KELVANE_LOG_LEVEL
+# (default info) is passed on.
+world_client_environment() {
+    export KELVANE_VI_CONFIG="$work/vi-connector.ini" KELVANE_PHM_CONFIG="$work/phm.ini" \
+        KELVANE_TESMO_ID_PATH="$work/vehicle/tesmo_string.bin" KELVANE_LOG_LEVEL=${KELVANE_LOG_LEVEL:-info}
+}
+
 # world_start_client LOG: the client with the configuration above, its output in LOG.
-# KELVANE_LOG_LEVEL (default info) is passed on.
 world_start_client() {
-    KELVANE_VI_CONFIG="$work/vi-connector.ini" KELVANE_PHM_CONFIG="$work/phm.ini" \
-        KELVANE_TESMO_ID_PATH="$work/vehicle/tesmo_string.bin" KELVANE_LOG_LEVEL=${KELVANE_LOG_LEVEL:-info} \
-        "$client_bin" >"$1" 2>&1 &
+    (world_client_environment && exec "$client_bin") >"$1" 2>&1 &
     client_pid=$!
     world_track "$client_pid"
 }

@@ -12,6 +12,9 @@
 # simulator's own "Clamp 15 on" log line, written right after it emitted the
 # signal. The end is the client's log line. Both logs stamp milliseconds.
 # While an update or a floor run is timed, this script only waits in `read`.
+
+# Variables such as work, logs and client_pid come from bench/lib/world.sh.
+# shellcheck disable=SC2154
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=../lib/bench.sh
@@ -59,8 +62,9 @@ exec {floor_w}>"$work/floor.in" {floor_r}<"$work/floor.out"
 "$trigger_bin" "$mqtt_port" "$work/vehicle" "$client_log" <"$work/trigger.in" >"$work/trigger.out" 2>"$logs/trigger.log" &
 world_track $!
 exec {trigger_w}>"$work/trigger.in" {trigger_r}<"$work/trigger.out"
-read -r -t 10 -u "$trigger_r" answer && [[ "$answer" == connected ]] ||
+if ! read -r -t 10 -u "$trigger_r" answer || [[ "$answer" != connected ]]; then
     bench_die "the trigger helper did not connect" "$logs/trigger.log"
+fi
 
 ask() {  # ask WRITE_FD READ_FD COMMAND TIMEOUT_S -> answer
     echo "$3" >&"$1"

@@ -14,17 +14,12 @@
 //                  control socket; "ok", with N once N feedback lines are there
 // Failures answer "error REASON".
 #include <mosquitto.h>
-#include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <mutex>
@@ -32,6 +27,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "log_watch.hpp"
 #include "vehicle_sim/control_client.hpp"
 #include "vehicle_sim/vehicle_runtime.hpp"
 
@@ -41,70 +37,6 @@ constexpr const char* kTopic = "TTVI-Kelvane-C003.CTzelkDlcInitiation";
 constexpr const char* kPushMessage = "{\"request\":\"zelkDlcUpdate\"}";
 constexpr const char* kFeedbackLine = "Status feedback sent successfully";
 constexpr auto kTimeout = std::chrono::seconds(30);
-
-using Clock = std::chrono::steady_clock;
-
-/// Counts the lines of a growing log file that hold a text.
-class LogWatch {
-public:
-    LogWatch(std::string path, std::string text)
-        : path_(std::move(path)), text_(std::move(text)), inotify_(::inotify_init1(IN_CLOEXEC)) {
-        if (inotify_ < 0 || ::inotify_add_watch(inotify_, path_.c_str(), IN_MODIFY) < 0) {
-            throw std::runtime_error("cannot watch " + path_ + ": " + std::strerror(errno));
-        }
-    }
-    ~LogWatch() { ::close(inotify_); }
-    LogWatch(const LogWatch&) = delete;
-    LogWatch& operator=(const LogWatch&) = delete;
-
-    /// False when the log did not reach `lines` matching lines in time.
-    bool WaitFor(long lines, std::chrono::milliseconds timeout) {
-        const auto deadline = Clock::now() + timeout;
-        while (true) {
-            ReadNew();
-            if (count_ >= lines) {
-                return true;
-            }
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) {
-                return false;
-            }
-            pollfd descriptor{inotify_, POLLIN, 0};
-            if (::poll(&descriptor, 1, static_cast<int>(left.count())) > 0) {
-                char events[4096];
-                [[maybe_unused]] const auto drained = ::read(inotify_, events, sizeof(events));
-            }
-        }
-    }
-
-private:
-    void ReadNew() {
-        std::ifstream in(path_, std::ios::binary);
-        in.seekg(offset_);
-        std::ostringstream fresh;
-        fresh << in.rdbuf();
-        const std::string data = fresh.str();
-        offset_ += static_cast<std::streamoff>(data.size());
-        partial_ += data;
-        std::size_t start = 0;
-        for (std::size_t end = partial_.find('\n'); end != std::string::npos;
-             end = partial_.find('\n', start)) {
-            if (partial_.substr(start, end - start).find(text_) != std::string::npos) {
-                ++count_;
-            }
-            start = end + 1;
-        }
-        partial_.erase(0, start);
-    }
-
-    std::string path_;
-    std::string text_;
-    int inotify_;
-    std::streamoff offset_ = 0;
-    std::string partial_;
-    long count_ = 0;
-};
 
 struct Session {
     std::mutex mutex;
@@ -231,7 +163,7 @@ private:
     }
 
     std::string controlSocket_;
-    LogWatch log_;
+    kelvane::bench::LogWatch log_;
     Session session_;
     mosquitto* client_ = nullptr;
 };
