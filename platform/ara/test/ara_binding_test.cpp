@@ -328,56 +328,8 @@ TEST(AraBindingTest, LosingTheBusReportsTheServiceGoneWithoutEndingTheProcess) {
     DiagServicesProxy::StopFindService(search);
 }
 
-/// A bus that can go away and come back on the same address.
-class RestartableBus {
-public:
-    RestartableBus() : address_("unix:path=" + directory_.File("bus")) {
-        config_ = directory_.Write("bus.conf", R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>)" + address_ + R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)");
-    }
-    const std::string& Address() const { return address_; }
-    void Start() {
-        ::unlink(directory_.File("bus").c_str());
-        daemon_ = std::make_unique<kelvane::testing::ChildProcess>(
-            kelvane::testing::ChildProcess::Options{
-                {"dbus-daemon", "--config-file=" + config_, "--nofork", "--nosyslog"},
-                {},
-                directory_.File("dbus-daemon.log")});
-        ASSERT_TRUE(WaitUntil(
-            [&] {
-                try {
-                    return idl::OpenBusConnection(address_) != nullptr;
-                } catch (const sdbus::Error&) {
-                    return false;
-                }
-            },
-            kTimeout));
-    }
-    void Stop() { daemon_.reset(); }
-
-private:
-    kelvane::testing::TemporaryDirectory directory_;
-    std::string address_;
-    std::string config_;
-    std::unique_ptr<kelvane::testing::ChildProcess> daemon_;
-};
-
 TEST(AraBindingTest, BusComingBackIsRejoinedWithOffersAndSearchesRestored) {
-    RestartableBus bus;
-    bus.Start();
-    ::setenv("KELVANE_DBUS_ADDRESS", bus.Address().c_str(), 1);
+    PrivateDbusDaemon bus;
     {
         ac::com::runtime::Component_singleton component(true, "");
         FakeDiagServices service;
@@ -397,7 +349,6 @@ TEST(AraBindingTest, BusComingBackIsRejoinedWithOffersAndSearchesRestored) {
         EXPECT_EQ(sut.GetTrainingCounter().get().trainingCounter, 0xbeef);
         DiagServicesProxy::StopFindService(search);
     }
-    ::unsetenv("KELVANE_DBUS_ADDRESS");
 }
 
 TEST(AraBindingTest, InstanceSpecifiersMapToBusNames) {

@@ -27,9 +27,8 @@ bool SocketAccepts(const std::string& path) {
 }  // namespace
 
 PrivateDbusDaemon::PrivateDbusDaemon() {
-    const std::string socketPath = directory_.File("bus");
-    address_ = "unix:path=" + socketPath;
-    const std::string config = directory_.Write("bus.conf", R"(<!DOCTYPE busconfig PUBLIC
+    address_ = "unix:path=" + directory_.File("bus");
+    config_ = directory_.Write("bus.conf", R"(<!DOCTYPE busconfig PUBLIC
  "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -43,20 +42,36 @@ PrivateDbusDaemon::PrivateDbusDaemon() {
   </policy>
 </busconfig>
 )");
+    Start();
+    ::setenv("KELVANE_DBUS_ADDRESS", address_.c_str(), 1);
+}
+
+PrivateDbusDaemon::~PrivateDbusDaemon() {
+    ::unsetenv("KELVANE_DBUS_ADDRESS");
+    Stop();
+}
+
+void PrivateDbusDaemon::Start() {
+    if (daemon_) {
+        return;
+    }
+    const std::string socketPath = directory_.File("bus");
+    ::unlink(socketPath.c_str());
     daemon_ = std::make_unique<ChildProcess>(
-        ChildProcess::Options{{"dbus-daemon", "--config-file=" + config, "--nofork", "--nosyslog"},
+        ChildProcess::Options{{"dbus-daemon", "--config-file=" + config_, "--nofork", "--nosyslog"},
                               {},
                               directory_.File("dbus-daemon.log")});
     if (!WaitUntil([&] { return SocketAccepts(socketPath); }, std::chrono::seconds(10))) {
         throw std::runtime_error("PrivateDbusDaemon: dbus-daemon did not come up on " + address_ +
                                  ": " + ReadFile(directory_.File("dbus-daemon.log")));
     }
-    ::setenv("KELVANE_DBUS_ADDRESS", address_.c_str(), 1);
 }
 
-PrivateDbusDaemon::~PrivateDbusDaemon() {
-    ::unsetenv("KELVANE_DBUS_ADDRESS");
-    daemon_->Stop();
+void PrivateDbusDaemon::Stop() {
+    if (daemon_) {
+        daemon_->Stop();
+        daemon_.reset();
+    }
 }
 
 }  // namespace kelvane::testing

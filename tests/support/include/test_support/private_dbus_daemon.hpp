@@ -20,9 +20,15 @@ public:
     /// "unix:path=..."
     const std::string& Address() const { return address_; }
 
+    /// The bus goes away (every connection is lost) ...
+    void Stop();
+    /// ... and comes back on the same address.
+    void Start();
+
 private:
     TemporaryDirectory directory_;
     std::string address_;
+    std::string config_;
     std::unique_ptr<ChildProcess> daemon_;
 };
 
