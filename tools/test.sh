@@ -5,6 +5,7 @@
 #   tools/test.sh --asan           AddressSanitizer + UndefinedBehaviorSanitizer in build-asan/
 #   tools/test.sh --tsan           ThreadSanitizer in build-tsan/
 #   tools/test.sh --build-type Debug
+#   tools/test.sh --no-simulators  without the simulators (and the end-to-end tests)
 #   tools/test.sh -- -L unit       anything after -- goes to ctest
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -12,6 +13,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_type=RelWithDebInfo
 sanitizer=""
 build_dir=""
+simulators=ON
 ctest_args=()
 while [[ $# -gt 0 ]]; do
     case "$1" in
@@ -19,8 +21,9 @@ while [[ $# -gt 0 ]]; do
         --tsan) sanitizer=thread ;;
         --build-type) build_type=$2; shift ;;
         --build-dir) build_dir=$2; shift ;;
+        --no-simulators) simulators=OFF ;;
         --) shift; ctest_args=("$@"); break ;;
-        -h|--help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -h|--help) sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
         *) echo "test.sh: unknown argument '$1' (see --help)" >&2; exit 2 ;;
     esac
     shift
@@ -37,8 +40,12 @@ fi
 
 generator=()
 command -v ninja >/dev/null 2>&1 && [[ ! -f "$build_dir/Makefile" ]] && generator=(-G Ninja)
+# Benchmarks say nothing under a sanitizer; they are left out there.
+bench=ON
+[[ -n "$sanitizer" ]] && bench=OFF
 cmake -S "$root" -B "$build_dir" "${generator[@]}" \
-    -DCMAKE_BUILD_TYPE="$build_type" -DKELVANE_SANITIZER="$sanitizer" >/dev/null
+    -DCMAKE_BUILD_TYPE="$build_type" -DKELVANE_SANITIZER="$sanitizer" \
+    -DKELVANE_BUILD_BENCH="$bench" -DKELVANE_BUILD_SIMULATORS="$simulators" >/dev/null
 cmake --build "$build_dir" --parallel "$(nproc)"
 
 export KELVANE_LOG_LEVEL=${KELVANE_LOG_LEVEL:-info}
