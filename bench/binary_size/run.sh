@@ -38,7 +38,8 @@ while read -r name path; do
     mark=" "
     [[ " ${needed[*]} " == *" $name "* ]] && mark="*"
     printf '    %s %-36s %12s  %s\n' "$mark" "$name" "$bytes" "$(kib "$bytes")"
-done < <(ldd "$client_bin" | awk '$2 == "=>" && $3 ~ /^\// { print $1, $3 }')
+done < <(ldd "$client_bin" | awk '$2 == "=>" && $3 ~ /^\// { print $1, $3 }
+    $1 ~ /^\// { n = split($1, part, "/"); print part[n], $1 }')
 printf '      %-36s %12s  %s\n' "total" "$total" "$(kib "$total")"
 bench_summary "stripped $stripped bytes ($(kib "$stripped")), as built $built bytes;" \
     "shared libraries $(kib "$total")"
