@@ -297,13 +297,5 @@ TEST_F(BackendServiceTest, FeedbackIsAlwaysTakenAndItsOutcomeJudged) {
     EXPECT_NE(lastEvent_.find(R"("identityHashMatches":false)"), std::string::npos);
 }
 
-TEST_F(BackendServiceTest, PathsMapToExchanges) {
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/challenge"), Exchange::kChallenge);
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/download"), Exchange::kDownload);
-    EXPECT_EQ(sut_.ExchangeOf("/zelk/dlc/feedback"), Exchange::kFeedback);
-    EXPECT_FALSE(sut_.ExchangeOf("/zelk/dlc/challenge/").has_value());
-    EXPECT_FALSE(sut_.ExchangeOf("/").has_value());
-}
-
 }  // namespace
 }  // namespace backend_sim

@@ -101,13 +101,6 @@ TEST(FaultPlanTest, UnlimitedFaultStaysUntilCleared) {
     EXPECT_FALSE(sut.Take(Exchange::kFeedback).has_value());
 }
 
-TEST(FaultPlanTest, DescribeGivesTheSpecWithoutCount) {
-    std::string error;
-    EXPECT_EQ(FaultPlan::Parse(Exchange::kDownload, "status:418:5", error)->Describe(),
-              "status:418");
-    EXPECT_EQ(FaultPlan::Parse(Exchange::kDownload, "keep-open:2", error)->Describe(), "keep-open");
-}
-
 }  // namespace
 
 }  // namespace backend_sim

@@ -3,6 +3,7 @@
 #include <botan/base64.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "proto/TTVI_CO_zelkDlcRequest_v3.pb.h"
@@ -103,7 +104,7 @@ protected:
     BackendService service_{config_};
     std::mutex pushedMutex_;
     std::vector<std::string> pushed_;
-    bool pushFails_ = false;
+    std::atomic<bool> pushFails_{false};
     AdminApi admin_{faults_, events_, [this](const std::string& payload, std::string& error) {
                         const std::lock_guard<std::mutex> lock(pushedMutex_);
                         if (pushFails_) {
@@ -298,6 +299,7 @@ TEST_F(HttpServerTest, AdminEndpointsArmFaultsAndPush) {
     EXPECT_EQ(pushedText.bytes.rfind("HTTP/1.1 204 ", 0), 0u);
     EXPECT_EQ(pushFailed.bytes.rfind("HTTP/1.1 502 ", 0), 0u);
     EXPECT_NE(BodyOf(pushFailed.bytes).find("broker down"), std::string::npos);
+    const std::lock_guard<std::mutex> lock(pushedMutex_);
     EXPECT_EQ(pushed_, (std::vector<std::string>{AdminApi::kDefaultPushMessage, "hello"}));
 }
 

@@ -33,16 +33,6 @@ TEST(CommandLineTest, TakesValuesInBothFormsRepeatsAndFlags) {
     EXPECT_FALSE(sut.HelpRequested());
 }
 
-TEST(CommandLineTest, AbsentOptionsKeepTheirDefaults) {
-    Parsed parsed;
-    auto sut = MakeCommandLine(parsed);
-
-    ASSERT_TRUE(sut.Parse({}));
-
-    EXPECT_EQ(parsed.port, "0");
-    EXPECT_FALSE(sut.Given("--port"));
-}
-
 TEST(CommandLineTest, ProblemsGiveOneLineReasons) {
     Parsed parsed;
     auto unknown = MakeCommandLine(parsed);
@@ -75,20 +65,6 @@ TEST(CommandLineTest, PositionalsAreCountedAndDoubleDashEndsOptions) {
 
     EXPECT_EQ(sut.PositionalValues(), (std::vector<std::string>{"stop", "--odd-name"}));
     EXPECT_EQ(missing.Error(), "missing on|off");
-}
-
-TEST(CommandLineTest, HelpListsEveryOption) {
-    Parsed parsed;
-    auto sut = MakeCommandLine(parsed);
-
-    ASSERT_TRUE(sut.Parse({"--port", "1", "--help", "--bogus"}));
-
-    EXPECT_TRUE(sut.HelpRequested());
-    const auto help = sut.Help();
-    EXPECT_NE(help.find("Usage: tool run [OPTIONS]"), std::string::npos);
-    EXPECT_NE(help.find("--port PORT"), std::string::npos);
-    EXPECT_NE(help.find("--fault SPEC"), std::string::npos);
-    EXPECT_NE(help.find("--verbose"), std::string::npos);
 }
 
 TEST(ParseIntegerTest, AcceptsOnlyWholeNumbersInRange) {

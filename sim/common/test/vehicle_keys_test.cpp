@@ -82,12 +82,5 @@ TEST(HexTest, UpperCaseOutAndEitherCaseIn) {
     EXPECT_FALSE(CounterFromHex("00 A").has_value());
 }
 
-TEST(ConstantTimeEqualTest, ComparesContentAndSize) {
-    EXPECT_TRUE(ConstantTimeEqual({1, 2, 3}, {1, 2, 3}));
-    EXPECT_FALSE(ConstantTimeEqual({1, 2, 3}, {1, 2, 4}));
-    EXPECT_FALSE(ConstantTimeEqual({1, 2, 3}, {1, 2}));
-    EXPECT_TRUE(ConstantTimeEqual({}, {}));
-}
-
 }  // namespace
 }  // namespace sim_common

@@ -86,15 +86,6 @@ TEST_F(VehicleStateTest, IntactButInvalidContentIsRefusedWithItsReason) {
     EXPECT_TRUE(VehicleState::Parse(seal(body), error).has_value()) << error;
 }
 
-TEST_F(VehicleStateTest, MissingStateSaysHowToMakeOne) {
-    TemporaryDirectory directory;
-    std::string error;
-
-    EXPECT_FALSE(VehicleState::Load(directory.Path(), error).has_value());
-
-    EXPECT_NE(error.find("kelvane-vehicle-sim init"), std::string::npos) << error;
-}
-
 TEST_F(VehicleStateTest, KeyStoreIsReadableByItsOwnerOnly) {
     TemporaryDirectory directory;
     std::string error;

@@ -55,8 +55,8 @@ private:
     /// The problem with the request's method, token or content type, if any.
     std::optional<HttpResponse> CheckEnvelope(Exchange exchange, const HttpRequest& request,
                                               sim_common::JsonLine& event) const;
-    /// Whether `identityHashHex` is what the vehicle `vin` at `counterHex` computes for the
-    /// challenge.
+    /// Whether `identityHashHex` is what vehicle `vin` at training counter `counter` computes for
+    /// the challenge.
     bool IdentityHashMatches(const std::string& vin, std::uint16_t counter,
                              const std::string& challengeHex,
                              const std::string& identityHashHex) const;
