@@ -165,10 +165,10 @@ void E2eEnvironment::Push() {
     }
 }
 
-void E2eEnvironment::AddBackendFault(const std::string& spec) {
-    const std::string answer = PostToBackend("/admin/fault", spec);
+void E2eEnvironment::AddBackendFault(const std::string& definition) {
+    const std::string answer = PostToBackend("/admin/fault", definition);
     if (answer.rfind("HTTP/1.1 204", 0) != 0) {
-        throw std::runtime_error("adding backend fault '" + spec + "' failed: " + answer);
+        throw std::runtime_error("adding backend fault '" + definition + "' failed: " + answer);
     }
 }
 

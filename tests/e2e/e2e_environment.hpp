@@ -47,7 +47,7 @@ public:
     // What a person would do.
     void Ignition(bool on);
     void Push();
-    void AddBackendFault(const std::string& spec);
+    void AddBackendFault(const std::string& definition);
     void VehicleService(const std::string& action, const std::string& name);
 
     // What a person would look at.

@@ -98,7 +98,7 @@ HttpResponse AdminApi::Handle(const HttpRequest& request) {
 
 HttpResponse AdminApi::AddFaults(const std::string& body) {
     // All or nothing: a bad line must not leave half of a plan armed.
-    std::vector<std::string> specs;
+    std::vector<std::string> definitions;
     std::istringstream lines(body);
     std::string line;
     FaultPlan check;
@@ -111,15 +111,15 @@ HttpResponse AdminApi::AddFaults(const std::string& body) {
         if (!check.Add(line, error)) {
             return HttpResponse::Text(400, error);
         }
-        specs.push_back(line);
+        definitions.push_back(line);
     }
-    if (specs.empty()) {
+    if (definitions.empty()) {
         return HttpResponse::Text(400, "no fault given (EXCHANGE=KIND[:ARG][:COUNT])");
     }
-    for (const auto& spec : specs) {
+    for (const auto& definition : definitions) {
         std::string error;
-        faults_.Add(spec, error);
-        csc_logging::CSCLogging::Info("Admin: fault armed: " + spec);
+        faults_.Add(definition, error);
+        csc_logging::CSCLogging::Info("Admin: fault armed: " + definition);
     }
     return NoContent();
 }

@@ -113,7 +113,7 @@ int Run(const std::vector<std::string>& arguments) {
          {"mqtt-port", "PORT", "MQTT broker port (default 1883)"},
          {"mqtt-client-id", "ID", "MQTT client id prefix"},
          {"mqtt-topic", "TOPIC", "push topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"}});
-    commandLine.Repeated("--fault", "SPEC", "inject a fault, e.g. download=status:500:2",
+    commandLine.Repeated("--fault", "FAULT", "inject a fault, e.g. download=status:500:2",
                          &options.faults);
     if (!commandLine.Parse(arguments)) {
         return UsageError(commandLine.Error());
@@ -128,8 +128,8 @@ int Run(const std::vector<std::string>& arguments) {
         return UsageError(error);
     }
     FaultPlan faults;
-    for (const auto& spec : config.faults) {
-        if (!faults.Add(spec, error)) {
+    for (const auto& definition : config.faults) {
+        if (!faults.Add(definition, error)) {
             return UsageError(error);
         }
     }

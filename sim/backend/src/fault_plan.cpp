@@ -87,9 +87,9 @@ std::string Fault::Describe() const {
     return text;
 }
 
-std::optional<Fault> FaultPlan::Parse(Exchange exchange, std::string_view spec,
+std::optional<Fault> FaultPlan::Parse(Exchange exchange, std::string_view definition,
                                       std::string& error) {
-    const auto parts = Split(spec, ':');
+    const auto parts = Split(definition, ':');
     const KindInfo* info = nullptr;
     for (const auto& candidate : kKinds) {
         if (parts[0] == candidate.name) {
@@ -124,7 +124,7 @@ std::optional<Fault> FaultPlan::Parse(Exchange exchange, std::string_view spec,
         next = 2;
     }
     if (parts.size() > next + 1) {
-        error = "too many ':' parts in fault '" + std::string(spec) + "'";
+        error = "too many ':' parts in fault '" + std::string(definition) + "'";
         return std::nullopt;
     }
     if (parts.size() == next + 1) {
@@ -133,8 +133,8 @@ std::optional<Fault> FaultPlan::Parse(Exchange exchange, std::string_view spec,
         } else if (const auto count = sim_common::ParseInteger(parts[next], 1, 1000000)) {
             fault.count = static_cast<std::uint32_t>(*count);
         } else {
-            error = "bad count '" + std::string(parts[next]) + "' in fault '" + std::string(spec) +
-                    "' (a number from 1 or *)";
+            error = "bad count '" + std::string(parts[next]) + "' in fault '" +
+                    std::string(definition) + "' (a number from 1 or *)";
             return std::nullopt;
         }
     }
@@ -145,20 +145,20 @@ std::optional<Fault> FaultPlan::Parse(Exchange exchange, std::string_view spec,
     return fault;
 }
 
-bool FaultPlan::Add(std::string_view spec, std::string& error) {
-    const auto equals = spec.find('=');
+bool FaultPlan::Add(std::string_view definition, std::string& error) {
+    const auto equals = definition.find('=');
     if (equals == std::string_view::npos) {
-        error = "fault '" + std::string(spec) +
+        error = "fault '" + std::string(definition) +
                 "' is not EXCHANGE=KIND[:ARG][:COUNT] (exchanges: challenge, download, feedback)";
         return false;
     }
-    const auto exchange = ExchangeFromName(spec.substr(0, equals));
+    const auto exchange = ExchangeFromName(definition.substr(0, equals));
     if (!exchange) {
-        error = "unknown exchange '" + std::string(spec.substr(0, equals)) +
+        error = "unknown exchange '" + std::string(definition.substr(0, equals)) +
                 "' (challenge, download or feedback)";
         return false;
     }
-    const auto fault = Parse(*exchange, spec.substr(equals + 1), error);
+    const auto fault = Parse(*exchange, definition.substr(equals + 1), error);
     if (!fault) {
         return false;
     }

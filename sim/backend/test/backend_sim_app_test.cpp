@@ -131,7 +131,7 @@ TEST(BackendSimAppTest, HelpDescribesCommandsAndOptions) {
     EXPECT_NE(overview.output.find("Commands:"), std::string::npos);
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_NE(run.output.find("--port-file FILE"), std::string::npos);
-    EXPECT_NE(run.output.find("--fault SPEC"), std::string::npos);
+    EXPECT_NE(run.output.find("--fault FAULT"), std::string::npos);
     EXPECT_EQ(push.exitCode, 0);
     EXPECT_NE(push.output.find("--message TEXT"), std::string::npos);
 }

@@ -6,7 +6,7 @@ namespace backend_sim {
 namespace {
 
 struct ValidSpec {
-    std::string spec;
+    std::string definition;
     Exchange exchange;
     FaultKind kind;
     int argument;
@@ -19,7 +19,7 @@ TEST_P(FaultSpecAccepted, ParsesKindArgumentAndCount) {
     FaultPlan sut;
     std::string error;
 
-    ASSERT_TRUE(sut.Add(GetParam().spec, error)) << error;
+    ASSERT_TRUE(sut.Add(GetParam().definition, error)) << error;
 
     const auto fault = sut.Take(GetParam().exchange);
     ASSERT_TRUE(fault.has_value());

@@ -76,9 +76,9 @@ protected:
 
     void SetUp() override { StartServer(); }
 
-    void Arm(const std::string& spec) {
+    void Arm(const std::string& definition) {
         std::string error;
-        ASSERT_TRUE(faults_.Add(spec, error)) << error;
+        ASSERT_TRUE(faults_.Add(definition, error)) << error;
     }
 
     RawHttpClient::Reply Exchange(const std::string& request) {

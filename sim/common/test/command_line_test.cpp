@@ -14,7 +14,7 @@ struct Parsed {
 CommandLine MakeCommandLine(Parsed& parsed) {
     CommandLine commandLine("tool run [OPTIONS]", "Runs the tool.");
     commandLine.Option("--port", "PORT", "port to bind", &parsed.port)
-        .Repeated("--fault", "SPEC", "fault to inject", &parsed.faults)
+        .Repeated("--fault", "FAULT", "fault to inject", &parsed.faults)
         .Flag("--verbose", "more output", &parsed.verbose);
     return commandLine;
 }

@@ -96,8 +96,8 @@ const Errors* ErrorsOf(std::string_view name) {
 
 }  // namespace
 
-bool FailPoints::Add(std::string_view spec, std::string& error) {
-    std::string_view rest = spec;
+bool FailPoints::Add(std::string_view definition, std::string& error) {
+    std::string_view rest = definition;
     std::optional<std::uint32_t> count = 1;
     const auto colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
@@ -108,7 +108,7 @@ bool FailPoints::Add(std::string_view spec, std::string& error) {
             count = static_cast<std::uint32_t>(*value);
         } else {
             error = "bad count '" + std::string(countText) + "' in fail point '" +
-                    std::string(spec) + "' (a number from 1 or *)";
+                    std::string(definition) + "' (a number from 1 or *)";
             return false;
         }
         rest = rest.substr(0, colon);

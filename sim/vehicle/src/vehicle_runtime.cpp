@@ -117,8 +117,8 @@ VehicleRuntime::~VehicleRuntime() {
 }
 
 bool VehicleRuntime::Start(std::string& error) {
-    for (const auto& spec : options_.failPoints) {
-        if (!failPoints_.Add(spec, error)) {
+    for (const auto& definition : options_.failPoints) {
+        if (!failPoints_.Add(definition, error)) {
             return false;
         }
     }
@@ -216,7 +216,7 @@ std::string VehicleRuntime::Command(const std::string& command) {
         return Ok();
     }
     return Refuse("unknown command '" + command +
-                  "' (ping, status, clamp on|off, service stop|start NAME, fail SPEC|clear)");
+                  "' (ping, status, clamp on|off, service stop|start NAME, fail POINT|clear)");
 }
 
 std::string VehicleRuntime::ServiceCommand(const std::string& action, const std::string& name) {

@@ -46,7 +46,7 @@ const char* const kOverview =
     "  status                    show the state (and services, when running)\n"
     "  clamp on|off              switch Clamp 15 of the running simulator\n"
     "  service stop|start NAME   withdraw or offer a service of the running simulator\n"
-    "  fail SPEC|clear           arm or clear fail points of the running simulator\n"
+    "  fail POINT|clear           arm or clear fail points of the running simulator\n"
     "\n"
     "Every command takes --state DIR (default $KELVANE_VEHICLE_STATE, else\n"
     "./vehicle-state). 'kelvane-vehicle-sim COMMAND --help' shows its options.\n"
@@ -208,7 +208,7 @@ int Run(const std::vector<std::string>& arguments) {
         .Option("--clamp", "on|off", "Clamp 15 at start (default off)", &clamp)
         .Option("--challenge-lifetime", "SECONDS",
                 "how long a hashed challenge stays good for a container (default 600)", &lifetime)
-        .Repeated("--fail", "SPEC", "arm a fail point, e.g. HandleDlc=ZELK_ERROR_BUSY:2",
+        .Repeated("--fail", "POINT", "arm a fail point, e.g. HandleDlc=ZELK_ERROR_BUSY:2",
                   &options.failPoints);
     if (const auto done = ParseCommandLine(commandLine, arguments)) {
         return *done;
@@ -223,9 +223,9 @@ int Run(const std::vector<std::string>& arguments) {
     options.challengeLifetime = std::chrono::seconds(*seconds);
     options.clamp15On = clamp == "on";
     FailPoints check;
-    for (const auto& spec : options.failPoints) {
+    for (const auto& definition : options.failPoints) {
         std::string error;
-        if (!check.Add(spec, error)) {
+        if (!check.Add(definition, error)) {
             return UsageError(error);
         }
     }
@@ -275,7 +275,7 @@ int Remote(const std::string& name, const std::vector<std::string>& arguments) {
             "TypeIdAccess, GenericUDSService, ClampControl or all.";
         positionals = 2;
     } else if (name == "fail") {
-        synopsis = "fail SPEC|clear";
+        synopsis = "fail POINT|clear";
         description =
             "Arms a fail point of the running simulator (see 'run --help'), or\n"
             "clears them all.";

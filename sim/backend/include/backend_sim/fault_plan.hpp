@@ -57,7 +57,7 @@ struct Fault {
 class FaultPlan {
 public:
     /// Adds "EXCHANGE=KIND[:ARG][:COUNT]". False with a one-line reason in `error`.
-    bool Add(std::string_view spec, std::string& error);
+    bool Add(std::string_view definition, std::string& error);
     /// Takes one hit of the first fault waiting for `exchange`, if any.
     std::optional<Fault> Take(Exchange exchange);
     void Clear();
@@ -65,7 +65,8 @@ public:
     std::vector<std::string> Pending() const;
 
     /// Parses "KIND[:ARG][:COUNT]" for `exchange`.
-    static std::optional<Fault> Parse(Exchange exchange, std::string_view spec, std::string& error);
+    static std::optional<Fault> Parse(Exchange exchange, std::string_view definition,
+                                      std::string& error);
 
 private:
     struct Entry {

@@ -28,7 +28,7 @@ public:
     };
 
     /// False with a one-line reason in `error`.
-    bool Add(std::string_view spec, std::string& error);
+    bool Add(std::string_view definition, std::string& error);
     /// Takes one hit of the first point armed for `name`.
     std::optional<Hit> Take(std::string_view name);
     void Clear();

@@ -39,7 +39,7 @@ public:
     void Stop();
 
     /// One control command, as the socket takes it:
-    ///   ping | status | clamp on|off | service stop|start NAME | fail SPEC | fail clear
+    ///   ping | status | clamp on|off | service stop|start NAME | fail POINT | fail clear
     /// NAME: DiagServices, TypeIdAccess, GenericUDSService, ClampControl or all.
     /// The answer starts with "ok" or "error: <reason>" on its own line.
     std::string Command(const std::string& command);
