@@ -96,12 +96,13 @@ TEST_F(TeeIntegrationTest, ReadinessFollowsTheServiceAsItStopsAndComesBack) {
 
     service.StopOfferService();
     ASSERT_TRUE(WaitUntil([&] { return !sut.IsReady(); }, 5s));
-    EXPECT_TRUE(log_.Contains("DiagnosticServices service stopped"));
+    // The line may come just after readiness changed.
+    EXPECT_TRUE(log_.WaitFor("DiagnosticServices service stopped", 5s));
     EXPECT_EQ(sut.zelk_get_pss_hash(pss), 101);
 
     service.OfferService();
     ASSERT_TRUE(WaitUntil([&] { return sut.IsReady(); }, 5s));
-    EXPECT_EQ(log_.Count("DiagnosticServices service found"), 2u);
+    EXPECT_TRUE(log_.WaitFor("DiagnosticServices service found", 5s, 2));
     std::uint16_t counter = 0;
     EXPECT_EQ(sut.zelk_get_training_counter(counter), 100);
     EXPECT_EQ(counter, 12);
