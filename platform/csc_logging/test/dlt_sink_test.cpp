@@ -18,6 +18,10 @@ using kelvane::testing::WaitUntil;
 // A dlt-daemon of the test's own on ::1 (no multicast), a receiver, and a
 // program that logs through the DLT sink: the lines arrive under app id KV.
 TEST(DltSinkTest, RecordsReachADltDaemonUnderTheApplicationId) {
+#if defined(__SANITIZE_THREAD__)
+    // libdlt is not built for ThreadSanitizer; its threads make this test unreliable there.
+    GTEST_SKIP() << "not meaningful under ThreadSanitizer";
+#endif
     if (std::system("pgrep -x dlt-daemon >/dev/null") == 0) {
         GTEST_SKIP() << "another dlt-daemon owns /tmp/dlt and port 3490";
     }
