@@ -36,5 +36,20 @@ fi
 
 echo "bootstrap: installing ${missing[*]}" >&2
 export DEBIAN_FRONTEND=noninteractive
+
+# No daemon of these packages may start with its defaults (dlt-daemon's listen
+# on every interface and multicast): service starts are refused while
+# installing, and dlt-daemon is not enabled for later boots. Tests and the
+# demo start their own, on loopback.
+policy=/usr/sbin/policy-rc.d
+if [[ ! -e $policy ]]; then
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+    "${as_root[@]}" chmod 755 "$policy"
+    trap '"${as_root[@]}" rm -f "$policy"' EXIT
+fi
+
 "${as_root[@]}" apt-get update -qq >/dev/null
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if command -v systemctl >/dev/null 2>&1; then
+    "${as_root[@]}" systemctl disable dlt-daemon.service >/dev/null 2>&1 || true
+fi
