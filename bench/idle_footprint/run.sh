@@ -25,18 +25,7 @@ done
 bench_prepare "$@"
 
 bench_workdir
-world_start_dbus || bench_die "dbus-daemon did not start" "$logs/dbus-daemon.log"
-world_start_broker || bench_die "mosquitto did not start" "$logs/mosquitto.log"
-world_init_vehicle 200 || bench_die "vehicle init failed" "$logs/vehicle-init.log"
-world_start_vehicle || bench_die "vehicle simulator did not start" "$logs/vehicle.log"
-world_start_backend || bench_die "backend simulator did not start" "$logs/backend.log"
-world_write_client_config 5000 10000
-client_log=$logs/client.log
-world_start_client "$client_log"
-wait_for_line "$client_log" "All subscriptions and connections ready" 1 20 ||
-    bench_die "the client did not get ready" "$client_log"
-wait_for_line "$client_log" "Subscribed to topic TTVI-Kelvane-C003.CTzelkDlcInitiation, status=0" 1 20 ||
-    bench_die "the client did not subscribe to the push topic" "$client_log"
+bench_start_world_with_client
 
 # The reference: the client's shared libraries, as many threads.
 threads=$(awk '/^Threads:/ { print $2 }' "/proc/$client_pid/status")
