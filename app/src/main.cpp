@@ -3,8 +3,11 @@
 
 #include "app/kelvane_client.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "signal_handler/signal_handler.hpp"
 
 int main() {
+    // Before any thread starts, so that SIGTERM interrupts none of their calls.
+    signal_handler::SignalHandler::BlockInCallingThread();
     csc_logging::CSCLogging::InitLogging("KV", "Kelvane client");
 
     std::optional<kelvane_client::KelvaneClient> client;

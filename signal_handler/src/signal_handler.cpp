@@ -1,6 +1,7 @@
 #include "signal_handler/signal_handler.hpp"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -60,7 +61,6 @@ SignalHandler::SignalHandler(Callback callback, std::vector<int> signals)
         return;
     }
     installed_ = true;
-    thread_ = std::thread(&SignalHandler::Run, this);
 
     struct sigaction action {};
     action.sa_handler = OnSignal;
@@ -78,6 +78,17 @@ SignalHandler::SignalHandler(Callback callback, std::vector<int> signals)
             return;
         }
     }
+    // Started only now: once it unblocks the signals, they must find our action.
+    thread_ = std::thread(&SignalHandler::Run, this);
+}
+
+void SignalHandler::BlockInCallingThread(const std::vector<int>& signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals) {
+        sigaddset(&set, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 SignalHandler::~SignalHandler() {
@@ -97,13 +108,22 @@ void SignalHandler::Uninstall() {
     }
     // End of file tells the thread to stop once it has read what is pending.
     close(writeFd_);
-    thread_.join();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
     close(readFd_);
     readFd_ = writeFd_ = -1;
     installed_ = false;
 }
 
 void SignalHandler::Run() {
+    // Threads that blocked these signals leave them to this one.
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals_) {
+        sigaddset(&set, signal);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     for (;;) {
         unsigned char byte = 0;
         const ssize_t got = read(readFd_, &byte, 1);

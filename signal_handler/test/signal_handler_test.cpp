@@ -1,12 +1,17 @@
 #include "signal_handler/signal_handler.hpp"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -126,6 +131,49 @@ TEST(SignalHandlerTest, ThrowingCallbackIsLoggedAndLaterSignalsStillArrive) {
     kill(getpid(), SIGUSR2);
 
     EXPECT_TRUE(WaitUntil([&] { return calls.load() == 2; }, 5000ms, 1ms));
+}
+
+// The scheduler state of one of our threads, as /proc shows it ('S' while it sleeps).
+char ThreadState(pid_t tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto afterName = line.rfind(')');
+    return afterName == std::string::npos || afterName + 2 >= line.size() ? '?'
+                                                                          : line[afterName + 2];
+}
+
+TEST(SignalHandlerTest, BlockedThreadsKeepWaitingWhileTheHandlersThreadTakesTheSignal) {
+    sigset_t original;
+    pthread_sigmask(SIG_SETMASK, nullptr, &original);
+    SignalHandler::BlockInCallingThread({SIGUSR2});
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    std::atomic<pid_t> waiterTid{0};
+    int pollResult = 0;
+    int pollErrno = 0;
+    // ppoll() is never resumed after a handler, SA_RESTART or not: the D-Bus call's case.
+    std::thread waiter([&] {
+        waiterTid = static_cast<pid_t>(syscall(SYS_gettid));
+        pollfd readable{fds[0], POLLIN, 0};
+        pollResult = ppoll(&readable, 1, nullptr, nullptr);
+        pollErrno = errno;
+    });
+    ASSERT_TRUE(
+        WaitUntil([&] { return waiterTid != 0 && ThreadState(waiterTid) == 'S'; }, 5000ms, 1ms));
+    SignalRecorder recorder;
+    SignalHandler sut(recorder.Callback(), {SIGUSR2});
+
+    kill(getpid(), SIGUSR2);
+    const bool delivered = recorder.WaitForCount(1);
+    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    waiter.join();
+    close(fds[0]);
+    close(fds[1]);
+    pthread_sigmask(SIG_SETMASK, &original, nullptr);
+
+    EXPECT_TRUE(delivered);
+    EXPECT_EQ(pollResult, 1) << "waiter interrupted: " << std::strerror(pollErrno);
 }
 
 }  // namespace

@@ -22,6 +22,13 @@ public:
     SignalHandler(const SignalHandler&) = delete;
     SignalHandler& operator=(const SignalHandler&) = delete;
 
+    /// Blocks the signals in the calling thread and so in every thread it starts
+    /// later. Called first in main, it makes the handler's thread the only one
+    /// the signals reach: elsewhere they would break blocking calls that
+    /// SA_RESTART does not resume, such as a D-Bus call waiting in ppoll(),
+    /// with EINTR.
+    static void BlockInCallingThread(const std::vector<int>& signals = {SIGTERM, SIGINT});
+
     /// False when the handler could not be set up (logged); then no signal is caught.
     bool Installed() const { return installed_; }
 
