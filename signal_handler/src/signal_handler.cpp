@@ -1,6 +1,7 @@
 #include "signal_handler/signal_handler.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
@@ -125,6 +126,13 @@ void SignalHandler::Run() {
     }
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     for (;;) {
+        // Waiting in poll(), which a signal always breaks off, lets a handler
+        // that a runtime defers (ThreadSanitizer does) run before we wait again;
+        // read(), resumed under SA_RESTART, would wait for ever.
+        pollfd readable{readFd_, POLLIN, 0};
+        if (poll(&readable, 1, -1) < 0 && errno == EINTR) {
+            continue;
+        }
         unsigned char byte = 0;
         const ssize_t got = read(readFd_, &byte, 1);
         if (got < 0 && errno == EINTR) {
