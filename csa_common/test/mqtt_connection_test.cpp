@@ -24,6 +24,7 @@ public:
     MockVIConnector() : VIConnector(NoConfiguration{}) {}
     MOCK_METHOD(std::uint32_t, PubSubConnect, (VIPubSubCallbackIf*), (override));
     MOCK_METHOD(std::uint32_t, PubSubDisconnect, (), (override));
+    MOCK_METHOD(void, PubSubDetach, (VIPubSubCallbackIf*), (override));
     MOCK_METHOD(vi_connector::SubscribeResult, PubSubSubscribe, (const std::string&, bool),
                 (override));
     MOCK_METHOD(std::uint32_t, PubSubPublish,
@@ -41,6 +42,8 @@ public:
 
 class MqttConnectionTest : public testing::Test {
 protected:
+    MqttConnectionTest() { EXPECT_CALL(*connector_, PubSubDetach(_)).Times(testing::AnyNumber()); }
+
     std::shared_ptr<testing::StrictMock<MockVIConnector>> connector_ =
         std::make_shared<testing::StrictMock<MockVIConnector>>();
     testing::StrictMock<MockOwner> owner_;
@@ -50,6 +53,14 @@ protected:
 
 std::vector<std::uint8_t> Bytes(const std::string& text) {
     return {text.begin(), text.end()};
+}
+
+TEST(MqttConnectionLifetimeTest, DestructionDetachesFromTheSharedConnectorWithoutDisconnecting) {
+    auto connector = std::make_shared<testing::StrictMock<MockVIConnector>>();
+    auto sut = std::make_unique<MqttConnection>(connector, nullptr);
+    EXPECT_CALL(*connector, PubSubDetach(static_cast<VIPubSubCallbackIf*>(sut.get())));
+
+    sut.reset();
 }
 
 // ---- Connect: 0, 1 and 3 succeed --------------------------------------------------------
@@ -233,6 +244,7 @@ TEST_F(MqttConnectionTest, FailedSubscriptionRequestAsksForAnotherTryAndOtherFai
 
 TEST(MqttConnectionWithoutOwnerTest, EveryNotificationStillLogsAndStores) {
     auto connector = std::make_shared<testing::StrictMock<MockVIConnector>>();
+    EXPECT_CALL(*connector, PubSubDetach(_));
     LogCapture log;
     MqttConnection sut(connector, nullptr);
 

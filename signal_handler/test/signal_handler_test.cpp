@@ -2,21 +2,19 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/child_process.hpp"
+#include "test_support/thread_state.hpp"
 
 namespace signal_handler {
 namespace {
@@ -133,16 +131,6 @@ TEST(SignalHandlerTest, ThrowingCallbackIsLoggedAndLaterSignalsStillArrive) {
     EXPECT_TRUE(WaitUntil([&] { return calls.load() == 2; }, 5000ms, 1ms));
 }
 
-// The scheduler state of one of our threads, as /proc shows it ('S' while it sleeps).
-char ThreadState(pid_t tid) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    const auto afterName = line.rfind(')');
-    return afterName == std::string::npos || afterName + 2 >= line.size() ? '?'
-                                                                          : line[afterName + 2];
-}
-
 TEST(SignalHandlerTest, BlockedThreadsKeepWaitingWhileTheHandlersThreadTakesTheSignal) {
     sigset_t original;
     pthread_sigmask(SIG_SETMASK, nullptr, &original);
@@ -154,13 +142,14 @@ TEST(SignalHandlerTest, BlockedThreadsKeepWaitingWhileTheHandlersThreadTakesTheS
     int pollErrno = 0;
     // ppoll() is never resumed after a handler, SA_RESTART or not: the D-Bus call's case.
     std::thread waiter([&] {
-        waiterTid = static_cast<pid_t>(syscall(SYS_gettid));
+        waiterTid = kelvane::testing::CurrentThreadId();
         pollfd readable{fds[0], POLLIN, 0};
         pollResult = ppoll(&readable, 1, nullptr, nullptr);
         pollErrno = errno;
     });
     ASSERT_TRUE(
-        WaitUntil([&] { return waiterTid != 0 && ThreadState(waiterTid) == 'S'; }, 5000ms, 1ms));
+        WaitUntil([&] { return waiterTid != 0 && kelvane::testing::ThreadIsBlocked(waiterTid); },
+                  5000ms, 1ms));
     SignalRecorder recorder;
     SignalHandler sut(recorder.Callback(), {SIGUSR2});
 

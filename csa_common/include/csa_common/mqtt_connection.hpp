@@ -28,8 +28,9 @@ public:
     /// `callback` may be null; it is not owned.
     MqttConnection(std::shared_ptr<vi_connector::VIConnector> connector,
                    MqttConnectionCbIf* callback);
-    /// Neither disconnects nor unsubscribes.
-    ~MqttConnection() override = default;
+    /// Neither disconnects nor unsubscribes; only makes the connector stop
+    /// calling this object, waiting for a notification under way.
+    ~MqttConnection() override;
     MqttConnection(const MqttConnection&) = delete;
     MqttConnection& operator=(const MqttConnection&) = delete;
 

@@ -44,6 +44,7 @@ MosquittoPubSub::MosquittoPubSub() = default;
 MosquittoPubSub::~MosquittoPubSub() {
     {
         // Whoever registered the callback may be gone already; say nothing more.
+        std::lock_guard<std::recursive_mutex> delivery(deliveryMutex_);
         std::lock_guard<std::mutex> lock(mutex_);
         callback_ = nullptr;
     }
@@ -97,6 +98,14 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     }
     thread_ = std::thread([this] { Run(); });
     return pubsub_status::kInProgress;
+}
+
+void MosquittoPubSub::Detach(VIPubSubCallbackIf* callback) {
+    std::lock_guard<std::recursive_mutex> delivery(deliveryMutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (callback_ == callback) {
+        callback_ = nullptr;
+    }
 }
 
 std::uint32_t MosquittoPubSub::Disconnect() {
@@ -389,14 +398,14 @@ void MosquittoPubSub::HandleEvents() {
         events.swap(events_);
     }
     for (auto& event : events) {
-        VIPubSubCallbackIf* callback = Callback();
+        const auto callback = Callback();
         const auto requestId = static_cast<std::uint16_t>(event.mid);
         switch (event.kind) {
             case Event::Kind::kConnack:
                 HandleConnack(event.code);
                 break;
             case Event::Kind::kMessage:
-                if (callback != nullptr) {
+                if (callback) {
                     callback->VIPublishReceived(event.topic, event.payload,
                                                 static_cast<std::uint32_t>(event.mid));
                 }
@@ -420,7 +429,7 @@ void MosquittoPubSub::HandleEvents() {
                                            "subscription to '"
                                         << topic << "': " << mosquitto_reason_string(event.code));
                 }
-                if (callback != nullptr) {
+                if (callback) {
                     callback->VISubscribeAcknowledgeReceived(topic, status, requestId);
                 }
                 break;
@@ -436,7 +445,7 @@ void MosquittoPubSub::HandleEvents() {
                     topic = std::move(found->second.topic);
                     publishesInFlight_.erase(found);
                 }
-                if (callback == nullptr) {
+                if (!callback) {
                     break;
                 }
                 if (event.code >= kFirstFailureReason) {
@@ -476,7 +485,7 @@ void MosquittoPubSub::HandleConnack(int reason) {
     CSCLogging::Info("VIConnector: MQTT connected to " + Broker() + " as '" + settings_.clientId +
                      "'");
     ReportState(VIPubSubCallbackIf::kConnected);
-    if (VIPubSubCallbackIf* callback = Callback()) {
+    if (const auto callback = Callback()) {
         for (const auto& topic : unsent) {
             callback->VISubscribeFailed(topic, 0);
         }
@@ -511,8 +520,8 @@ bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
     if (wasUp) {
         ReportState(VIPubSubCallbackIf::kDisconnected);
     }
-    VIPubSubCallbackIf* callback = Callback();
-    if (callback == nullptr) {
+    const auto callback = Callback();
+    if (!callback) {
         return wasUp;
     }
     for (const auto& [mid, topic] : subscriptions) {
@@ -534,14 +543,20 @@ bool MosquittoPubSub::WaitBeforeReconnect(int delayMs) {
 }
 
 void MosquittoPubSub::ReportState(VIPubSubCallbackIf::PubSubConnectionState state) {
-    if (VIPubSubCallbackIf* callback = Callback()) {
+    if (const auto callback = Callback()) {
         callback->VIPubSubConnectionState(state);
     }
 }
 
-VIPubSubCallbackIf* MosquittoPubSub::Callback() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return callback_;
+MosquittoPubSub::Notifier::Notifier(std::recursive_mutex& delivery, std::mutex& guard,
+                                    VIPubSubCallbackIf* const& callback)
+    : delivery_(delivery) {
+    std::lock_guard<std::mutex> lock(guard);
+    callback_ = callback;
+}
+
+MosquittoPubSub::Notifier MosquittoPubSub::Callback() const {
+    return Notifier(deliveryMutex_, mutex_, callback_);
 }
 
 }  // namespace vi_connector

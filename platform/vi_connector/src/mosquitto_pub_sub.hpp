@@ -26,8 +26,8 @@ namespace vi_connector {
 /// arrives or a keep-alive ping is due, so an idle link costs about two
 /// wake-ups per keep-alive period.
 ///
-/// Notifications are made on the network thread without any lock held, so a
-/// callback may call back into this object.
+/// Notifications are made on the network thread holding only the delivery
+/// lock, which Detach() waits for; a callback may call back into this object.
 class MosquittoPubSub {
 public:
     MosquittoPubSub();
@@ -41,6 +41,10 @@ public:
     /// link is up already, kFailed when the session cannot be set up. A call on
     /// a running session only replaces a non-null callback.
     std::uint32_t Connect(const MqttSettings& settings, VIPubSubCallbackIf* callback);
+    /// Stops notifications to `callback`: when it returns, none is under way
+    /// (unless called from one) and none follows, so its owner may destroy it.
+    /// The session and its subscriptions stay.
+    void Detach(VIPubSubCallbackIf* callback);
     /// Sends DISCONNECT when connected and stops the session: kOk, or kFailed
     /// when no session was running.
     std::uint32_t Disconnect();
@@ -93,7 +97,20 @@ private:
     bool HandleLinkDown(bool sessionEnds);
     bool WaitBeforeReconnect(int delayMs);
     void ReportState(VIPubSubCallbackIf::PubSubConnectionState state);
-    VIPubSubCallbackIf* Callback() const;
+    // The callback for one or more notifications, held on to: Detach() waits
+    // until it is released. Empty when no callback is set.
+    class Notifier {
+    public:
+        Notifier(std::recursive_mutex& delivery, std::mutex& guard,
+                 VIPubSubCallbackIf* const& callback);
+        explicit operator bool() const { return callback_ != nullptr; }
+        VIPubSubCallbackIf* operator->() const { return callback_; }
+
+    private:
+        std::unique_lock<std::recursive_mutex> delivery_;
+        VIPubSubCallbackIf* callback_;
+    };
+    Notifier Callback() const;
     std::string Broker() const;
 
     std::mutex controlMutex_;  // serialises Connect, Disconnect and destruction
@@ -101,6 +118,9 @@ private:
     std::atomic<std::thread::id> networkThreadId_{};
     MqttSettings settings_;  // written only while no network thread runs
 
+    // Held while notifying, taken before mutex_; recursive because a callback
+    // may detach itself.
+    mutable std::recursive_mutex deliveryMutex_;
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable wake_;
     mosquitto* client_ = nullptr;

@@ -188,8 +188,25 @@ std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* callback) {
             "VIConnector: PubSubConnect before a successful Start(): no MQTT configuration");
         return pubsub_status::kFailed;
     }
-    return PubSubOf(mutex_, pubSub_)
-        .Connect(config->mqtt, callback != nullptr ? callback : pubSubCallback_);
+    if (callback == nullptr) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        callback = pubSubCallback_;
+    }
+    return PubSubOf(mutex_, pubSub_).Connect(config->mqtt, callback);
+}
+
+void VIConnector::PubSubDetach(VIPubSubCallbackIf* callback) {
+    MosquittoPubSub* pubSub = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (pubSubCallback_ == callback) {
+            pubSubCallback_ = nullptr;
+        }
+        pubSub = pubSub_.get();
+    }
+    if (pubSub != nullptr) {
+        pubSub->Detach(callback);
+    }
 }
 
 std::uint32_t VIConnector::PubSubDisconnect() {

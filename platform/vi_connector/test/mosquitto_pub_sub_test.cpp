@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -14,6 +16,7 @@
 #include "test_support/mosquitto_broker.hpp"
 #include "test_support/mosquitto_dynamic_security.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "test_support/thread_state.hpp"
 #include "vi_connector/vi_connector.hpp"
 
 namespace vi_connector {
@@ -342,6 +345,84 @@ TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
 
     EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
+}
+
+// Holds a received message in its notification until the test opens the gate.
+class GatedCallback : public RecordingPubSubCallback {
+public:
+    void VIPublishReceived(const std::string& topic, const std::vector<std::uint8_t>& payload,
+                           std::uint32_t messageId) override {
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            inside_ = true;
+            changed_.notify_all();
+            changed_.wait_for(lock, kTimeout, [&] { return open_; });
+            left_ = true;
+        }
+        RecordingPubSubCallback::VIPublishReceived(topic, payload, messageId);
+    }
+    bool WaitUntilInside() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, kTimeout, [&] { return inside_; });
+    }
+    void Open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    bool Left() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return left_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool inside_ = false;
+    bool open_ = false;
+    bool left_ = false;
+};
+
+TEST(MosquittoPubSubTest, DetachWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
+    MosquittoBroker broker;
+    StartedConnector sut(broker.Port(), "kv-detach");
+    GatedCallback detached;
+    ASSERT_EQ(sut->PubSubConnect(&detached), pubsub_status::kInProgress);
+    ASSERT_EQ(detached.WaitForStates(2).size(), 2U);
+    ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
+    ASSERT_EQ(detached.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    PublishFromOtherClient(broker, "push/1", "first");
+    ASSERT_TRUE(detached.WaitUntilInside());
+
+    // The callback's owner detaches it while the message is being handed over.
+    std::atomic<pid_t> ownerThread{0};
+    std::atomic<bool> returned{false};
+    bool leftBeforeReturn = false;
+    std::thread owner([&] {
+        ownerThread = kelvane::testing::CurrentThreadId();
+        sut->PubSubDetach(&detached);
+        leftBeforeReturn = detached.Left();
+        returned = true;
+    });
+    const bool settled = kelvane::testing::WaitUntil(
+        [&] {
+            return returned || (ownerThread != 0 && kelvane::testing::ThreadIsBlocked(ownerThread));
+        },
+        kTimeout, 1ms);
+    const bool returnedWhileInside = returned;
+    detached.Open();
+    owner.join();
+
+    EXPECT_TRUE(settled);
+    EXPECT_FALSE(returnedWhileInside);
+    EXPECT_TRUE(leftBeforeReturn);
+    // The session goes on: a new callback gets what follows, the detached one nothing.
+    RecordingPubSubCallback next;
+    EXPECT_EQ(sut->PubSubConnect(&next), pubsub_status::kAlreadyOrQueued);
+    PublishFromOtherClient(broker, "push/2", "second");
+    ASSERT_EQ(next.WaitFor(Kind::kMessage, 1).size(), 1U);
+    EXPECT_EQ(next.WaitFor(Kind::kMessage, 1).front().topic, "push/2");
+    EXPECT_EQ(detached.WaitFor(Kind::kMessage, 0).size(), 1U);
 }
 
 // A CA, a server certificate for 127.0.0.1 signed by it, and an unrelated CA.

@@ -71,6 +71,10 @@ public:
     /// the session, and so on every reconnection. 0 connected, 1 under way,
     /// 3 already connected, other values failures.
     virtual std::uint32_t PubSubConnect(VIPubSubCallbackIf* callback);
+    /// Stops notifications to `callback`: once it returns none is under way
+    /// (unless called from one of them) and none follows, so its owner may
+    /// destroy it. Neither disconnects nor unsubscribes.
+    virtual void PubSubDetach(VIPubSubCallbackIf* callback);
     /// Ends the session (0), or 2 when none was running.
     virtual std::uint32_t PubSubDisconnect();
     /// Subscribes with QoS 1: 0 and the SUBSCRIBE's message id when the link is
@@ -93,7 +97,7 @@ private:
     std::shared_ptr<const ConnectorConfig> Config() const;
 
     VISessionCallbackIf* sessionCallback_ = nullptr;
-    VIPubSubCallbackIf* pubSubCallback_ = nullptr;
+    VIPubSubCallbackIf* pubSubCallback_ = nullptr;  // guarded by mutex_
     std::string configPath_;
 
     mutable std::mutex mutex_;
