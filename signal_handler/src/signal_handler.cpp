@@ -79,7 +79,7 @@ SignalHandler::SignalHandler(Callback callback, std::vector<int> signals)
             return;
         }
     }
-    // Started only now: once it unblocks the signals, they must find our action.
+    // Started only now: when it takes the signals, they must find our action.
     thread_ = std::thread(&SignalHandler::Run, this);
 }
 
@@ -118,27 +118,27 @@ void SignalHandler::Uninstall() {
 }
 
 void SignalHandler::Run() {
-    // Threads that blocked these signals leave them to this one.
-    sigset_t set;
-    sigemptyset(&set);
+    // This thread takes the signals only while it waits in ppoll(), which they
+    // always break off. So a handler that a runtime defers to the end of the
+    // call (ThreadSanitizer does) has run before the next wait, and other
+    // threads that block the signals leave them to this one.
+    sigset_t ours;
+    sigemptyset(&ours);
     for (const int signal : signals_) {
-        sigaddset(&set, signal);
+        sigaddset(&ours, signal);
     }
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    sigset_t whileWaiting;
+    pthread_sigmask(SIG_BLOCK, &ours, &whileWaiting);
+    for (const int signal : signals_) {
+        sigdelset(&whileWaiting, signal);
+    }
     for (;;) {
-        // Waiting in poll(), which a signal always breaks off, lets a handler
-        // that a runtime defers (ThreadSanitizer does) run before we wait again;
-        // read(), resumed under SA_RESTART, would wait for ever.
         pollfd readable{readFd_, POLLIN, 0};
-        if (poll(&readable, 1, -1) < 0 && errno == EINTR) {
+        if (ppoll(&readable, 1, nullptr, &whileWaiting) < 0 && errno == EINTR) {
             continue;
         }
         unsigned char byte = 0;
-        const ssize_t got = read(readFd_, &byte, 1);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
+        if (read(readFd_, &byte, 1) <= 0) {
             return;
         }
         try {
