@@ -86,16 +86,21 @@ bench_build_reference() {
         bench_die "building the reference program failed"
 }
 
-# Bus, broker, both simulators and the client as deployed (probe every 5 s,
-# keep-alive every 10 s), waited for until the client is subscribed to the
-# push topic. Sets client_log.
-bench_start_world_with_client() {
+# Bus, broker and both simulators, and the client's configuration as deployed
+# (probe every 5 s, keep-alive every 10 s).
+bench_start_world() {
     world_start_dbus || bench_die "dbus-daemon did not start" "$logs/dbus-daemon.log"
     world_start_broker || bench_die "mosquitto did not start" "$logs/mosquitto.log"
     world_init_vehicle 200 || bench_die "vehicle init failed" "$logs/vehicle-init.log"
     world_start_vehicle || bench_die "vehicle simulator did not start" "$logs/vehicle.log"
     world_start_backend || bench_die "backend simulator did not start" "$logs/backend.log"
     world_write_client_config 5000 10000
+}
+
+# bench_start_world and the client, waited for until it is subscribed to the
+# push topic. Sets client_log.
+bench_start_world_with_client() {
+    bench_start_world
     client_log=$logs/client.log
     world_start_client "$client_log"
     wait_for_line "$client_log" "All subscriptions and connections ready" 1 20 ||

@@ -30,12 +30,7 @@ readonly kReady="Kelvane Client Ready"
 readonly kAllReady="All subscriptions and connections ready"
 
 bench_workdir
-world_start_dbus || bench_die "dbus-daemon did not start" "$logs/dbus-daemon.log"
-world_start_broker || bench_die "mosquitto did not start" "$logs/mosquitto.log"
-world_init_vehicle 200 || bench_die "vehicle init failed" "$logs/vehicle-init.log"
-world_start_vehicle || bench_die "vehicle simulator did not start" "$logs/vehicle.log"
-world_start_backend || bench_die "backend simulator did not start" "$logs/backend.log"
-world_write_client_config 5000 10000
+bench_start_world
 world_client_environment
 bench_build_reference "$work/reference"
 
