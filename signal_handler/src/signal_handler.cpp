@@ -38,6 +38,15 @@ extern "C" void OnSignal(int signal) {
     errno = savedErrno;
 }
 
+sigset_t SetOf(const std::vector<int>& signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals) {
+        sigaddset(&set, signal);
+    }
+    return set;
+}
+
 }  // namespace
 
 SignalHandler::SignalHandler(Callback callback, std::vector<int> signals)
@@ -84,11 +93,7 @@ SignalHandler::SignalHandler(Callback callback, std::vector<int> signals)
 }
 
 void SignalHandler::BlockInCallingThread(const std::vector<int>& signals) {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : signals) {
-        sigaddset(&set, signal);
-    }
+    const sigset_t set = SetOf(signals);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
@@ -122,11 +127,7 @@ void SignalHandler::Run() {
     // always break off. So a handler that a runtime defers to the end of the
     // call (ThreadSanitizer does) has run before the next wait, and other
     // threads that block the signals leave them to this one.
-    sigset_t ours;
-    sigemptyset(&ours);
-    for (const int signal : signals_) {
-        sigaddset(&ours, signal);
-    }
+    const sigset_t ours = SetOf(signals_);
     sigset_t whileWaiting;
     pthread_sigmask(SIG_BLOCK, &ours, &whileWaiting);
     for (const int signal : signals_) {

@@ -147,20 +147,22 @@ TEST(SignalHandlerTest, BlockedThreadsKeepWaitingWhileTheHandlersThreadTakesTheS
         pollResult = ppoll(&readable, 1, nullptr, nullptr);
         pollErrno = errno;
     });
-    ASSERT_TRUE(
+    // No ASSERT until the waiter is joined: it ends only once the pipe has a byte.
+    const bool waiting =
         WaitUntil([&] { return waiterTid != 0 && kelvane::testing::ThreadIsBlocked(waiterTid); },
-                  5000ms, 1ms));
+                  5000ms, 1ms);
     SignalRecorder recorder;
     SignalHandler sut(recorder.Callback(), {SIGUSR2});
 
     kill(getpid(), SIGUSR2);
     const bool delivered = recorder.WaitForCount(1);
-    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    EXPECT_EQ(write(fds[1], "x", 1), 1);
     waiter.join();
     close(fds[0]);
     close(fds[1]);
     pthread_sigmask(SIG_SETMASK, &original, nullptr);
 
+    EXPECT_TRUE(waiting);
     EXPECT_TRUE(delivered);
     EXPECT_EQ(pollResult, 1) << "waiter interrupted: " << std::strerror(pollErrno);
 }

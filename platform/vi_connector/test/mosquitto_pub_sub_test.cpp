@@ -385,8 +385,10 @@ private:
 
 TEST(MosquittoPubSubTest, DetachWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
     MosquittoBroker broker;
-    StartedConnector sut(broker.Port(), "kv-detach");
+    // Declared first: the callbacks outlive the connector that calls them.
     GatedCallback detached;
+    RecordingPubSubCallback next;
+    StartedConnector sut(broker.Port(), "kv-detach");
     ASSERT_EQ(sut->PubSubConnect(&detached), pubsub_status::kInProgress);
     ASSERT_EQ(detached.WaitForStates(2).size(), 2U);
     ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
@@ -417,7 +419,6 @@ TEST(MosquittoPubSubTest, DetachWaitsForTheNotificationUnderWayAndNothingFollows
     EXPECT_FALSE(returnedWhileInside);
     EXPECT_TRUE(leftBeforeReturn);
     // The session goes on: a new callback gets what follows, the detached one nothing.
-    RecordingPubSubCallback next;
     EXPECT_EQ(sut->PubSubConnect(&next), pubsub_status::kAlreadyOrQueued);
     PublishFromOtherClient(broker, "push/2", "second");
     ASSERT_EQ(next.WaitFor(Kind::kMessage, 1).size(), 1U);
