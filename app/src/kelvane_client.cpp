@@ -79,6 +79,14 @@ KelvaneClient::KelvaneClient(const CollaboratorFactory& factory, std::shared_ptr
     x509_validator::VersionCheck();
 }
 
+KelvaneClient::~KelvaneClient() {
+    // The connector is shared and outlives the MQTT connection by a few member
+    // releases; once Disconnect returns its thread calls nothing of ours.
+    if (mqttConnection_) {
+        mqttConnection_->Disconnect();
+    }
+}
+
 bool KelvaneClient::Init() {
     SubscribeToConnectionState();
     clampControlHandler_->ClampControlInit();

@@ -404,6 +404,19 @@ TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
     }
 }
 
+TEST_F(KelvaneClientTest, DestructionEndsMqttDeliveryBeforeReleasingCollaborators) {
+    Construct();
+    long clampHolders = 0;
+    EXPECT_CALL(*mqtt, Disconnect()).WillOnce(Invoke([&] {
+        clampHolders = clamp.use_count();
+        return 0U;
+    }));
+
+    sut.reset();
+
+    EXPECT_EQ(clampHolders, 2);  // the test's share and the client's
+}
+
 TEST_F(KelvaneClientTest, CollaboratorThatCannotBeCreatedIsNamedAndStopsConstruction) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"vi", "Cannot create VIConnector!"},
