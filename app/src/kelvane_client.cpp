@@ -150,6 +150,12 @@ void KelvaneClient::Main() {
                 CSCLogging::Info("Handling MQTT subscription request.");
                 if (!MqttSubscribe()) {
                     mqttSubscribed_ = true;
+                    // A refusal or loss reported while the call was under way
+                    // set a new request; it wins over this success whichever
+                    // of its two writes comes first.
+                    if (mqttSubscribeRequested_) {
+                        mqttSubscribed_ = false;
+                    }
                     readyReported_ = false;
                 }
             } else {

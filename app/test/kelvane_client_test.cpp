@@ -550,6 +550,26 @@ TEST_F(KelvaneClientTest, RefusedMqttSubscriptionWaitsAMinuteAndALostOneIsRenewe
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 3U);
 }
 
+TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUnsubscribed) {
+    EXPECT_CALL(*mqtt, Subscribe(MqttInitiationOperationTypeId))
+        .WillOnce(Invoke([&](const std::string&) {
+            sut->MQTTSubscribeFailedCb();
+            return false;
+        }))
+        .WillOnce(Return(false));
+    StartLoop();
+    AndLoopSettles([&] { sut->ClampControlConnectionStateChangeCb(true); });
+
+    EXPECT_EQ(log.Count("MQTT Subscribed successfully"), 1U);
+    EXPECT_FALSE(log.Contains("All subscriptions and connections ready"));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
+
+    AndLoopSettles([&] { clock->Advance(61s); });
+
+    EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
+    EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
+}
+
 TEST_F(KelvaneClientTest, MqttSubscriptionIsKeptWhileTheConnectionIsDown) {
     initialState = 1;
     EXPECT_CALL(*mqtt, Subscribe(_)).Times(1);
