@@ -1,3 +1,7 @@
+#include <exception>
+#include <future>
+#include <stdexcept>
+
 #include "ac/com/runtime/component_singleton.hpp"
 #include "ac/dm/genericuds/genericuds_proxy.hpp"
 #include "ara/com/types.hpp"
@@ -28,7 +32,9 @@ namespace {
 
 template <typename T>
 ara::core::Future<T> NoService() {
-    return ara::core::MakeReadyFuture([]() -> T { throw std::runtime_error("no service"); });
+    std::promise<T> promise;
+    promise.set_exception(std::make_exception_ptr(std::runtime_error("no service")));
+    return ara::core::Future<T>(promise.get_future());
 }
 
 }  // namespace

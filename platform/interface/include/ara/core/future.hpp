@@ -4,7 +4,6 @@
 #include <chrono>
 #include <exception>
 #include <future>
-#include <type_traits>
 #include <utility>
 
 namespace ara::core {
@@ -35,49 +34,6 @@ public:
 private:
     std::future<T> future_;
 };
-
-template <typename T>
-class Promise {
-public:
-    Future<T> get_future() { return Future<T>(promise_.get_future()); }
-    template <typename U = T>
-    void set_value(U&& value) {
-        promise_.set_value(std::forward<U>(value));
-    }
-    void SetException(std::exception_ptr error) { promise_.set_exception(std::move(error)); }
-
-private:
-    std::promise<T> promise_;
-};
-
-template <>
-class Promise<void> {
-public:
-    Future<void> get_future() { return Future<void>(promise_.get_future()); }
-    void set_value() { promise_.set_value(); }
-    void SetException(std::exception_ptr error) { promise_.set_exception(std::move(error)); }
-
-private:
-    std::promise<void> promise_;
-};
-
-/// A future that already holds the outcome of `call`: its value, or what it threw.
-template <typename Call>
-auto MakeReadyFuture(Call&& call) -> Future<decltype(call())> {
-    using T = decltype(call());
-    std::promise<T> promise;
-    try {
-        if constexpr (std::is_void_v<T>) {
-            call();
-            promise.set_value();
-        } else {
-            promise.set_value(call());
-        }
-    } catch (...) {
-        promise.set_exception(std::current_exception());
-    }
-    return Future<T>(promise.get_future());
-}
 
 }  // namespace ara::core
 
