@@ -79,6 +79,14 @@ KelvaneClient::KelvaneClient(const CollaboratorFactory& factory, std::shared_ptr
     x509_validator::VersionCheck();
 }
 
+KelvaneClient::~KelvaneClient() {
+    // The connector is shared and outlives the MQTT connection by a few member
+    // releases; once Disconnect returns its thread calls nothing of ours.
+    if (mqttConnection_) {
+        mqttConnection_->Disconnect();
+    }
+}
+
 bool KelvaneClient::Init() {
     SubscribeToConnectionState();
     clampControlHandler_->ClampControlInit();
@@ -142,6 +150,12 @@ void KelvaneClient::Main() {
                 CSCLogging::Info("Handling MQTT subscription request.");
                 if (!MqttSubscribe()) {
                     mqttSubscribed_ = true;
+                    // A refusal or loss reported while the call was under way
+                    // set a new request; it wins over this success whichever
+                    // of its two writes comes first.
+                    if (mqttSubscribeRequested_) {
+                        mqttSubscribed_ = false;
+                    }
                     readyReported_ = false;
                 }
             } else {

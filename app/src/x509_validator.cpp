@@ -6,6 +6,7 @@
 #include <botan/x509cert.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <vector>
 
@@ -21,8 +22,7 @@ using csc_logging::CSCLogging;
 constexpr std::chrono::seconds kOneYear{31'536'000};
 
 // The C library's text (local time, ends with a line feed).
-std::string CTimeText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+std::string CTimeText(std::time_t seconds) {
     char buffer[64] = {};
     if (::ctime_r(&seconds, buffer) == nullptr) {
         return "?\n";
@@ -30,11 +30,24 @@ std::string CTimeText(std::chrono::system_clock::time_point time) {
     return buffer;
 }
 
-// Botan converts later times to a system-clock time point without failing: the
-// nanosecond count wraps around (year 2262).
-const Botan::X509_Time& LatestTimePoint() {
-    static const Botan::X509_Time latest(std::chrono::system_clock::time_point::max());
-    return latest;
+std::string CTimeText(std::chrono::system_clock::time_point time) {
+    return CTimeText(std::chrono::system_clock::to_time_t(time));
+}
+
+// Botan's conversion to a time point wraps past the system clock's range
+// (April 2262) and throws a little later; the calendar fields it keeps are
+// read directly instead. Only the log line needs the time in seconds.
+std::string CTimeText(const Botan::X509_Time& time) {
+    int year = 0;
+    int month = 0;
+    std::tm fields{};
+    if (std::sscanf(time.readable_string().c_str(), "%d/%d/%d %d:%d:%d", &year, &month,
+                    &fields.tm_mday, &fields.tm_hour, &fields.tm_min, &fields.tm_sec) != 6) {
+        return "?\n";
+    }
+    fields.tm_year = year - 1900;
+    fields.tm_mon = month - 1;
+    return CTimeText(::timegm(&fields));
 }
 
 }  // namespace
@@ -47,12 +60,7 @@ bool IsCertificateValid(const std::string& certificate, std::chrono::system_cloc
 
         CSCLogging::Info("Current system time is " + CTimeText(now));
         const Botan::X509_Time& notAfter = parsed.not_after();
-        if (notAfter.cmp(LatestTimePoint()) > 0) {
-            // Not convertible to a time point: as unreadable as a broken certificate.
-            return false;
-        }
-        CSCLogging::Info("The Base Certificate expires at " +
-                         CTimeText(notAfter.to_std_timepoint()));
+        CSCLogging::Info("The Base Certificate expires at " + CTimeText(notAfter));
 
         if (limit.cmp(notAfter) > 0) {
             CSCLogging::Info(

@@ -146,20 +146,23 @@ public:
     vi_connector::UrlResult GetInvocationUrl(const std::string& id) override {
         std::lock_guard<std::mutex> lock(mutex_);
         if (id == failingUrl) {
-            return {7, {}};
+            return {failingUrlStatus, {}};
         }
         return {0, "http://backend/" + id};
     }
     unsigned int SubscribeTransactionTypeState(
         std::string id, vi_connector::VIServiceControllerCallbackIf* callback,
         unsigned int /*flags*/) override {
+        if (stateSubscriptionResult == 0) {
+            return 0;
+        }
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stateCallback_ = callback;
             subscribedId = id;
         }
         callback->VISCConnectionState({id, initialState});
-        return 1;
+        return stateSubscriptionResult;
     }
 
     void SetConnectionState(std::uint8_t state,
@@ -177,6 +180,8 @@ public:
     std::uint8_t initialState = 2;
     std::string failingToken;
     std::string failingUrl;
+    std::uint32_t failingUrlStatus = 7;
+    unsigned int stateSubscriptionResult = 1;
     std::string subscribedId;
 
 private:
@@ -263,6 +268,7 @@ protected:
             test_.vi = std::make_shared<FakeViConnector>(callback);
             test_.vi->startStatus = test_.startStatus;
             test_.vi->initialState = test_.initialState;
+            test_.vi->stateSubscriptionResult = test_.stateSubscriptionResult;
             return test_.failing == "vi" ? nullptr : test_.vi;
         }
         std::shared_ptr<qervo::tee::ZELKOnlineUpdateAPI> CreateTee() const override {
@@ -369,6 +375,7 @@ protected:
         std::make_shared<NiceMock<MockClampControlHandler>>();
     vi_connector::SessionStatus startStatus = vi_connector::SessionStatus::kOk;
     std::uint8_t initialState = 2;
+    unsigned int stateSubscriptionResult = 1;
     std::string failing;
     std::unique_ptr<KelvaneClient> sut;
 
@@ -382,7 +389,10 @@ private:
 
 TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
     ::testing::InSequence sequence;
-    EXPECT_CALL(*clamp, ClampControlInit());
+    EXPECT_CALL(*clamp, ClampControlInit()).WillOnce(Invoke([&] {
+        EXPECT_EQ(vi->subscribedId, "TTVI-Kelvane-C003") << "connection state comes first";
+        return true;
+    }));
     EXPECT_CALL(*mqtt, Connect()).WillOnce(Return(true));
 
     ConstructOnly();
@@ -402,6 +412,19 @@ TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
         EXPECT_GE(found, at) << line;
         at = found;
     }
+}
+
+TEST_F(KelvaneClientTest, DestructionEndsMqttDeliveryBeforeReleasingCollaborators) {
+    Construct();
+    long clampHolders = 0;
+    EXPECT_CALL(*mqtt, Disconnect()).WillOnce(Invoke([&] {
+        clampHolders = clamp.use_count();
+        return 0U;
+    }));
+
+    sut.reset();
+
+    EXPECT_EQ(clampHolders, 2);  // the test's share and the client's
 }
 
 TEST_F(KelvaneClientTest, CollaboratorThatCannotBeCreatedIsNamedAndStopsConstruction) {
@@ -537,6 +560,26 @@ TEST_F(KelvaneClientTest, RefusedMqttSubscriptionWaitsAMinuteAndALostOneIsRenewe
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 3U);
 }
 
+TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUnsubscribed) {
+    EXPECT_CALL(*mqtt, Subscribe(MqttInitiationOperationTypeId))
+        .WillOnce(Invoke([&](const std::string&) {
+            sut->MQTTSubscribeFailedCb();
+            return false;
+        }))
+        .WillOnce(Return(false));
+    StartLoop();
+    AndLoopSettles([&] { sut->ClampControlConnectionStateChangeCb(true); });
+
+    EXPECT_EQ(log.Count("MQTT Subscribed successfully"), 1U);
+    EXPECT_FALSE(log.Contains("All subscriptions and connections ready"));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
+
+    AndLoopSettles([&] { clock->Advance(61s); });
+
+    EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
+    EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
+}
+
 TEST_F(KelvaneClientTest, MqttSubscriptionIsKeptWhileTheConnectionIsDown) {
     initialState = 1;
     EXPECT_CALL(*mqtt, Subscribe(_)).Times(1);
@@ -577,11 +620,12 @@ TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsA
               log.IndexOf("DLC Update Started"));
 }
 
-TEST_F(KelvaneClientTest, ClampOnDuringAnUpdateIsIgnored) {
+TEST_F(KelvaneClientTest, ClampOnAndMqttPushDuringAnUpdateAreIgnored) {
     EXPECT_CALL(*tee, zelk_get_certificate(_, _)).Times(0);
     EXPECT_CALL(*backend, ChallengeRequest(_, _, _))
         .WillOnce(Invoke([&](const std::string&, const std::string&, std::string& challenge) {
             sut->ClampStateChangeCb("Clamp15", true);
+            sut->MQTTMessageReceivedCb();
             challenge = kChallenge;
             return true;
         }));
@@ -589,6 +633,7 @@ TEST_F(KelvaneClientTest, ClampOnDuringAnUpdateIsIgnored) {
         .WillOnce(Invoke([&](const std::string&, const RequestParams&, const std::string&,
                              std::string& container) {
             sut->ClampStateChangeCb("Clamp15", true);
+            sut->MQTTMessageReceivedCb();
             container = kContainerBase64;
             return true;
         }));
@@ -598,6 +643,9 @@ TEST_F(KelvaneClientTest, ClampOnDuringAnUpdateIsIgnored) {
 
     EXPECT_EQ(log.Count("DLC update is already pending, ignore clamp15"), 1U);
     EXPECT_EQ(log.Count("DLC update is already started, ignore clamp15"), 1U);
+    EXPECT_EQ(log.Count("DLC update is already pending, ignore MQTT message"), 1U);
+    EXPECT_EQ(log.Count("DLC update is already started, ignore MQTT message"), 1U);
+    EXPECT_EQ(log.Count("DLC Update Started"), 1U);
 }
 
 TEST_F(KelvaneClientTest, TwoMqttMessagesAfterAnMqttUpdateAreIgnoredAndTheThirdStartsOne) {
@@ -618,6 +666,18 @@ TEST_F(KelvaneClientTest, TwoMqttMessagesAfterAnMqttUpdateAreIgnoredAndTheThirdS
               log.IndexOf("DLC Update Started",
                           static_cast<std::size_t>(log.IndexOf("Update job #1 Ignored!"))));
     EXPECT_EQ(log.Count("DLC Update Started"), 2U);
+}
+
+TEST_F(KelvaneClientTest, ClampUpdateClearsTheIgnoreCounterOfAnEarlierMqttUpdate) {
+    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(3);
+    StartLoop();
+
+    AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
+    AndLoopSettles([&] { sut->ClampStateChangeCb("Clamp15", true); });  // expiring certificate
+    AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
+
+    EXPECT_FALSE(log.Contains("Ignored!"));
+    EXPECT_EQ(log.Count("DLC Update Started"), 3U);
 }
 
 TEST_F(KelvaneClientTest, UpdateThatGotNoChallengeDoesNotArmTheIgnoreCounter) {
@@ -655,6 +715,49 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     sut->ClampControlConnectionStateChangeCb(true);  // retry time never set: long past
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "Clamp Control Subscribe has negative timeout."));
+}
+
+TEST_F(KelvaneClientTest, TimeoutIsTheEarlierOfMqttAndClampRetryAndALargeOneIsCapped) {
+    EXPECT_CALL(*clamp, Subscribe()).WillRepeatedly(Return(false));
+    StartLoop();
+    AndLoopSettles([&] { sut->ClampControlConnectionStateChangeCb(true); });  // retry in 10 s
+
+    AndLoopSettles([&] { sut->MQTTSubscribeFailedCb(); });  // due in 60 s
+    EXPECT_EQ(sut->CalculateTimeout(), 11);
+    AndLoopSettles([&] { sut->MQTTResubscribeCb(); });  // due now: handled at once
+    AndLoopSettles([&] { sut->MQTTSubscribeFailedCb(); });
+    clock->Advance(-200'000s);  // both far ahead now; the MQTT part is capped
+
+    EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
+}
+
+TEST_F(KelvaneClientTest, FailedSubscriptionsAreLoggedAndNotRetriedUntilANewRequest) {
+    EXPECT_CALL(*mqtt, Subscribe(_)).WillOnce(Return(true)).WillOnce(Return(false));
+    StartLoop();
+    EXPECT_EQ(log.Count(LogLevel::kError, "MQTT Subscription FAILED!"), 1U);
+
+    AndLoopSettles([&] {
+        clock->Advance(1h);
+        sut->SendTrigger();
+    });
+    EXPECT_EQ(log.Count("Handling MQTT subscription request."), 1U);
+    AndLoopSettles([&] { sut->MQTTResubscribeCb(); });
+
+    EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
+    EXPECT_EQ(log.Count("MQTT Subscribed successfully"), 1U);
+}
+
+TEST_F(KelvaneClientTest, RefusedConnectionStateSubscriptionIsLoggedOnceAndNotRetried) {
+    stateSubscriptionResult = 0;
+    StartLoop();
+
+    AndLoopSettles([&] {
+        clock->Advance(1h);
+        sut->SendTrigger();
+    });
+
+    EXPECT_EQ(log.Count(LogLevel::kError, "Subscribe to connection state failed!"), 1U);
+    EXPECT_TRUE(log.Contains("MQTT subscribe handling ignored! Connection state: 0"));
 }
 
 // ---- the update procedure ----
@@ -716,6 +819,37 @@ TEST_F(KelvaneClientTest, TokenFailureForTheChallengeStillSendsFeedbackWithoutCh
     EXPECT_TRUE(feedback.identityHash.empty());
     EXPECT_EQ(feedback.diagnosticID, "DIAG-1");
     EXPECT_EQ(sut->GetUpdateState(), UpdateState::kIdle);
+}
+
+TEST_F(KelvaneClientTest, UrlFailureForTheDownloadSkipsItButTheFeedbackGoesOut) {
+    // Token status 1 and URL status 0 mean success: a URL status of 1 fails.
+    for (const std::uint32_t status : {1U, 7U}) {
+        log.Clear();
+        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
+        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).WillOnce(Return(0));
+        Construct();
+        vi->failingUrl = DownloadRequestOperationTypeId;
+        vi->failingUrlStatus = status;
+
+        RunUpdate();
+
+        EXPECT_TRUE(log.Contains("Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'"));
+        EXPECT_TRUE(log.Contains(LogLevel::kError,
+                                 "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', "
+                                 "status=" +
+                                     std::to_string(status)));
+        ::testing::Mock::VerifyAndClearExpectations(backend.get());
+    }
+}
+
+TEST_F(KelvaneClientTest, ConnectionDownBeforeTheChallengeCancelsTheUpdate) {
+    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(0);
+    Construct();
+    vi->SetConnectionState(4);
+
+    EXPECT_EQ(sut->HandleDlcUpdate(), "");
+
+    EXPECT_TRUE(log.Contains(LogLevel::kError, "Challenge request cancelled! Connection state: 4"));
 }
 
 struct MalformedChallenge {

@@ -217,7 +217,7 @@ TEST_F(BackendConnectionTest, StatusDecidesSuccessPerExchange) {
     }
 }
 
-TEST_F(BackendConnectionTest, BodyThatIsNotProtobufYieldsAnEmptyValue) {
+TEST_F(BackendConnectionTest, BodyThatFailsToParseYieldsWhatTheFieldHolds) {
     ScriptedTcpServer server(
         Script().ReceiveRequest().Send(Answer("200 OK", "<html>not protobuf</html>")).Close());
     std::string challenge = "previous";
@@ -228,9 +228,12 @@ TEST_F(BackendConnectionTest, BodyThatIsNotProtobufYieldsAnEmptyValue) {
 
     EXPECT_EQ(challenge, "");
     EXPECT_EQ(container, "");
-    EXPECT_EQ(sut.ParseReceivedChallenge("\x0a\x10"
-                                         "truncated"),
-              "");
+    // A value read before the parse failed is what the field holds.
+    const std::string readBeforeFailure =
+        "\x0a\x03"
+        "abc\x12";
+    EXPECT_EQ(sut.ParseReceivedChallenge(readBeforeFailure), "abc");
+    EXPECT_EQ(sut.ParseDlcDownloadResponse(readBeforeFailure), "abc");
 }
 
 TEST_F(BackendConnectionTest, MissingAnswerAndUnreachableBackendAreFailures) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "proto/TTVI_CO_zelkDlcRequest_v3.pb.h"
 #include "proto/TTVI_CO_zelkDlcStatusFeedbackRequest_v3.pb.h"
@@ -26,6 +27,19 @@ std::string AllFieldsSerialised() {
     message.set_psshash("h");
     message.set_identityhash("i");
     return message.SerializeAsString();
+}
+
+TEST(BackendMessagesTest, SchemasRegisterUnderTheirOwnFileNamesInOnePackage) {
+    const std::pair<const google::protobuf::Descriptor*, const char*> cases[] = {
+        {zelkDlcRequestType::descriptor(), "TTVI_CO_zelkDlcRequest_v3.proto"},
+        {zelkDlcStatusFeedbackRequestType::descriptor(),
+         "TTVI_CO_zelkDlcStatusFeedbackRequest_v3.proto"},
+        {zelkDlcChallengeResponseType::descriptor(), "TTVI_CT_zelkDlcChallengeResponse_v3.proto"},
+        {zelkDlcResponseType::descriptor(), "TTVI_CT_zelkDlcResponse_v3.proto"}};
+    for (const auto& [descriptor, fileName] : cases) {
+        EXPECT_EQ(descriptor->file()->name(), fileName);
+        EXPECT_EQ(descriptor->file()->package(), "domain.backend.zelkDlc.proto");
+    }
 }
 
 TEST(BackendMessagesTest, RequestsWithEveryFieldEmptySerialiseToZeroBytes) {

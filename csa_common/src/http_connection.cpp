@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -35,23 +37,20 @@ bool EqualsIgnoringCase(const std::string& text, const char* lowerCase) {
     return i == text.size() && lowerCase[i] == '\0';
 }
 
-// Digits only and within 16 bits; false otherwise.
+// Leading digits as std::stoi reads them ("8080?x=1" is 8080), narrowed to
+// 16 bits; false only when there is no number or it exceeds an int.
 bool ParsePort(const std::string& text, std::uint16_t& port) {
-    if (text.empty() || text.size() > 5) {
+    try {
+        port = static_cast<std::uint16_t>(std::stoi(text));
+        return true;
+    } catch (const std::logic_error&) {
         return false;
     }
-    unsigned long value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-        value = value * 10 + static_cast<unsigned long>(c - '0');
-    }
-    if (value > 0xFFFFU) {
-        return false;
-    }
-    port = static_cast<std::uint16_t>(value);
-    return true;
+}
+
+// A Host header names an IPv6 literal in brackets.
+std::string HostHeader(const std::string& host) {
+    return host.find(':') == std::string::npos ? host : "[" + host + "]";
 }
 
 }  // namespace
@@ -134,7 +133,7 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         targetHost = parsed.host;
         targetPort = parsed.port;
         protocol.SetOption(HttpOption::Uri, std::move(parsed.path));
-        protocol.SetOption(HttpOption::Host, std::move(parsed.host));
+        protocol.SetOption(HttpOption::Host, HostHeader(parsed.host));
     }
 
     CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connecting to " << targetHost << ":"
@@ -172,13 +171,10 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
                 return kReceiveFailed;
             }
             if (protocol.ResponseStatusCode() == kContinue) {
-                // An inline body already went out with the header.
-                if (request->size() == protocol.RequestHeader().size()) {
-                    Send(fd, protocol.RequestPayload());
-                    CSCLogging::Debug(CSCLogEntry()
-                                      << "HttpConnection: Sent payload "
-                                      << protocol.RequestPayload().size() << " bytes\n\n");
-                }
+                Send(fd, protocol.RequestPayload());
+                CSCLogging::Debug(CSCLogEntry()
+                                  << "HttpConnection: Sent payload "
+                                  << protocol.RequestPayload().size() << " bytes\n\n");
             } else {
                 finalResponsePending = false;
             }

@@ -23,14 +23,6 @@ MqttConnection::MqttConnection(std::shared_ptr<vi_connector::VIConnector> connec
                                MqttConnectionCbIf* callback)
     : viConnector_(std::move(connector)), callback_(callback) {}
 
-MqttConnection::~MqttConnection() {
-    // The connector outlives us when others share it; its thread must not call
-    // into a destroyed object.
-    if (viConnector_) {
-        viConnector_->PubSubDetach(this);
-    }
-}
-
 bool MqttConnection::Connect() {
     const std::uint32_t result = viConnector_->PubSubConnect(this);
     // "Under way" counts: the connection completes in the background.

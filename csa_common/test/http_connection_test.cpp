@@ -196,6 +196,30 @@ TEST_F(HttpConnectionTest, ConnectorStatusIsLoggedAndTheDescriptorDecides) {
         log.Contains(LogLevel::kError, "HttpConnection: Connection not established. Status: 7"));
 }
 
+TEST_F(HttpConnectionTest, Ipv6LiteralConnectsToTheAddressAndKeepsItsBracketsInTheHostHeader) {
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const std::string answer = "HTTP/1.1 200 OK\r\n\r\n";
+    ASSERT_EQ(::write(pair[1], answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+    ::shutdown(pair[1], SHUT_WR);
+    connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
+    HttpProtocol protocol;
+    const TimeScaledHttpConnection sut(connector);
+
+    const auto code = sut.Get(protocol, kTransaction, "http://[::1]:8080/x");
+
+    EXPECT_EQ(code, 0);
+    ASSERT_EQ(connector->calls.size(), 1U);
+    EXPECT_EQ(connector->calls[0].host, "::1");
+    EXPECT_EQ(connector->calls[0].port, 8080);
+    char sent[512];
+    const ssize_t count = ::read(pair[1], sent, sizeof sent);
+    ASSERT_GT(count, 0);
+    EXPECT_NE(std::string(sent, static_cast<std::size_t>(count)).find("\r\nHost: [::1]\r\n"),
+              std::string::npos);
+    ::close(pair[1]);
+}
+
 TEST_F(HttpConnectionTest, UnparsableUrlGivesCode2WithoutConnecting) {
     HttpProtocol protocol;
     const HttpConnection sut(connector);
@@ -327,11 +351,11 @@ TEST_F(HttpConnectionTest, PutRefusedBeforeContinueKeepsItsBody) {
     EXPECT_FALSE(log.Contains("Sent payload"));
 }
 
-TEST_F(HttpConnectionTest, InlinePutDoesNotSendItsBodyTwice) {
+TEST_F(HttpConnectionTest, PutSendsItsBodyAfterContinueEvenWhenItWentInline) {
     ScriptedTcpServer server(Script()
                                  .ReceiveRequest()
                                  .Send("HTTP/1.1 100 Continue\r\n\r\n")
-                                 .Pause(1500ms)
+                                 .ReceiveBytes(4)
                                  .Send("HTTP/1.1 200 OK\r\n\r\n")
                                  .Close());
     HttpProtocol protocol;
@@ -345,7 +369,8 @@ TEST_F(HttpConnectionTest, InlinePutDoesNotSendItsBodyTwice) {
     EXPECT_EQ(protocol.ResponseStatusCode(), 200);
     EXPECT_EQ(server.Received(0),
               "PUT /p HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/html\r\n"
-              "Content-Length: 4\r\n\r\ndata");
+              "Content-Length: 4\r\n\r\ndatadata");
+    EXPECT_TRUE(log.Contains(LogLevel::kDebug, "HttpConnection: Sent payload 4 bytes\n\n"));
 }
 
 // Poll results the code has to survive without a real poll error.
@@ -488,14 +513,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "http://h:abc/p",
                 {},
                 "URL parsing failed! Not able to parse port number: abc"},
-        UrlCase{"PortWithTrailingLetters",
-                "http://h:80x/p",
+        UrlCase{"PortReadLikeStoi", "http://h:80x/p", {"http", "h", 80, "/p"}, ""},
+        UrlCase{"QueryWithoutPath", "http://h:8080?x=1", {"http", "h", 8080, ""}, ""},
+        UrlCase{"PortBeyondInt",
+                "http://h:99999999999/p",
                 {},
-                "URL parsing failed! Not able to parse port number: 80x"},
-        UrlCase{"PortTooLarge",
-                "http://h:65536/p",
-                {},
-                "URL parsing failed! Not able to parse port number: 65536"},
+                "URL parsing failed! Not able to parse port number: 99999999999"},
         UrlCase{
             "UnknownProtocol", "ftp://h/p", {}, "URL parsing failed! Unsupported protocol: ftp"}),
     [](const ::testing::TestParamInfo<UrlCase>& testInfo) { return testInfo.param.name; });

@@ -48,7 +48,9 @@ public:
     KelvaneClient();
     /// The same with the collaborators `factory` makes and the given clock.
     KelvaneClient(const CollaboratorFactory& factory, std::shared_ptr<Clock> clock);
-    ~KelvaneClient() override = default;
+    /// Ends MQTT delivery first: the shared connector must not call into the
+    /// MQTT connection once it is released.
+    ~KelvaneClient() override;
     KelvaneClient(const KelvaneClient&) = delete;
     KelvaneClient& operator=(const KelvaneClient&) = delete;
 

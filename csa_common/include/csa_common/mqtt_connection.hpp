@@ -28,9 +28,9 @@ public:
     /// `callback` may be null; it is not owned.
     MqttConnection(std::shared_ptr<vi_connector::VIConnector> connector,
                    MqttConnectionCbIf* callback);
-    /// Neither disconnects nor unsubscribes; only makes the connector stop
-    /// calling this object, waiting for a notification under way.
-    ~MqttConnection() override;
+    /// Neither disconnects nor unsubscribes: the owner ends delivery with
+    /// Disconnect() before releasing this object.
+    ~MqttConnection() override = default;
     MqttConnection(const MqttConnection&) = delete;
     MqttConnection& operator=(const MqttConnection&) = delete;
 

@@ -100,14 +100,6 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     return pubsub_status::kInProgress;
 }
 
-void MosquittoPubSub::Detach(VIPubSubCallbackIf* callback) {
-    std::lock_guard<std::recursive_mutex> delivery(deliveryMutex_);
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (callback_ == callback) {
-        callback_ = nullptr;
-    }
-}
-
 std::uint32_t MosquittoPubSub::Disconnect() {
     const auto requestStop = [this] {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -121,15 +113,26 @@ std::uint32_t MosquittoPubSub::Disconnect() {
         return wasActive;
     };
 
+    // The callback's owner may destroy it once this returns: the session's
+    // last notifications reach it before, none after.
+    const auto forgetCallback = [this] {
+        std::lock_guard<std::recursive_mutex> delivery(deliveryMutex_);
+        std::lock_guard<std::mutex> lock(mutex_);
+        callback_ = nullptr;
+    };
+
     if (OnNetworkThread()) {
         // Cannot join itself: the thread ends after this callback returns.
-        return requestStop() ? pubsub_status::kOk : pubsub_status::kFailed;
+        const bool wasActive = requestStop();
+        forgetCallback();
+        return wasActive ? pubsub_status::kOk : pubsub_status::kFailed;
     }
     std::lock_guard<std::mutex> control(controlMutex_);
     const bool wasActive = requestStop();
     if (thread_.joinable()) {
         thread_.join();
     }
+    forgetCallback();
     DestroyClient();
     return wasActive ? pubsub_status::kOk : pubsub_status::kFailed;
 }

@@ -27,7 +27,7 @@ namespace vi_connector {
 /// wake-ups per keep-alive period.
 ///
 /// Notifications are made on the network thread holding only the delivery
-/// lock, which Detach() waits for; a callback may call back into this object.
+/// lock, which Disconnect() waits for; a callback may call back into this object.
 class MosquittoPubSub {
 public:
     MosquittoPubSub();
@@ -41,12 +41,10 @@ public:
     /// link is up already, kFailed when the session cannot be set up. A call on
     /// a running session only replaces a non-null callback.
     std::uint32_t Connect(const MqttSettings& settings, VIPubSubCallbackIf* callback);
-    /// Stops notifications to `callback`: when it returns, none is under way
-    /// (unless called from one) and none follows, so its owner may destroy it.
-    /// The session and its subscriptions stay.
-    void Detach(VIPubSubCallbackIf* callback);
     /// Sends DISCONNECT when connected and stops the session: kOk, or kFailed
-    /// when no session was running.
+    /// when no session was running. When it returns no notification is under
+    /// way (unless called from one) and none follows until the next Connect,
+    /// so the callback's owner may destroy it.
     std::uint32_t Disconnect();
     /// Subscribes with QoS 1. Link up: kOk and the SUBSCRIBE's message id. Link
     /// down: with `queueWhileDown` kAlreadyOrQueued (sent, with a message id of
@@ -97,7 +95,7 @@ private:
     bool HandleLinkDown(bool sessionEnds);
     bool WaitBeforeReconnect(int delayMs);
     void ReportState(VIPubSubCallbackIf::PubSubConnectionState state);
-    // The callback for one or more notifications, held on to: Detach() waits
+    // The callback for one or more notifications, held on to: Disconnect() waits
     // until it is released. Empty when no callback is set.
     class Notifier {
     public:
@@ -119,7 +117,7 @@ private:
     MqttSettings settings_;  // written only while no network thread runs
 
     // Held while notifying, taken before mutex_; recursive because a callback
-    // may detach itself.
+    // may disconnect from it.
     mutable std::recursive_mutex deliveryMutex_;
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable wake_;

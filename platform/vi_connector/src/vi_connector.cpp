@@ -195,20 +195,6 @@ std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* callback) {
     return PubSubOf(mutex_, pubSub_).Connect(config->mqtt, callback);
 }
 
-void VIConnector::PubSubDetach(VIPubSubCallbackIf* callback) {
-    MosquittoPubSub* pubSub = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (pubSubCallback_ == callback) {
-            pubSubCallback_ = nullptr;
-        }
-        pubSub = pubSub_.get();
-    }
-    if (pubSub != nullptr) {
-        pubSub->Detach(callback);
-    }
-}
-
 std::uint32_t VIConnector::PubSubDisconnect() {
     return PubSubOf(mutex_, pubSub_).Disconnect();
 }

@@ -383,27 +383,27 @@ private:
     bool left_ = false;
 };
 
-TEST(MosquittoPubSubTest, DetachWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
+TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
     MosquittoBroker broker;
     // Declared first: the callbacks outlive the connector that calls them.
-    GatedCallback detached;
+    GatedCallback disconnected;
     RecordingPubSubCallback next;
-    StartedConnector sut(broker.Port(), "kv-detach");
-    ASSERT_EQ(sut->PubSubConnect(&detached), pubsub_status::kInProgress);
-    ASSERT_EQ(detached.WaitForStates(2).size(), 2U);
+    StartedConnector sut(broker.Port(), "kv-disconnect");
+    ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
+    ASSERT_EQ(disconnected.WaitForStates(2).size(), 2U);
     ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
-    ASSERT_EQ(detached.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_EQ(disconnected.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
     PublishFromOtherClient(broker, "push/1", "first");
-    ASSERT_TRUE(detached.WaitUntilInside());
+    ASSERT_TRUE(disconnected.WaitUntilInside());
 
-    // The callback's owner detaches it while the message is being handed over.
+    // The callback's owner ends delivery while the message is being handed over.
     std::atomic<pid_t> ownerThread{0};
     std::atomic<bool> returned{false};
     bool leftBeforeReturn = false;
     std::thread owner([&] {
         ownerThread = kelvane::testing::CurrentThreadId();
-        sut->PubSubDetach(&detached);
-        leftBeforeReturn = detached.Left();
+        sut->PubSubDisconnect();
+        leftBeforeReturn = disconnected.Left();
         returned = true;
     });
     const bool settled = kelvane::testing::WaitUntil(
@@ -412,18 +412,28 @@ TEST(MosquittoPubSubTest, DetachWaitsForTheNotificationUnderWayAndNothingFollows
         },
         kTimeout, 1ms);
     const bool returnedWhileInside = returned;
-    detached.Open();
+    disconnected.Open();
     owner.join();
 
     EXPECT_TRUE(settled);
     EXPECT_FALSE(returnedWhileInside);
     EXPECT_TRUE(leftBeforeReturn);
-    // The session goes on: a new callback gets what follows, the detached one nothing.
+    // A new session without a callback of its own does not revive the old one;
+    // a new callback gets what follows, the old one nothing.
+    const auto statesAtDisconnect = disconnected.States();
+    ASSERT_EQ(sut->PubSubConnect(nullptr), pubsub_status::kInProgress);
+    ASSERT_TRUE(kelvane::testing::WaitUntil(
+        [&] { return sut->PubSubSubscribe("push/#", false).status == pubsub_status::kOk; },
+        kTimeout));
     EXPECT_EQ(sut->PubSubConnect(&next), pubsub_status::kAlreadyOrQueued);
+    ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
+    // The acknowledgement of the first SUBSCRIBE may come to it as well.
+    ASSERT_FALSE(next.WaitFor(Kind::kSubscribeAck, 1).empty());
     PublishFromOtherClient(broker, "push/2", "second");
     ASSERT_EQ(next.WaitFor(Kind::kMessage, 1).size(), 1U);
     EXPECT_EQ(next.WaitFor(Kind::kMessage, 1).front().topic, "push/2");
-    EXPECT_EQ(detached.WaitFor(Kind::kMessage, 0).size(), 1U);
+    EXPECT_EQ(disconnected.WaitFor(Kind::kMessage, 0).size(), 1U);
+    EXPECT_EQ(disconnected.States(), statesAtDisconnect);
 }
 
 // A CA, a server certificate for 127.0.0.1 signed by it, and an unrelated CA.
