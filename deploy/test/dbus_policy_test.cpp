@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -122,11 +123,15 @@ public:
     // Calls `service` as `user` with dbus-send: "ok", "denied", or what went wrong.
     std::string Call(const char* user, const Service& service) {
         const auto output = directory_.File("call-" + std::to_string(++calls_) + ".out");
+        const passwd* account = ::getpwnam(user);
+        if (account == nullptr) {
+            return std::string("no user ") + user;
+        }
         ChildProcess call(ChildProcess::Options{
-            {"setpriv", std::string("--reuid=") + user, std::string("--regid=") + user,
-             "--clear-groups", "dbus-send", "--bus=" + address_, "--print-reply",
-             std::string("--dest=") + service.name, service.path,
-             std::string(service.interface) + ".Probe"},
+            {"setpriv", "--reuid=" + std::to_string(account->pw_uid),
+             "--regid=" + std::to_string(account->pw_gid), "--clear-groups", "dbus-send",
+             "--bus=" + address_, "--print-reply", std::string("--dest=") + service.name,
+             service.path, std::string(service.interface) + ".Probe"},
             {},
             output});
         const auto status = call.WaitForExit(20s);

@@ -36,7 +36,7 @@ std::size_t PeakRssKiB(pid_t pid) {
 }
 
 // Runs a tool to its end within 30 s; its exit status.
-int Run(std::vector<std::string> argv, const std::string& log) {
+int RunTool(std::vector<std::string> argv, const std::string& log) {
     testing::ChildProcess tool(testing::ChildProcess::Options{std::move(argv), {}, log});
     return tool.WaitForExit(30s).value_or(-1);
 }
@@ -121,10 +121,11 @@ TEST_F(HostilePeers, OversizedPushMessageNeverReachesTheClient) {
     const std::string payload = env_.WriteFile("oversized.bin", std::string(16 << 20, 'p'));
 
     // QoS 1: the broker has queued it for the client before mosquitto_pub ends.
-    ASSERT_EQ(Run({"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(env_.Broker().Port()),
-                   "-q", "1", "-t", "TTVI-Kelvane-C003.CTzelkDlcInitiation", "-f", payload},
-                  payload + ".log"),
-              0);
+    ASSERT_EQ(
+        RunTool({"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(env_.Broker().Port()),
+                 "-q", "1", "-t", "TTVI-Kelvane-C003.CTzelkDlcInitiation", "-f", payload},
+                payload + ".log"),
+        0);
     env_.Push();
 
     ASSERT_TRUE(env_.WaitForClientLog(kUpdated, 1, 60s)) << env_.Logs();
@@ -154,11 +155,11 @@ protected:
         static const testing::TemporaryDirectory directory;
         static const bool made = [] {
             const auto log = directory.File("openssl.log");
-            return Run({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
-                        directory.File("ca.key"), "-out", directory.File("ca.pem"), "-days", "2",
-                        "-subj", "/CN=e2e-ca"},
-                       log) == 0;
+            return RunTool({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                            "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+                            directory.File("ca.key"), "-out", directory.File("ca.pem"), "-days",
+                            "2", "-subj", "/CN=e2e-ca"},
+                           log) == 0;
         }();
         EXPECT_TRUE(made);
         return directory;
@@ -173,16 +174,18 @@ protected:
         const auto& pki = Pki();
         const auto log = pki.File("openssl.log");
         pki.Write("san.ext", "subjectAltName=" + subjectAltName + "\n");
-        EXPECT_EQ(Run({"openssl", "req", "-newkey", "ec", "-pkeyopt",
-                       "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", pki.File("server.key"),
-                       "-out", pki.File("server.csr"), "-subj", "/CN=broker"},
-                      log),
-                  0);
-        EXPECT_EQ(Run({"openssl", "x509", "-req", "-in", pki.File("server.csr"), "-CA",
-                       pki.File("ca.pem"), "-CAkey", pki.File("ca.key"), "-CAcreateserial", "-out",
-                       pki.File("server.pem"), "-days", "2", "-extfile", pki.File("san.ext")},
-                      log),
-                  0);
+        EXPECT_EQ(
+            RunTool({"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                     "-nodes", "-keyout", pki.File("server.key"), "-out", pki.File("server.csr"),
+                     "-subj", "/CN=broker"},
+                    log),
+            0);
+        EXPECT_EQ(
+            RunTool({"openssl", "x509", "-req", "-in", pki.File("server.csr"), "-CA",
+                     pki.File("ca.pem"), "-CAkey", pki.File("ca.key"), "-CAcreateserial", "-out",
+                     pki.File("server.pem"), "-days", "2", "-extfile", pki.File("san.ext")},
+                    log),
+            0);
     }
 };
 
