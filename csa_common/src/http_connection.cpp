@@ -194,9 +194,11 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
             finalResponsePending = protocol.ResponseStatusCode() == kContinue;
         }
     } catch (...) {
+        exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
         CloseConnection(fd);
         throw;
     }
+    exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
 
     CSCLogging::Debug(CSCLogEntry() << "HttpConnection: Received payload "
                                     << protocol.ResponsePayload().size() << " bytes\n\n");

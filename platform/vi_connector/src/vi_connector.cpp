@@ -1,5 +1,6 @@
 #include "vi_connector/vi_connector.hpp"
 
+#include <cctype>
 #include <cstdlib>
 
 #include "connector_config.hpp"
@@ -52,8 +53,11 @@ void TrimTrailingSpace(std::string& token) {
 
 void WarnAboutPlainTextUrls(const ConnectorConfig& config) {
     for (const auto& [id, transaction] : config.transactions) {
-        const bool plainHttp =
-            transaction.url.rfind("http://", 0) == 0 || transaction.url.rfind("HTTP://", 0) == 0;
+        std::string scheme = transaction.url.substr(0, transaction.url.find("://"));
+        for (auto& c : scheme) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        const bool plainHttp = scheme == "http";
         if (plainHttp && !IsLoopbackHost(HostOfUrl(transaction.url))) {
             CSCLogging::Warning("VIConnector: [transaction " + id + "] sends plain http to " +
                                 HostOfUrl(transaction.url) +
@@ -100,10 +104,10 @@ void VIConnector::Start() {
         auto loaded = ConnectorConfig::Load(configPath_, error);
         SessionStatus status = SessionStatus::kRejected;
         if (loaded) {
+            WarnAboutPlainTextUrls(*loaded);
             std::lock_guard<std::mutex> lock(mutex_);
             config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
             status = SessionStatus::kOk;
-            WarnAboutPlainTextUrls(*config_);
         } else {
             CSCLogging::Error("VIConnector: configuration rejected: " + error);
         }
