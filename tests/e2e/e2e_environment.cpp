@@ -36,9 +36,11 @@ std::size_t CountOccurrences(const std::string& haystack, const std::string& nee
 
 E2eEnvironment::E2eEnvironment() : E2eEnvironment(Options{}) {}
 
-E2eEnvironment::E2eEnvironment(Options options)
+E2eEnvironment::E2eEnvironment(Options options) : E2eEnvironment(std::move(options), "") {}
+
+E2eEnvironment::E2eEnvironment(Options options, const std::string& brokerExtraConfig)
     : options_(std::move(options))
-    , broker_(options_.brokerExtraConfig)
+    , broker_(brokerExtraConfig)
     , backendPort_(testing::FreeTcpPort())
     , stateDir_(directory_.File("vehicle")) {
     const auto [status, output] = RunTool(

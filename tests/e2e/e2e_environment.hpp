@@ -25,12 +25,12 @@ public:
         int baseCertificateDays = 200;
         bool startBackend = true;
         std::vector<std::string> backendFaults;
-        /// Appended to the broker's configuration (e.g. a TLS listener).
-        std::string brokerExtraConfig;
     };
 
     E2eEnvironment();
     explicit E2eEnvironment(Options options);
+    /// `brokerExtraConfig` is appended to the broker's configuration (e.g. a TLS listener).
+    E2eEnvironment(Options options, const std::string& brokerExtraConfig);
     ~E2eEnvironment();
 
     // Processes.

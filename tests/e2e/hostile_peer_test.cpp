@@ -43,7 +43,8 @@ int RunTool(std::vector<std::string> argv, const std::string& log) {
 
 class HostilePeers : public ::testing::Test {
 protected:
-    explicit HostilePeers(E2eEnvironment::Options options = {}) : env_(std::move(options)) {}
+    explicit HostilePeers(const std::string& brokerExtraConfig = "")
+        : env_(E2eEnvironment::Options(), brokerExtraConfig) {}
 
     void TearDown() override {
         if (HasFailure()) {
@@ -139,16 +140,13 @@ TEST_F(HostilePeers, OversizedPushMessageNeverReachesTheClient) {
 // A broker whose certificate names another host, on a TLS listener of its own.
 class BrokerCertificate : public HostilePeers {
 protected:
-    BrokerCertificate() : HostilePeers(BrokerOptions()) {}
+    BrokerCertificate() : HostilePeers(TlsListener()) {}
 
-    static E2eEnvironment::Options BrokerOptions() {
-        E2eEnvironment::Options options;
-        options.brokerExtraConfig = "user root\nlistener " + std::to_string(TlsPort()) +
-                                    " 127.0.0.1\ncafile " + Pki().File("ca.pem") + "\ncertfile " +
-                                    Pki().File("server.pem") + "\nkeyfile " +
-                                    Pki().File("server.key") + "\n";
+    static std::string TlsListener() {
         IssueServerCertificate("DNS:broker.invalid");
-        return options;
+        return "user root\nlistener " + std::to_string(TlsPort()) + " 127.0.0.1\ncafile " +
+               Pki().File("ca.pem") + "\ncertfile " + Pki().File("server.pem") + "\nkeyfile " +
+               Pki().File("server.key") + "\n";
     }
 
     static const testing::TemporaryDirectory& Pki() {
