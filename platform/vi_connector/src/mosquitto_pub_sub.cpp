@@ -24,8 +24,10 @@ constexpr int kSubscribeQos = 1;
 constexpr int kFirstFailureReason = 0x80;
 // How long a DISCONNECT may take to leave once the session is asked to stop.
 constexpr auto kDisconnectGrace = std::chrono::seconds(2);
-// Push messages carry no payload we use; anything near this size is hostile.
-constexpr std::uint32_t kMaxPacketBytes = 64 * 1024;
+// Push messages carry no payload we use; anything larger is hostile. The
+// packet limit told to the broker leaves room for the topic and properties.
+constexpr std::uint32_t kMaxPayloadBytes = 64 * 1024;
+constexpr std::uint32_t kMaxPacketBytes = kMaxPayloadBytes + 1024;
 
 void InitialiseLibrary() {
     static std::once_flag once;
@@ -402,11 +404,11 @@ void MosquittoPubSub::OnConnect(mosquitto* /*client*/, void* self, int reason, i
 void MosquittoPubSub::OnMessage(mosquitto* /*client*/, void* self, const mosquitto_message* message,
                                 const mosquitto_property* /*properties*/) {
     // A broker that ignores our maximum packet size still gets no copy made.
-    if (message->payloadlen > static_cast<int>(kMaxPacketBytes)) {
+    if (message->payloadlen > static_cast<int>(kMaxPayloadBytes)) {
         CSCLogging::Warning(CSCLogEntry()
                             << "VIConnector: dropped a " << message->payloadlen
                             << " byte message on '" << (message->topic ? message->topic : "")
-                            << "': larger than " << kMaxPacketBytes << " bytes");
+                            << "': larger than " << kMaxPayloadBytes << " bytes");
         return;
     }
     Event event(Event::Kind::kMessage);
