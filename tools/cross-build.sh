@@ -94,6 +94,11 @@ sysroot_is_current() {
 # leaves nothing that looks complete.
 make_sysroot() {
     sysroot_is_current && return 0
+    # Only a sysroot this script made (it holds the marker) is ever replaced:
+    # --sysroot may name a directory of someone else's.
+    if [[ -e "$sysroot" && ! -f "$sysroot/.kelvane-sysroot" ]]; then
+        die "$sysroot exists and was not made by this script; not touching it (choose another --sysroot)"
+    fi
     mkdir -p "$(dirname "$sysroot")"
     exec 9>"$sysroot.lock"
     flock 9
@@ -129,8 +134,12 @@ make_sysroot() {
         { cat "$apt_dir/download.log" >&2; die "downloading the arm64 packages failed"; }
 
     local staging="$sysroot.new"
+    if [[ -e "$staging" && ! -f "$staging/.kelvane-sysroot-staging" ]]; then
+        die "$staging exists and was not made by this script; not touching it"
+    fi
     rm -rf "$staging"
     mkdir -p "$staging"
+    : >"$staging/.kelvane-sysroot-staging"
     # "Inst <name> (<version> <release> [<arch>])": the archive apt keeps is
     # <name>_<version with ':' as %3a>_<arch>.deb.
     local count=0 name version arch deb
@@ -161,6 +170,7 @@ make_sysroot() {
         ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$staging$target")" "$link"
     done < <(find "$staging" -type l -lname '/*' -print0)
 
+    rm -f "$staging/.kelvane-sysroot-staging"
     sysroot_recipe >"$staging/.kelvane-sysroot"
     rm -rf "$sysroot"
     mv "$staging" "$sysroot"

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -143,6 +144,8 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         CSCLogging::Error("HttpConnection: Connection failed!");
         return kConnectFailed;
     }
+    exchangeDeadline_ = std::chrono::steady_clock::now() + kMaxExchangeDuration;
+    boundReached_ = false;
     CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connection established to " << targetHost
                                    << ":" << targetPort);
 
@@ -168,7 +171,7 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         bool finalResponsePending = true;
         if (method == Method::kPut) {
             if (ReceiveAndParse(fd, protocol) != kOk) {
-                return kReceiveFailed;
+                return EndAfterReceiveFailure(fd);
             }
             if (protocol.ResponseStatusCode() == kContinue) {
                 Send(fd, protocol.RequestPayload());
@@ -182,20 +185,31 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         // Interim "100 Continue" answers are skipped; the final one follows on the same socket.
         while (finalResponsePending) {
             if (ReceiveAndParse(fd, protocol) != kOk) {
-                // Intentionally not closed after a receive failure (established behaviour).
-                return kReceiveFailed;
+                return EndAfterReceiveFailure(fd);
             }
             finalResponsePending = protocol.ResponseStatusCode() == kContinue;
         }
     } catch (...) {
+        exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
         CloseConnection(fd);
         throw;
     }
+    exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
 
     CSCLogging::Debug(CSCLogEntry() << "HttpConnection: Received payload "
                                     << protocol.ResponsePayload().size() << " bytes\n\n");
     CloseConnection(fd);
     return kOk;
+}
+
+std::uint8_t HttpConnection::EndAfterReceiveFailure(int fd) const {
+    // A poll failure leaves the socket open (established behaviour); a peer
+    // stopped by a bound is still sending and must be cut off.
+    if (boundReached_) {
+        CloseConnection(fd);
+    }
+    exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
+    return kReceiveFailed;
 }
 
 std::uint8_t HttpConnection::ReceiveAndParse(int fd, HttpProtocol& protocol) const {
@@ -319,16 +333,48 @@ int HttpConnection::Poll(int timeoutMs, int fd) const {
 }
 
 std::uint8_t HttpConnection::ReceiveResponse(int fd, std::string& response) const {
+    using Clock = std::chrono::steady_clock;
+    // Waits are cut to what is left of the exchange, so a trickling peer
+    // cannot restart the gap timer forever.
+    const auto boundedWait = [this](std::int32_t timeoutMs) {
+        if (exchangeDeadline_ == Clock::time_point::max()) {
+            return timeoutMs;
+        }
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(exchangeDeadline_ - Clock::now())
+                .count();
+        return static_cast<std::int32_t>(
+            std::clamp<long long>(left, 0, static_cast<long long>(timeoutMs)));
+    };
+    const auto deadlinePassed = [this] {
+        return exchangeDeadline_ != Clock::time_point::max() && Clock::now() >= exchangeDeadline_;
+    };
+    const auto stopAtBound = [this, &response](const CSCLogEntry& what) {
+        CSCLogging::Error(CSCLogEntry() << "HttpConnection: " << what.str() << " after "
+                                        << response.size() << " bytes; exchange ended");
+        boundReached_ = true;
+        response.clear();
+        response.shrink_to_fit();
+        return kReceiveFailed;
+    };
+
+    response.clear();
     // A silent first poll is not an error: the gap check below then ends the response.
-    if (Poll(firstPollTimeoutMs, fd) == -1) {
+    if (Poll(boundedWait(firstPollTimeoutMs), fd) == -1) {
         CSCLogging::Error("HttpConnection: Receive Timeout!");
         return kReceiveFailed;
     }
-    std::vector<char> received;
     std::vector<char> buffer(receiveBufferSize);
     for (;;) {
-        const int ready = Poll(nextPollTimeoutMs, fd);
+        if (deadlinePassed()) {
+            return stopAtBound(CSCLogEntry()
+                               << "exchange exceeded " << kMaxExchangeDuration.count() << " s");
+        }
+        const int ready = Poll(boundedWait(nextPollTimeoutMs), fd);
         if (ready == 0) {
+            if (deadlinePassed()) {
+                continue;  // reported above
+            }
             break;
         }
         if (ready == -1) {
@@ -341,10 +387,13 @@ std::uint8_t HttpConnection::ReceiveResponse(int fd, std::string& response) cons
             break;
         }
         CSCLogging::Info(CSCLogEntry() << "HttpConnection: Read " << count << " bytes from socket");
-        received.insert(received.end(), buffer.begin(), buffer.begin() + count);
+        if (response.size() + static_cast<std::size_t>(count) > kMaxResponseBytes) {
+            return stopAtBound(CSCLogEntry()
+                               << "response exceeds " << kMaxResponseBytes << " bytes");
+        }
+        response.append(buffer.data(), static_cast<std::size_t>(count));
     }
-    response.assign(received.begin(), received.end());
-    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Total received " << received.size()
+    CSCLogging::Info(CSCLogEntry() << "HttpConnection: Total received " << response.size()
                                    << " bytes from socket");
     return kOk;
 }

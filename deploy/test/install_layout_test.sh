@@ -17,6 +17,7 @@ expected=(
     etc/kelvane-client/vi-connector.ini
     etc/kelvane-client-phm.ini
     usr/share/doc/kelvane-client/README.md
+    usr/share/doc/kelvane-client/examples/dlt.conf
 )
 failed=0
 for path in "${expected[@]}"; do
@@ -41,6 +42,17 @@ if command -v systemd-analyze >/dev/null 2>&1; then
     elif [[ -n "$output" ]]; then
         # Warnings about the host (no running systemd, missing dbus.service) are not ours.
         echo "$output" | grep -i "kelvane-client.service" && failed=1
+    fi
+    # Exposure as systemd rates it (0 best, 10 worst); --offline needs systemd 250.
+    if report=$(systemd-analyze security --offline=true "$stage/kelvane-client.service" 2>&1); then
+        exposure=$(echo "$report" | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+        if [[ -z "$exposure" ]] || ! awk -v e="$exposure" 'BEGIN { exit !(e <= 1.5) }'; then
+            echo "systemd-analyze security: exposure '${exposure}' is above 1.5"
+            echo "$report" | grep '✗' || true
+            failed=1
+        fi
+    else
+        echo "systemd-analyze security --offline not available: exposure not checked"
     fi
 else
     echo "systemd-analyze not found: unit not verified"

@@ -36,8 +36,11 @@ std::size_t CountOccurrences(const std::string& haystack, const std::string& nee
 
 E2eEnvironment::E2eEnvironment() : E2eEnvironment(Options{}) {}
 
-E2eEnvironment::E2eEnvironment(Options options)
+E2eEnvironment::E2eEnvironment(Options options) : E2eEnvironment(std::move(options), "") {}
+
+E2eEnvironment::E2eEnvironment(Options options, const std::string& brokerExtraConfig)
     : options_(std::move(options))
+    , broker_(brokerExtraConfig)
     , backendPort_(testing::FreeTcpPort())
     , stateDir_(directory_.File("vehicle")) {
     const auto [status, output] = RunTool(
@@ -147,6 +150,22 @@ std::optional<int> E2eEnvironment::ClientExit(std::chrono::milliseconds timeout)
 
 bool E2eEnvironment::ClientRunning() {
     return client_ && client_->Running();
+}
+
+pid_t E2eEnvironment::ClientPid() const {
+    return client_ ? client_->Pid() : -1;
+}
+
+void E2eEnvironment::ReplaceInConnectorConfig(const std::string& from, const std::string& to) {
+    std::string text = ReadFile(directory_.File("vi-connector.ini"));
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+    directory_.Write("vi-connector.ini", text);
+}
+
+std::string E2eEnvironment::WriteFile(const std::string& name, const std::string& content) const {
+    return directory_.Write(name, content);
 }
 
 void E2eEnvironment::Ignition(bool on) {

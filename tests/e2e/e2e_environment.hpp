@@ -29,6 +29,8 @@ public:
 
     E2eEnvironment();
     explicit E2eEnvironment(Options options);
+    /// `brokerExtraConfig` is appended to the broker's configuration (e.g. a TLS listener).
+    E2eEnvironment(Options options, const std::string& brokerExtraConfig);
     ~E2eEnvironment();
 
     // Processes.
@@ -42,6 +44,8 @@ public:
     /// Exit status once the client ended by itself, or nothing.
     std::optional<int> ClientExit(std::chrono::milliseconds timeout);
     bool ClientRunning();
+    /// The client's process id, -1 when it has not been started.
+    pid_t ClientPid() const;
     testing::MosquittoBroker& Broker() { return broker_; }
 
     // What a person would do.
@@ -49,6 +53,10 @@ public:
     void Push();
     void AddBackendFault(const std::string& definition);
     void VehicleService(const std::string& action, const std::string& name);
+    /// Edits the client's connector file (before StartClient): every `from` becomes `to`.
+    void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
+    /// Writes a file into the environment's directory; returns its path.
+    std::string WriteFile(const std::string& name, const std::string& content) const;
 
     // What a person would look at.
     std::string ClientLog() const;

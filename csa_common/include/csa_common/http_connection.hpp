@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,8 +31,14 @@ struct ParsedUrl {
 /// connection reuse. "https" only changes the default port; there is no TLS
 /// here. A response ends when the peer closes or after a 10 s gap in the data
 /// (the first byte may take 20 s more); Content-Length is not used to stop.
+/// A peer cannot hold an exchange or its memory without bound: a response
+/// past kMaxResponseBytes or an exchange past kMaxExchangeDuration fails and
+/// the socket is closed.
 class HttpConnection : public HttpConnectionIf {
 public:
+    static constexpr std::size_t kMaxResponseBytes = 1024 * 1024;
+    static constexpr std::chrono::seconds kMaxExchangeDuration{60};
+
     HttpConnection(const std::string& defaultHost, std::uint16_t defaultPort,
                    const std::string& defaultOperationTypeId,
                    std::shared_ptr<vi_connector::VIConnector> viConnector);
@@ -62,7 +69,8 @@ public:
     virtual ssize_t Send(int fd, const std::string& data) const;
     /// Waits for input on `fd`; returns what poll returned.
     virtual int Poll(int timeoutMs, int fd) const;
-    /// Reads until the peer closes or a gap in the data: 0, or 3 on a poll error.
+    /// Reads until the peer closes or a gap in the data: 0, or 3 on a poll error
+    /// or when a bound was reached.
     virtual std::uint8_t ReceiveResponse(int fd, std::string& response) const;
     virtual void CloseConnection(int fd) const;
 
@@ -72,6 +80,7 @@ private:
     std::uint8_t Exchange(Method method, HttpProtocol& protocol, const std::string& operationType,
                           const std::string& url) const;
     std::uint8_t ReceiveAndParse(int fd, HttpProtocol& protocol) const;
+    std::uint8_t EndAfterReceiveFailure(int fd) const;
 
     std::shared_ptr<vi_connector::VIConnector> connector;
     std::string host;
@@ -80,6 +89,10 @@ private:
     std::size_t receiveBufferSize = 1500;
     std::int32_t firstPollTimeoutMs = 20000;
     std::int32_t nextPollTimeoutMs = 10000;
+    // Per exchange, set at connect; the object serves one thread at a time.
+    mutable std::chrono::steady_clock::time_point exchangeDeadline_ =
+        std::chrono::steady_clock::time_point::max();
+    mutable bool boundReached_ = false;
 };
 
 }  // namespace csa_common

@@ -1,10 +1,15 @@
 #include "connector_config.hpp"
 
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <vector>
 
 #include "ini_file_reader/ini_file_reader.hpp"
+#include "loopback_host.hpp"
 
 namespace vi_connector {
 namespace {
@@ -70,7 +75,35 @@ private:
     std::string error_;
 };
 
+// A file name inside $CREDENTIALS_DIRECTORY, nothing that leaves it.
+bool IsCredentialName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
 }  // namespace
+
+std::string DeviceClientId() {
+    std::string seed;
+    std::ifstream machineId("/etc/machine-id");
+    if (machineId) {
+        std::getline(machineId, seed);
+    }
+    if (seed.empty()) {
+        char name[256] = {};
+        if (::gethostname(name, sizeof(name) - 1) == 0) {
+            seed = name;
+        }
+    }
+    // FNV-1a, keyed with our name: another program's id derived from the same
+    // machine id differs.
+    std::uint64_t hash = 14695981039346656037ULL;
+    for (const char c : "kelvane-client/" + seed) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    char text[17];
+    std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(hash));
+    return std::string("kelvane-") + text;
+}
 
 std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, std::string& error) {
     ini_file_reader::IniFileReader ini;
@@ -90,9 +123,9 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     }
 
     auto& mqtt = config.mqtt;
-    read.OnlyKeys("mqtt",
-                  {"host", "port", "client_id", "keep_alive", "reconnect_delay_min_ms",
-                   "reconnect_delay_max_ms", "tls_ca_file", "tls_cert_file", "tls_key_file"});
+    read.OnlyKeys("mqtt", {"host", "port", "client_id", "keep_alive", "reconnect_delay_min_ms",
+                           "reconnect_delay_max_ms", "tls_ca_file", "tls_cert_file", "tls_key_file",
+                           "allow_plaintext"});
     read.Text("mqtt", "host", mqtt.host);
     read.Number("mqtt", "port", 1, 65535, mqtt.port);
     read.Text("mqtt", "client_id", mqtt.clientId);
@@ -104,6 +137,20 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     read.Text("mqtt", "tls_key_file", mqtt.tlsKeyFile);
     if (mqtt.reconnectDelayMaxMs < mqtt.reconnectDelayMinMs) {
         read.Fail("[mqtt] reconnect_delay_max_ms is below reconnect_delay_min_ms");
+    }
+    const std::string allowPlaintext = ini.Get("mqtt", "allow_plaintext", "false");
+    if (allowPlaintext == "true") {
+        mqtt.allowPlaintext = true;
+    } else if (allowPlaintext != "false") {
+        read.Fail("[mqtt] allow_plaintext='" + allowPlaintext + "' is neither true nor false");
+    }
+    if (mqtt.tlsCaFile.empty() && !mqtt.allowPlaintext && !IsLoopbackHost(mqtt.host)) {
+        read.Fail("[mqtt] host='" + mqtt.host +
+                  "' is not on loopback and tls_ca_file is not set: push messages would "
+                  "cross the network in plain text (set allow_plaintext = true to accept that)");
+    }
+    if (mqtt.clientId.empty()) {
+        mqtt.clientId = DeviceClientId();
     }
 
     auto& state = config.connectionState;
@@ -126,16 +173,25 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
             continue;
         }
         const std::string id = section.substr(std::string(kTransactionPrefix).size());
-        read.OnlyKeys(section, {"url", "token", "token_file"});
+        read.OnlyKeys(section, {"url", "token", "token_file", "token_credential"});
         TransactionSettings transaction;
         read.Text(section, "url", transaction.url);
         read.Text(section, "token", transaction.token);
         read.Text(section, "token_file", transaction.tokenFile);
+        read.Text(section, "token_credential", transaction.tokenCredential);
         if (transaction.url.empty()) {
             read.Fail("[" + section + "] has no url");
         }
-        if (transaction.token.empty() == transaction.tokenFile.empty()) {
-            read.Fail("[" + section + "] needs exactly one of token and token_file");
+        const int sources = int{!transaction.token.empty()} + int{!transaction.tokenFile.empty()} +
+                            int{!transaction.tokenCredential.empty()};
+        if (sources != 1) {
+            read.Fail("[" + section +
+                      "] needs exactly one of token, token_file and token_credential");
+        }
+        if (!transaction.tokenCredential.empty() &&
+            !IsCredentialName(transaction.tokenCredential)) {
+            read.Fail("[" + section + "] token_credential='" + transaction.tokenCredential +
+                      "' is not a plain file name");
         }
         config.transactions[id] = transaction;
     }

@@ -12,13 +12,14 @@ namespace vi_connector {
 struct MqttSettings {
     std::string host = "127.0.0.1";
     std::uint16_t port = 1883;
-    std::string clientId = "kelvane-client";
+    std::string clientId;  // default: derived from this machine's id, see DeviceClientId()
     int keepAliveSeconds = 30;
     int reconnectDelayMinMs = 250;    // first back-off step
     int reconnectDelayMaxMs = 10000;  // back-off ceiling
     std::string tlsCaFile;            // TLS when set
     std::string tlsCertFile;
     std::string tlsKeyFile;
+    bool allowPlaintext = false;  // a remote broker without TLS is refused otherwise
 };
 
 /// [connection_state]
@@ -35,9 +36,16 @@ struct ConnectionStateSettings {
 /// [transaction <id>]
 struct TransactionSettings {
     std::string url;
-    std::string token;      // inline, or
-    std::string tokenFile;  // read at every GetToken (rotated tokens are picked up)
+    std::string token;            // inline, or
+    std::string tokenFile;        // read at every GetToken (rotated tokens are picked up), or
+    std::string tokenCredential;  // $CREDENTIALS_DIRECTORY/<name>, read like tokenFile
 };
+
+/// An MQTT client id of this device: stable, and different from machine to
+/// machine, so that a fleet's clients do not take over each other's sessions.
+/// Derived from /etc/machine-id (hashed: the id itself is not disclosed), else
+/// from the host name.
+std::string DeviceClientId();
 
 struct ConnectorConfig {
     MqttSettings mqtt;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <random>
 #include <utility>
 
 #include "csc_logging/csc_logging.hpp"
@@ -23,6 +24,10 @@ constexpr int kSubscribeQos = 1;
 constexpr int kFirstFailureReason = 0x80;
 // How long a DISCONNECT may take to leave once the session is asked to stop.
 constexpr auto kDisconnectGrace = std::chrono::seconds(2);
+// Push messages carry no payload we use; anything larger is hostile. The
+// packet limit told to the broker leaves room for the topic and properties.
+constexpr std::uint32_t kMaxPayloadBytes = 64 * 1024;
+constexpr std::uint32_t kMaxPacketBytes = kMaxPayloadBytes + 1024;
 
 void InitialiseLibrary() {
     static std::once_flag once;
@@ -223,6 +228,10 @@ bool MosquittoPubSub::CreateClient() {
     mosquitto_message_v5_callback_set(client, &MosquittoPubSub::OnMessage);
     mosquitto_subscribe_v5_callback_set(client, &MosquittoPubSub::OnSubscribe);
     mosquitto_publish_v5_callback_set(client, &MosquittoPubSub::OnPublish);
+    if (!AnnounceMaximumPacketSize(client)) {
+        mosquitto_destroy(client);
+        return false;
+    }
 
     const bool wantsTls = !settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
                           !settings_.tlsKeyFile.empty();
@@ -243,9 +252,17 @@ bool MosquittoPubSub::CreateClient() {
             const auto optional = [](const std::string& path) {
                 return path.empty() ? nullptr : path.c_str();
             };
-            const int rc = mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
-                                             optional(settings_.tlsCertFile),
-                                             optional(settings_.tlsKeyFile), nullptr);
+            int rc = mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
+                                       optional(settings_.tlsCertFile),
+                                       optional(settings_.tlsKeyFile), nullptr);
+            // Stated, not left to library defaults: the chain and the broker's
+            // name must both match.
+            if (rc == MOSQ_ERR_SUCCESS) {
+                rc = mosquitto_tls_opts_set(client, 1 /* SSL_VERIFY_PEER */, nullptr, nullptr);
+            }
+            if (rc == MOSQ_ERR_SUCCESS) {
+                rc = mosquitto_tls_insecure_set(client, false);
+            }
             if (rc != MOSQ_ERR_SUCCESS) {
                 problem = Describe(rc);
             }
@@ -258,6 +275,26 @@ bool MosquittoPubSub::CreateClient() {
     }
     std::lock_guard<std::mutex> lock(mutex_);
     client_ = client;
+    return true;
+}
+
+bool MosquittoPubSub::AnnounceMaximumPacketSize(mosquitto* client) {
+    // The broker then drops larger messages for us instead of sending them.
+    // libmosquitto 2.0 takes CONNECT properties only through its blocking
+    // connect, which keeps them for every later (asynchronous) connect; an
+    // invalid port makes it store them and return before connecting.
+    mosquitto_property* properties = nullptr;
+    int rc =
+        mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacketBytes);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_connect_bind_v5(client, "localhost", -1, settings_.keepAliveSeconds, nullptr,
+                                       properties);
+    }
+    mosquitto_property_free_all(&properties);
+    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_INVAL) {
+        CSCLogging::Error("VIConnector: cannot set the MQTT maximum packet size: " + Describe(rc));
+        return false;
+    }
     return true;
 }
 
@@ -288,7 +325,9 @@ std::string MosquittoPubSub::Broker() const {
 void MosquittoPubSub::Run() {
     networkThreadId_.store(std::this_thread::get_id());
     ReportState(VIPubSubCallbackIf::kDisconnected);
-    int delayMs = settings_.reconnectDelayMinMs;
+    // Full jitter: a fleet that lost its broker together does not come back in step.
+    std::minstd_rand random(std::random_device{}());
+    int ceilingMs = settings_.reconnectDelayMinMs;
     bool quiet = false;  // one warning per outage, the retries at debug level
     while (!StopRequested()) {
         const int rc = mosquitto_connect_async(client_, settings_.host.c_str(), settings_.port,
@@ -300,7 +339,7 @@ void MosquittoPubSub::Run() {
         }
         if (wasUp) {
             CSCLogging::Warning("VIConnector: MQTT link to " + Broker() + " lost: " + failure);
-            delayMs = settings_.reconnectDelayMinMs;
+            ceilingMs = settings_.reconnectDelayMinMs;
             quiet = true;
         } else if (!quiet) {
             CSCLogging::Warning("VIConnector: cannot connect to MQTT broker " + Broker() + ": " +
@@ -310,10 +349,10 @@ void MosquittoPubSub::Run() {
             CSCLogging::Debug("VIConnector: MQTT broker " + Broker() +
                               " still unreachable: " + failure);
         }
-        if (!WaitBeforeReconnect(delayMs)) {
+        if (!WaitBeforeReconnect(std::uniform_int_distribution<int>(0, ceilingMs)(random))) {
             break;
         }
-        delayMs = std::min(delayMs * 2, settings_.reconnectDelayMaxMs);
+        ceilingMs = std::min(ceilingMs * 2, settings_.reconnectDelayMaxMs);
     }
     HandleLinkDown(true);
     networkThreadId_.store(std::thread::id());
@@ -367,6 +406,14 @@ void MosquittoPubSub::OnConnect(mosquitto* /*client*/, void* self, int reason, i
 
 void MosquittoPubSub::OnMessage(mosquitto* /*client*/, void* self, const mosquitto_message* message,
                                 const mosquitto_property* /*properties*/) {
+    // A broker that ignores our maximum packet size still gets no copy made.
+    if (message->payloadlen > static_cast<int>(kMaxPayloadBytes)) {
+        CSCLogging::Warning(CSCLogEntry()
+                            << "VIConnector: dropped a " << message->payloadlen
+                            << " byte message on '" << (message->topic ? message->topic : "")
+                            << "': larger than " << kMaxPayloadBytes << " bytes");
+        return;
+    }
     Event event(Event::Kind::kMessage);
     event.mid = message->mid;
     event.topic = message->topic != nullptr ? message->topic : "";

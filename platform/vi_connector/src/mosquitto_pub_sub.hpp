@@ -21,7 +21,7 @@ namespace vi_connector {
 
 /// The connector's MQTT channel: one libmosquitto session (MQTT 5, clean
 /// start) served by a network thread of its own, which reconnects with a
-/// bounded exponential back-off and delivers every VIPubSubCallbackIf
+/// bounded exponential back-off (full jitter) and delivers every VIPubSubCallbackIf
 /// notification. The thread sleeps until the socket has traffic, a request
 /// arrives or a keep-alive ping is due, so an idle link costs about two
 /// wake-ups per keep-alive period.
@@ -84,6 +84,7 @@ private:
     void AddEvent(Event event);
 
     bool CreateClient();
+    bool AnnounceMaximumPacketSize(mosquitto* client);
     void DestroyClient();
     bool OnNetworkThread() const;
     bool StopRequested() const;

@@ -1,12 +1,13 @@
 #include "vi_connector/vi_connector.hpp"
 
+#include <cctype>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "connector_config.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "loopback_host.hpp"
 #include "mosquitto_pub_sub.hpp"
+#include "secret_file.hpp"
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 
@@ -18,19 +19,52 @@ using csc_logging::CSCLogging;
 
 constexpr int kSocketConnectTimeoutMs = 10000;
 
-std::string ReadToken(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return {};
+// Tokens are short; a larger file is a mistake or an attack.
+constexpr std::size_t kMaxTokenBytes = 8 * 1024;
+
+// A bearer token goes into a request header verbatim, so only the b64token
+// characters of RFC 6750 are let through: no CR, LF, space or control byte
+// can add a header of its own.
+bool IsBearerToken(const std::string& token) {
+    std::size_t i = 0;
+    const auto tokenChar = [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               c == '-' || c == '.' || c == '_' || c == '~' || c == '+' || c == '/';
+    };
+    while (i < token.size() && tokenChar(token[i])) {
+        ++i;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    std::string token = content.str();
+    if (i == 0) {
+        return false;
+    }
+    while (i < token.size() && token[i] == '=') {
+        ++i;
+    }
+    return i == token.size();
+}
+
+// The file's final line break (and trailing blanks) are not part of the token.
+void TrimTrailingSpace(std::string& token) {
     while (!token.empty() && (token.back() == '\n' || token.back() == '\r' || token.back() == ' ' ||
                               token.back() == '\t')) {
         token.pop_back();
     }
-    return token;
+}
+
+void WarnAboutPlainTextUrls(const ConnectorConfig& config) {
+    for (const auto& [id, transaction] : config.transactions) {
+        std::string scheme = transaction.url.substr(0, transaction.url.find("://"));
+        for (auto& c : scheme) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        const bool plainHttp = scheme == "http";
+        if (plainHttp && !IsLoopbackHost(HostOfUrl(transaction.url))) {
+            CSCLogging::Warning("VIConnector: [transaction " + id + "] sends plain http to " +
+                                HostOfUrl(transaction.url) +
+                                ", which is not on loopback: its bearer token crosses the "
+                                "network unencrypted");
+        }
+    }
 }
 
 MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
@@ -70,6 +104,7 @@ void VIConnector::Start() {
         auto loaded = ConnectorConfig::Load(configPath_, error);
         SessionStatus status = SessionStatus::kRejected;
         if (loaded) {
+            WarnAboutPlainTextUrls(*loaded);
             std::lock_guard<std::mutex> lock(mutex_);
             config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
             status = SessionStatus::kOk;
@@ -115,11 +150,40 @@ TokenResult VIConnector::GetToken(const std::string& transactionTypeId) {
         return {0, {}};
     }
     const auto& transaction = found->second;
-    std::string token =
-        transaction.tokenFile.empty() ? transaction.token : ReadToken(transaction.tokenFile);
+    std::string token;
+    std::string source = "the inline token of " + configPath_;
+    if (transaction.token.empty()) {
+        std::string path = transaction.tokenFile;
+        if (!transaction.tokenCredential.empty()) {
+            const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
+            if (directory == nullptr || *directory == '\0') {
+                CSCLogging::Error("VIConnector: token for " + transactionTypeId + ": credential '" +
+                                  transaction.tokenCredential +
+                                  "' asked for, but CREDENTIALS_DIRECTORY is not set");
+                return {0, {}};
+            }
+            path = std::string(directory) + "/" + transaction.tokenCredential;
+        }
+        source = "'" + path + "'";
+        std::string error;
+        auto content = ReadSecretFile(path, kMaxTokenBytes, error);
+        if (!content) {
+            CSCLogging::Error("VIConnector: token for " + transactionTypeId + ": " + error);
+            return {0, {}};
+        }
+        token = std::move(*content);
+        TrimTrailingSpace(token);
+    } else {
+        token = transaction.token;
+    }
     if (token.empty()) {
-        CSCLogging::Warning("VIConnector: token file '" + transaction.tokenFile +
-                            "' is missing or empty");
+        CSCLogging::Warning("VIConnector: token for " + transactionTypeId + ": " + source +
+                            " is empty");
+        return {0, {}};
+    }
+    if (!IsBearerToken(token)) {
+        CSCLogging::Error("VIConnector: token for " + transactionTypeId + " from " + source +
+                          " holds characters a bearer token cannot have; request not sent");
         return {0, {}};
     }
     return {1, std::move(token)};

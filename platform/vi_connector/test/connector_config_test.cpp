@@ -48,7 +48,7 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
          "[connection_state] mode='maybe' is neither probe nor fixed"},
         {"[transaction T]\ntoken=t\n", "[transaction T] has no url"},
         {"[transaction T]\nurl=http://h/p\n",
-         "[transaction T] needs exactly one of token and token_file"},
+         "[transaction T] needs exactly one of token, token_file and token_credential"},
         {"[mqtt]\n", "no [transaction <id>] section"},
     };
     for (const auto& [content, problem] : cases) {

@@ -95,6 +95,7 @@ int Run(const std::vector<std::string>& arguments) {
         "Faults: EXCHANGE=KIND[:ARG][:COUNT], EXCHANGE one of challenge,\n"
         "download, feedback; KIND one of status:CODE, empty-body, garbage-body,\n"
         "delay:MS, continue, keep-open, close, hang, no-digits, bad-mac\n"
+        "(download only), flood (endless body), trickle:MS (a body byte every MS)\n"
         "(download only); COUNT how many of the next requests it hits\n"
         "(default 1) or * for all.");
     options.Declare(

@@ -22,6 +22,8 @@ constexpr KindInfo kKinds[] = {
     {FaultKind::kHang, "hang", false},
     {FaultKind::kNoDigits, "no-digits", false},
     {FaultKind::kBadMac, "bad-mac", false},
+    {FaultKind::kFlood, "flood", false},
+    {FaultKind::kTrickle, "trickle", true},
 };
 
 const KindInfo& InfoOf(FaultKind kind) {

@@ -207,6 +207,16 @@ void HttpSession::ServeExchange(Exchange exchange, const std::optional<Fault>& f
         case FaultKind::kBadMac:
             ServeNormally(exchange, false, true);
             return;
+        case FaultKind::kFlood:
+        case FaultKind::kTrickle: {
+            const bool flood = fault->kind == FaultKind::kFlood;
+            Record(200, flood ? "flooding an endless body" : "trickling an endless body");
+            const auto interval = std::chrono::milliseconds(flood ? 0 : fault->argument);
+            SendRaw(std::string("HTTP/1.1 200 OK\r\nContent-Type: ") +
+                        BackendService::ResponseContentType(exchange) + "\r\n\r\n",
+                    [this, interval] { Stream(interval); });
+            return;
+        }
     }
 }
 
@@ -279,6 +289,27 @@ void HttpSession::HoldUntilPeerCloses() {
                                     self->HoldUntilPeerCloses();
                                 }
                             });
+}
+
+void HttpSession::Stream(std::chrono::milliseconds interval) {
+    // Ends when the peer closes (the write fails) or after the hold limit.
+    stream_.expires_after(kHoldLimit);
+    raw_.assign(interval.count() == 0 ? 64 * 1024 : 1, 'x');
+    net::async_write(stream_, net::buffer(raw_),
+                     [self = shared_from_this(), interval](beast::error_code ec, std::size_t) {
+                         if (ec) {
+                             self->Close();
+                         } else if (interval.count() == 0) {
+                             self->Stream(interval);
+                         } else {
+                             self->timer_.expires_after(interval);
+                             self->timer_.async_wait([self, interval](beast::error_code waitEc) {
+                                 if (!waitEc) {
+                                     self->Stream(interval);
+                                 }
+                             });
+                         }
+                     });
 }
 
 void HttpSession::Close() {

@@ -5,6 +5,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -35,6 +36,8 @@ private:
     void Answer(const HttpResponse& response, bool keepOpen);
     void SendRaw(std::string bytes, std::function<void()> next);
     void HoldUntilPeerCloses();
+    /// Endless body: chunks back to back, or one byte per `interval`.
+    void Stream(std::chrono::milliseconds interval);
     void RefuseUnreadable(boost::beast::error_code ec);
     void Close();
 

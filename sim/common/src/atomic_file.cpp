@@ -50,6 +50,7 @@ bool WriteAll(int fd, const std::string& content) {
 
 bool WriteFileAtomically(const std::string& path, const std::string& content, std::string& error,
                          unsigned int mode) {
+    error.clear();
     static std::atomic<unsigned> sequence{0};
     const std::string temporary = path + kTemporaryMarker + std::to_string(::getpid()) + "-" +
                                   std::to_string(sequence.fetch_add(1));
@@ -74,19 +75,20 @@ bool WriteFileAtomically(const std::string& path, const std::string& content, st
         ::unlink(temporary.c_str());
         return false;
     }
-    // The rename is durable only once the directory entry is on disk.
+    // Committed: readers see the new content from here on. The rename is
+    // durable only once the directory entry is on disk; failing that is worth
+    // a warning, not a failure (the old content is gone already).
     const std::string directory = DirectoryOf(path);
     const int dirFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dirFd < 0) {
         error = Reason("cannot open directory", directory);
-        return false;
+        return true;
     }
-    const bool synced = ::fsync(dirFd) == 0;
-    if (!synced) {
+    if (::fsync(dirFd) != 0) {
         error = Reason("cannot sync directory", directory);
     }
     ::close(dirFd);
-    return synced;
+    return true;
 }
 
 void RemoveStaleTemporaries(const std::string& path) {

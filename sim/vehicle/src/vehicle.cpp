@@ -154,6 +154,10 @@ DlcVerdict Vehicle::HandleDlc(const std::vector<std::uint8_t>& bytes, bool failP
         CSCLogging::Error("HandleDlc: key store not written: " + error);
         return DlcVerdict::kPersistFailed;
     }
+    if (!error.empty()) {
+        // Written and renamed: memory follows the disk.
+        CSCLogging::Warning("HandleDlc: key store written, not yet durable: " + error);
+    }
     state_ = std::move(next);
     pending_.reset();
     detail = "training counter " + std::to_string(state_.trainingCounter);

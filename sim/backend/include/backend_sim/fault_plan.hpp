@@ -38,10 +38,14 @@ enum class FaultKind {
     kNoDigits,
     /// Download only: a container whose MAC does not verify.
     kBadMac,
+    /// A 200 header, then body bytes as fast as the peer reads, until it closes.
+    kFlood,
+    /// A 200 header, then one body byte every given milliseconds, until the peer closes.
+    kTrickle,
 };
 
-/// One injected fault, parsed from "KIND[:ARG][:COUNT]" (status and delay
-/// take an argument, the others none). COUNT is how many of the next
+/// One injected fault, parsed from "KIND[:ARG][:COUNT]" (status, delay and
+/// trickle take an argument, the others none). COUNT is how many of the next
 /// requests of the exchange it hits (default 1), or "*" for every one.
 struct Fault {
     FaultKind kind = FaultKind::kStatus;

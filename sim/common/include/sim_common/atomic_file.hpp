@@ -9,7 +9,9 @@ namespace sim_common {
 /// dies or the machine loses power, the file holds either the old or the new
 /// content: write a temporary file beside it, fsync it, rename it over the
 /// old one, fsync the directory. On failure returns false with a reason in
-/// `error` and leaves the old file as it was.
+/// `error` and leaves the old file as it was. Once renamed the write is
+/// committed and true returned; `error` is then empty, or says why the
+/// directory could not be synced (the new content may not survive a power loss).
 bool WriteFileAtomically(const std::string& path, const std::string& content, std::string& error,
                          unsigned int mode = 0644);
 
