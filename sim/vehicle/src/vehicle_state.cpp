@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "sim_common/atomic_file.hpp"
-#include "sim_common/command_line.hpp"
+#include "sim_common/parse_integer.hpp"
 #include "sim_common/hex.hpp"
 
 namespace vehicle_sim {
