@@ -33,31 +33,6 @@ TEST(VehicleKeysTest, KnownAnswersForTheDemoSecret) {
     EXPECT_EQ(ToHex(PssHash(keys)), "44AB6D2EDDB64DF8530E84E70CF791D6");
 }
 
-TEST(VehicleKeysTest, SerializedBlockRoundTripsAndRejectsOtherSizes) {
-    const auto keys = DeriveVehicleKeys("secret", kVin, 3);
-
-    const auto block = keys.Serialize();
-
-    ASSERT_EQ(block.size(), VehicleKeys::kBlockSize);
-    EXPECT_EQ(VehicleKeys::Deserialize(block), keys);
-    EXPECT_FALSE(VehicleKeys::Deserialize(std::vector<std::uint8_t>(63)).has_value());
-    EXPECT_FALSE(VehicleKeys::Deserialize(std::vector<std::uint8_t>(65)).has_value());
-}
-
-TEST(VehicleKeysTest, HashesDependOnKeysAndChallenge) {
-    const auto keys = DeriveVehicleKeys("secret", kVin, 0);
-    const std::vector<std::uint8_t> challenge(16, 0x11);
-    auto otherChallenge = challenge;
-    otherChallenge[15] = 0x12;
-
-    EXPECT_EQ(IdentityHash(keys, challenge).size(), kIdentityHashSize);
-    EXPECT_NE(IdentityHash(keys, challenge), IdentityHash(keys, otherChallenge));
-    EXPECT_NE(IdentityHash(keys, challenge),
-              IdentityHash(DeriveVehicleKeys("secret", kVin, 1), challenge));
-    EXPECT_EQ(PssHash(keys).size(), kPssHashSize);
-    EXPECT_NE(PssHash(keys), PssHash(DeriveVehicleKeys("secret", kVin, 1)));
-}
-
 TEST(VehicleKeysTest, VinMustBeSeventeenDigitsOrCapitals) {
     EXPECT_TRUE(IsValidVin(kVin));
     EXPECT_FALSE(IsValidVin("WKV0SIM000000001"));
