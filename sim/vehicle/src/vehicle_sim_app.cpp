@@ -286,8 +286,7 @@ int Remote(const std::string& name, const std::vector<std::string>& arguments) {
     }
     std::vector<std::string> values;
     CLI::App parser(description, std::string(kProgram) + " " + name);
-    parser.add_option("--state", directory, "state directory of the simulator")
-        ->option_text("DIR");
+    parser.add_option("--state", directory, "state directory of the simulator")->option_text("DIR");
     if (positionals > 0) {
         parser.add_option("arguments", values, "")
             ->option_text(synopsis.substr(synopsis.find(' ') + 1))
