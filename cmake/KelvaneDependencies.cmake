@@ -16,6 +16,11 @@ if(KELVANE_PLATFORM STREQUAL "host")
     # DLT is compiled in when found; without it the console sink still works.
     pkg_check_modules(DLT IMPORTED_TARGET automotive-dlt)
     find_package(Boost 1.74 QUIET)
+    if(KELVANE_BUILD_SIMULATORS)
+        # Header-only; the simulators' command lines and JSON output.
+        find_package(CLI11 2 REQUIRED)
+        find_package(nlohmann_json 3 REQUIRED)
+    endif()
 endif()
 
 if(KELVANE_BUILD_TESTS)

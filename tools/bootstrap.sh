@@ -14,6 +14,8 @@ packages=(
     libdlt-dev dlt-daemon dlt-tools
     libsystemd-dev systemd
     libboost-dev
+    libcli11-dev nlohmann-json3-dev
+    gcovr
     libcurl4-openssl-dev
     procps
 )

@@ -187,24 +187,5 @@ TEST_F(TeeIntegrationTest, CertificateWaitsForATypeIdServiceThatAppearsLate) {
     EXPECT_LT(elapsed, 4s);
 }
 
-TEST_F(TeeIntegrationTest, CertificateGivesUpAfterFiveSecondsWithoutTheTypeIdService) {
-    ZELKOnlineUpdateClient sut(ZELKOnlineUpdateClient::Dependencies::Default(TESMO_ID_PATH));
-    sut.init();
-    std::string certificate = "kept";
-    const auto start = std::chrono::steady_clock::now();
-
-    const auto result = sut.zelk_get_certificate("BASE", certificate);
-
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(result, ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(certificate, "kept");
-    EXPECT_EQ(log_.Count(LogLevel::kWarning, "typeidaccess service isn't ready, wait for 1 s"), 5u);
-    EXPECT_EQ(log_.Count(LogLevel::kError,
-                         "zelk_get_certificate() Error! typeidaccess service isn't ready"),
-              1u);
-    EXPECT_GE(elapsed, 5s);
-    EXPECT_LT(elapsed, 8s);
-}
-
 }  // namespace
 }  // namespace qervo::tee

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "csc_logging/csc_logging.hpp"
-#include "sim_common/json_line.hpp"
+#include "sim_common/json.hpp"
 
 namespace backend_sim {
 namespace {
@@ -79,18 +79,11 @@ HttpResponse AdminApi::Handle(const HttpRequest& request) {
         if (request.method != "GET") {
             return MethodNotAllowed("GET");
         }
-        std::string faults = "[";
-        for (const auto& pending : faults_.Pending()) {
-            faults += (faults.size() > 1 ? "," : "") + sim_common::JsonLine::Quote(pending);
-        }
-        faults += "]";
         HttpResponse response;
         response.headers.emplace_back("Content-Type", "application/json");
-        response.body = sim_common::JsonLine()
-                            .Number("events", static_cast<std::int64_t>(events_.Count()))
-                            .Raw("faults", faults)
-                            .Str() +
-                        "\n";
+        response.body =
+            sim_common::JsonText({{"events", events_.Count()}, {"faults", faults_.Pending()}}) +
+            "\n";
         return response;
     }
     return HttpResponse::Text(404, "no admin endpoint " + path);

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "ini_file_reader/ini_file_reader.hpp"
-#include "sim_common/command_line.hpp"
+#include "sim_common/parse_integer.hpp"
 
 namespace backend_sim {
 namespace {

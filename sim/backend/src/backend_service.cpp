@@ -18,21 +18,19 @@ namespace backend_sim {
 namespace {
 
 namespace pb = domain::backend::zelkDlc::proto;
-using sim_common::JsonLine;
+using sim_common::Json;
 
 /// The eight request fields, shared by the download and the feedback message.
 template <typename Message>
-std::string DescribeRequest(const Message& message) {
-    JsonLine fields;
-    fields.String("tesmoChallenge", message.tesmochallenge())
-        .String("diagnosticID", message.diagnosticid())
-        .String("partNumber", message.partnumber())
-        .String("tesmoIdString", message.tesmoidstring())
-        .String("zelkVin", message.zelkvin())
-        .String("ecuTrainingCounter", message.ecutrainingcounter())
-        .String("pssHash", message.psshash())
-        .String("identityHash", message.identityhash());
-    return fields.Str();
+Json DescribeRequest(const Message& message) {
+    return {{"tesmoChallenge", message.tesmochallenge()},
+            {"diagnosticID", message.diagnosticid()},
+            {"partNumber", message.partnumber()},
+            {"tesmoIdString", message.tesmoidstring()},
+            {"zelkVin", message.zelkvin()},
+            {"ecuTrainingCounter", message.ecutrainingcounter()},
+            {"pssHash", message.psshash()},
+            {"identityHash", message.identityhash()}};
 }
 
 std::string ToUpper(std::string text) {
@@ -41,8 +39,8 @@ std::string ToUpper(std::string text) {
     return text;
 }
 
-HttpResponse Refuse(int status, const std::string& reason, JsonLine& event) {
-    event.String("result", reason);
+HttpResponse Refuse(int status, const std::string& reason, Json& event) {
+    event["result"] = reason;
     return HttpResponse::Text(status, reason);
 }
 
@@ -84,7 +82,7 @@ const char* BackendService::ResponseContentType(Exchange exchange) {
 }
 
 HttpResponse BackendService::Serve(Exchange exchange, const HttpRequest& request, bool corruptMac,
-                                   JsonLine& event) {
+                                   Json& event) {
     if (auto refusal = CheckEnvelope(exchange, request, event)) {
         return *refusal;
     }
@@ -101,7 +99,7 @@ HttpResponse BackendService::Serve(Exchange exchange, const HttpRequest& request
 
 std::optional<HttpResponse> BackendService::CheckEnvelope(Exchange exchange,
                                                           const HttpRequest& request,
-                                                          JsonLine& event) const {
+                                                          Json& event) const {
     const bool isChallenge = exchange == Exchange::kChallenge;
     const char* method = isChallenge ? "GET" : "POST";
     if (request.method != method) {
@@ -134,14 +132,14 @@ std::optional<HttpResponse> BackendService::CheckEnvelope(Exchange exchange,
     return std::nullopt;
 }
 
-HttpResponse BackendService::ServeChallenge(JsonLine& event) {
+HttpResponse BackendService::ServeChallenge(Json& event) {
     const std::string challenge =
         sim_common::ToHex(sim_common::RandomBytes(sim_common::kChallengeSize));
     challenges_.Issue(challenge, now_());
     pb::zelkDlcChallengeResponseType message;
     message.set_tesmochallenge(challenge);
-    event.String("result", "ok")
-        .Raw("response", JsonLine().String("tesmoChallenge", challenge).Str());
+    event["result"] = "ok";
+    event["response"] = {{"tesmoChallenge", challenge}};
     return Proto(kChallengeResponseType, message.SerializeAsString());
 }
 
@@ -159,12 +157,12 @@ bool BackendService::IdentityHashMatches(const std::string& vin, std::uint16_t c
 }
 
 HttpResponse BackendService::ServeDownload(const HttpRequest& request, bool corruptMac,
-                                           JsonLine& event) {
+                                           Json& event) {
     pb::zelkDlcRequestType message;
     if (!message.ParseFromString(request.body)) {
         return Refuse(400, "body is not a zelkDlcRequestType message", event);
     }
-    event.Raw("request", DescribeRequest(message));
+    event["request"] = DescribeRequest(message);
 
     const std::string challenge = ToUpper(message.tesmochallenge());
     switch (challenges_.Check(challenge, now_())) {
@@ -196,8 +194,8 @@ HttpResponse BackendService::ServeDownload(const HttpRequest& request, bool corr
     const auto current = sim_common::DeriveVehicleKeys(config_.secret, vin, *counter);
     const auto next = sim_common::DeriveVehicleKeys(config_.secret, vin,
                                                     static_cast<std::uint16_t>(*counter + 1));
-    event.Bool("pssHashMatches",
-               ToUpper(message.psshash()) == sim_common::ToHex(sim_common::PssHash(current)));
+    event["pssHashMatches"] =
+        ToUpper(message.psshash()) == sim_common::ToHex(sim_common::PssHash(current));
     auto container = sim_common::BuildDlcContainer(vin, *counter, *sim_common::FromHex(challenge),
                                                    current, next);
     if (corruptMac) {
@@ -210,22 +208,20 @@ HttpResponse BackendService::ServeDownload(const HttpRequest& request, bool corr
     pb::zelkDlcResponseType response;
     response.set_downloadcontainer(Botan::base64_encode(container.data(), container.size()));
     response.set_returncode("0");
-    event.String("result", "ok")
-        .Raw("response", JsonLine()
-                             .Number("containerBytes", static_cast<std::int64_t>(container.size()))
-                             .Number("forCounter", *counter)
-                             .Bool("macCorrupted", corruptMac)
-                             .String("returnCode", response.returncode())
-                             .Str());
+    event["result"] = "ok";
+    event["response"] = {{"containerBytes", container.size()},
+                         {"forCounter", *counter},
+                         {"macCorrupted", corruptMac},
+                         {"returnCode", response.returncode()}};
     return Proto(kDownloadResponseType, response.SerializeAsString());
 }
 
-HttpResponse BackendService::ServeFeedback(const HttpRequest& request, JsonLine& event) {
+HttpResponse BackendService::ServeFeedback(const HttpRequest& request, Json& event) {
     pb::zelkDlcStatusFeedbackRequestType message;
     if (!message.ParseFromString(request.body)) {
         return Refuse(400, "body is not a zelkDlcStatusFeedbackRequestType message", event);
     }
-    event.Raw("request", DescribeRequest(message));
+    event["request"] = DescribeRequest(message);
 
     const std::string challenge = ToUpper(message.tesmochallenge());
     const auto counter = sim_common::CounterFromHex(message.ecutrainingcounter());
@@ -243,11 +239,11 @@ HttpResponse BackendService::ServeFeedback(const HttpRequest& request, JsonLine&
                       ? "unknown-challenge"
                       : "no-download";
     }
-    event.String("outcome", outcome)
-        .Bool("identityHashMatches",
-              counter && IdentityHashMatches(message.zelkvin(), *counter, challenge,
-                                             message.identityhash()))
-        .String("result", "ok");
+    event["outcome"] = outcome;
+    event["identityHashMatches"] =
+        counter &&
+        IdentityHashMatches(message.zelkvin(), *counter, challenge, message.identityhash());
+    event["result"] = "ok";
     csc_logging::CSCLogging::Info("Status feedback for challenge '" + message.tesmochallenge() +
                                   "': " + outcome);
     HttpResponse response;

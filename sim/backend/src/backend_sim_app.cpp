@@ -19,7 +19,6 @@ namespace backend_sim {
 namespace {
 
 using csc_logging::CSCLogging;
-using sim_common::CommandLine;
 
 constexpr const char* kProgram = "kelvane-backend-sim";
 
@@ -59,22 +58,22 @@ struct SettingOptions {
         std::string help;
     };
 
-    void Declare(CommandLine& commandLine, const std::vector<Setting>& settings) {
-        commandLine.Option("--config", "FILE", "INI file with settings (options override it)",
-                           &configFile);
+    void Declare(CLI::App& command, const std::vector<Setting>& settings) {
+        command.add_option("--config", configFile, "INI file with settings (options override it)")
+            ->option_text("FILE");
         for (const auto& setting : settings) {
-            commandLine.Option("--" + setting.name, setting.valueName, setting.help,
-                               &values[setting.name]);
+            command.add_option("--" + setting.name, values[setting.name], setting.help)
+                ->option_text(setting.valueName);
         }
     }
 
     /// Defaults, then the INI file, then the options given.
-    bool Apply(const CommandLine& commandLine, BackendConfig& config, std::string& error) const {
+    bool Apply(const CLI::App& command, BackendConfig& config, std::string& error) const {
         if (!configFile.empty() && !config.LoadIni(configFile, error)) {
             return false;
         }
         for (const auto& [name, value] : values) {
-            if (commandLine.Given("--" + name) && !config.Set(name, value, error)) {
+            if (command.count("--" + name) != 0 && !config.Set(name, value, error)) {
                 return false;
             }
         }
@@ -87,8 +86,7 @@ struct SettingOptions {
 
 int Run(const std::vector<std::string>& arguments) {
     SettingOptions options;
-    CommandLine commandLine(
-        std::string(kProgram) + " run [OPTIONS]",
+    CLI::App command(
         "Serves the challenge (GET), download (POST) and feedback (POST)\n"
         "exchanges until SIGINT or SIGTERM. Admin endpoints: POST /admin/fault,\n"
         "GET|DELETE /admin/faults, POST /admin/push, GET /admin/status.\n"
@@ -97,9 +95,10 @@ int Run(const std::vector<std::string>& arguments) {
         "delay:MS, continue, keep-open, close, hang, no-digits, bad-mac\n"
         "(download only), flood (endless body), trickle:MS (a body byte every MS)\n"
         "(download only); COUNT how many of the next requests it hits\n"
-        "(default 1) or * for all.");
+        "(default 1) or * for all.",
+        std::string(kProgram) + " run");
     options.Declare(
-        commandLine,
+        command,
         {{"address", "ADDR", "loopback address to listen on (default 127.0.0.1; ::1)"},
          {"port", "PORT", "TCP port, 0 picks a free one (default 8080)"},
          {"port-file", "FILE", "write the port listened on to this file"},
@@ -114,18 +113,14 @@ int Run(const std::vector<std::string>& arguments) {
          {"mqtt-port", "PORT", "MQTT broker port (default 1883)"},
          {"mqtt-client-id", "ID", "MQTT client id prefix"},
          {"mqtt-topic", "TOPIC", "push topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"}});
-    commandLine.Repeated("--fault", "FAULT", "inject a fault, e.g. download=status:500:2",
-                         &options.faults);
-    if (!commandLine.Parse(arguments)) {
-        return UsageError(commandLine.Error());
-    }
-    if (commandLine.HelpRequested()) {
-        std::cout << commandLine.Help();
-        return sim_common::kExitOk;
+    command.add_option("--fault", options.faults, "inject a fault, e.g. download=status:500:2")
+        ->option_text("FAULT");
+    std::string error;
+    if (const auto done = sim_common::ParseCommand(command, arguments, error)) {
+        return error.empty() ? *done : UsageError(error);
     }
     BackendConfig config;
-    std::string error;
-    if (!options.Apply(commandLine, config, error) || !config.Validate(error)) {
+    if (!options.Apply(command, config, error) || !config.Validate(error)) {
         return UsageError(error);
     }
     FaultPlan faults;
@@ -175,41 +170,34 @@ int Run(const std::vector<std::string>& arguments) {
 int Push(const std::vector<std::string>& arguments) {
     SettingOptions options;
     std::string message = AdminApi::kDefaultPushMessage;
-    std::string qos = "1";
-    std::string timeout = "5000";
+    int qos = 1;
+    int timeout = 5000;
     bool retain = false;
-    CommandLine commandLine(std::string(kProgram) + " push [OPTIONS]",
-                            "Publishes one push message that asks vehicles for a key update.");
-    options.Declare(commandLine, {{"mqtt-host", "HOST", "MQTT broker host (default 127.0.0.1)"},
-                                  {"mqtt-port", "PORT", "MQTT broker port (default 1883)"},
-                                  {"mqtt-client-id", "ID", "MQTT client id prefix"},
-                                  {"mqtt-topic", "TOPIC",
-                                   "topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"}});
-    commandLine
-        .Option("--message", "TEXT", "the message (default {\"request\":\"zelkDlcUpdate\"})",
-                &message)
-        .Option("--qos", "0|1|2", "MQTT quality of service (default 1)", &qos)
-        .Option("--timeout", "MS", "give up after this many milliseconds (default 5000)", &timeout)
-        .Flag("--retain", "ask the broker to keep the message for later subscribers", &retain);
-    if (!commandLine.Parse(arguments)) {
-        return UsageError(commandLine.Error());
-    }
-    if (commandLine.HelpRequested()) {
-        std::cout << commandLine.Help();
-        return sim_common::kExitOk;
+    CLI::App command("Publishes one push message that asks vehicles for a key update.",
+                     std::string(kProgram) + " push");
+    options.Declare(command, {{"mqtt-host", "HOST", "MQTT broker host (default 127.0.0.1)"},
+                              {"mqtt-port", "PORT", "MQTT broker port (default 1883)"},
+                              {"mqtt-client-id", "ID", "MQTT client id prefix"},
+                              {"mqtt-topic", "TOPIC",
+                               "topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"}});
+    command
+        .add_option("--message", message, "the message (default {\"request\":\"zelkDlcUpdate\"})")
+        ->option_text("TEXT");
+    command.add_option("--qos", qos, "MQTT quality of service (default 1)")
+        ->option_text("0|1|2")
+        ->check(CLI::Range(0, 2));
+    command.add_option("--timeout", timeout, "give up after this many milliseconds (default 5000)")
+        ->option_text("MS")
+        ->check(CLI::Range(1, 600000));
+    command.add_flag("--retain", retain,
+                     "ask the broker to keep the message for later subscribers");
+    std::string error;
+    if (const auto done = sim_common::ParseCommand(command, arguments, error)) {
+        return error.empty() ? *done : UsageError(error);
     }
     BackendConfig config;
-    std::string error;
-    if (!options.Apply(commandLine, config, error)) {
+    if (!options.Apply(command, config, error)) {
         return UsageError(error);
-    }
-    const auto qosValue = sim_common::ParseInteger(qos, 0, 2);
-    if (!qosValue) {
-        return UsageError("bad qos '" + qos + "' (0, 1 or 2)");
-    }
-    const auto timeoutValue = sim_common::ParseInteger(timeout, 1, 600000);
-    if (!timeoutValue) {
-        return UsageError("bad timeout '" + timeout + "' (milliseconds, 1-600000)");
     }
 
     CSCLogging::InitLogging("BSIM", "kelvane backend simulator");
@@ -218,9 +206,9 @@ int Push(const std::vector<std::string>& arguments) {
     settings.port = config.mqttPort;
     settings.clientId = config.mqttClientId;
     settings.topic = config.mqttTopic;
-    settings.qos = static_cast<int>(*qosValue);
+    settings.qos = qos;
     settings.retain = retain;
-    settings.timeout = std::chrono::milliseconds(*timeoutValue);
+    settings.timeout = std::chrono::milliseconds(timeout);
     if (!MqttPublisher::Publish(settings, message, error)) {
         return Failure("Push failed: " + error);
     }

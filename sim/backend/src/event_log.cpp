@@ -47,15 +47,12 @@ bool EventLog::Open(const std::string& path, std::string& error) {
     return true;
 }
 
-sim_common::JsonLine EventLog::Begin() {
-    sim_common::JsonLine event;
-    event.String("time", UtcTimestamp())
-        .Number("seq", static_cast<std::int64_t>(sequence_.fetch_add(1) + 1));
-    return event;
+sim_common::Json EventLog::Begin() {
+    return {{"time", UtcTimestamp()}, {"seq", sequence_.fetch_add(1) + 1}};
 }
 
-void EventLog::Write(const sim_common::JsonLine& event) {
-    const std::string line = event.Str() + "\n";
+void EventLog::Write(const sim_common::Json& event) {
+    const std::string line = sim_common::JsonText(event) + "\n";
     const std::lock_guard<std::mutex> lock(mutex_);
     if (fd_ < 0) {
         return;

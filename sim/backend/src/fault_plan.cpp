@@ -1,6 +1,6 @@
 #include "backend_sim/fault_plan.hpp"
 
-#include "sim_common/command_line.hpp"
+#include "sim_common/parse_integer.hpp"
 
 namespace backend_sim {
 namespace {

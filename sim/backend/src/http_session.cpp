@@ -112,7 +112,9 @@ void HttpSession::RefuseUnreadable(beast::error_code ec) {
     const int status = ec == http::error::body_limit ? 413 : 400;
     csc_logging::CSCLogging::Warning("Unreadable request: " + ec.message());
     auto event = parts_.events.Begin();
-    event.String("exchange", "unreadable").String("result", ec.message()).Number("status", status);
+    event["exchange"] = "unreadable";
+    event["result"] = ec.message();
+    event["status"] = status;
     parts_.events.Write(event);
     SendRaw("HTTP/1.1 " + std::to_string(status) + " " + ReasonOf(status) +
                 "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
@@ -123,10 +125,7 @@ void HttpSession::Dispatch() {
     const std::string path = request_.Path();
     if (AdminApi::Handles(path)) {
         exchangeName_ = "admin";
-        event_ = parts_.events.Begin();
-        event_->String("exchange", "admin")
-            .String("method", request_.method)
-            .String("path", request_.target);
+        BeginEvent();
         const auto response = parts_.admin.Handle(request_);
         Record(response.status, "answered");
         Answer(response, false);
@@ -135,10 +134,7 @@ void HttpSession::Dispatch() {
     const auto exchange = parts_.service.ExchangeOf(path);
     if (!exchange) {
         exchangeName_ = "unknown";
-        event_ = parts_.events.Begin();
-        event_->String("exchange", "unknown")
-            .String("method", request_.method)
-            .String("path", request_.target);
+        BeginEvent();
         Record(404, "answered");
         Answer(HttpResponse::Text(404, "no exchange at " + path), false);
         return;
@@ -146,17 +142,21 @@ void HttpSession::Dispatch() {
     ServeExchange(*exchange, parts_.faults.Take(*exchange));
 }
 
+void HttpSession::BeginEvent() {
+    event_ = parts_.events.Begin();
+    (*event_)["exchange"] = exchangeName_;
+    (*event_)["method"] = request_.method;
+    (*event_)["path"] = request_.target;
+}
+
 void HttpSession::ServeExchange(Exchange exchange, const std::optional<Fault>& fault) {
     exchangeName_ = ExchangeName(exchange);
-    event_ = parts_.events.Begin();
-    event_->String("exchange", exchangeName_)
-        .String("method", request_.method)
-        .String("path", request_.target);
+    BeginEvent();
     if (!fault) {
         ServeNormally(exchange, false, false);
         return;
     }
-    event_->String("fault", fault->Describe());
+    (*event_)["fault"] = fault->Describe();
     switch (fault->kind) {
         case FaultKind::kClose:
             Record(0, "closed without answering");
@@ -228,9 +228,9 @@ void HttpSession::ServeNormally(Exchange exchange, bool keepOpen, bool corruptMa
 
 void HttpSession::Record(int status, const std::string& action) {
     if (status > 0) {
-        event_->Number("status", status);
+        (*event_)["status"] = status;
     }
-    event_->String("action", action);
+    (*event_)["action"] = action;
     // Written before the answer leaves, so that whoever reads the answer
     // finds the event already in the log.
     parts_.events.Write(*event_);

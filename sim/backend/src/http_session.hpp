@@ -12,7 +12,7 @@
 #include <string>
 
 #include "backend_sim/http_server.hpp"
-#include "sim_common/json_line.hpp"
+#include "sim_common/json.hpp"
 
 namespace backend_sim {
 
@@ -29,6 +29,8 @@ private:
     void ReadBody();
     void OnRequest(boost::beast::error_code ec);
     void Dispatch();
+    /// The event of this request, with what every exchange records.
+    void BeginEvent();
     void ServeExchange(Exchange exchange, const std::optional<Fault>& fault);
     void ServeNormally(Exchange exchange, bool keepOpen, bool corruptMac);
     /// Adds status and action to the event, writes it and logs one line.
@@ -48,7 +50,7 @@ private:
     HttpServer::Parts parts_;
     HttpRequest request_;
     std::string exchangeName_;
-    std::optional<sim_common::JsonLine> event_;
+    std::optional<sim_common::Json> event_;
     std::string raw_;
     boost::beast::http::response<boost::beast::http::string_body> response_;
     std::array<char, 512> drain_{};

@@ -1,50 +1,20 @@
 #include "sim_common/hex.hpp"
 
+#include <botan/exceptn.h>
+#include <botan/hex.h>
+
 namespace sim_common {
-namespace {
-
-constexpr char kDigits[] = "0123456789ABCDEF";
-
-int Nibble(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
 
 std::string ToHex(const std::vector<std::uint8_t>& bytes) {
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const std::uint8_t byte : bytes) {
-        text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 0x0F]);
-    }
-    return text;
+    return Botan::hex_encode(bytes.data(), bytes.size(), true);
 }
 
 std::optional<std::vector<std::uint8_t>> FromHex(std::string_view text) {
-    if (text.size() % 2 != 0) {
+    try {
+        return Botan::hex_decode(text.data(), text.size(), false);
+    } catch (const Botan::Invalid_Argument&) {
         return std::nullopt;
     }
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(text.size() / 2);
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        const int high = Nibble(text[i]);
-        const int low = Nibble(text[i + 1]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<std::uint8_t>((high << 4) | low));
-    }
-    return bytes;
 }
 
 std::string CounterToHex(std::uint16_t counter) {
@@ -52,10 +22,7 @@ std::string CounterToHex(std::uint16_t counter) {
 }
 
 std::optional<std::uint16_t> CounterFromHex(std::string_view text) {
-    if (text.size() != 4) {
-        return std::nullopt;
-    }
-    const auto bytes = FromHex(text);
+    const auto bytes = text.size() == 4 ? FromHex(text) : std::nullopt;
     if (!bytes) {
         return std::nullopt;
     }

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "ac/dm/genericuds/genericuds_common.hpp"
-#include "sim_common/command_line.hpp"
+#include "sim_common/parse_integer.hpp"
 #include "zelk/interfaces/diagservices/diagservices_common.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_common.hpp"
 

@@ -19,7 +19,7 @@
 #include "idl/bus_connection.hpp"
 #include "sim_common/atomic_file.hpp"
 #include "sim_common/hex.hpp"
-#include "sim_common/json_line.hpp"
+#include "sim_common/json.hpp"
 #include "type_id_access_impl.hpp"
 #include "vehicle_sim/certificate_factory.hpp"
 #include "vehicle_sim/control_server.hpp"
@@ -245,36 +245,29 @@ std::string VehicleRuntime::ServiceCommand(const std::string& action, const std:
 
 std::string VehicleRuntime::StatusJson(const VehicleState& state, const std::string& directory,
                                        const VehicleRuntime* runtime) {
-    sim_common::JsonLine json;
-    json.Bool("running", runtime != nullptr)
-        .String("stateDirectory", directory)
-        .String("vin", state.vin)
-        .Number("trainingCounter", state.trainingCounter)
-        .String("pssHash", sim_common::ToHex(sim_common::PssHash(state.keys)))
-        .String("partNumber", state.partNumber)
-        .String("certificateFormat", state.pemCertificates ? "pem" : "der")
-        .String("identityFile", directory + "/" + VehicleState::kIdentityFileName);
+    sim_common::Json json = {{"running", runtime != nullptr},
+                             {"stateDirectory", directory},
+                             {"vin", state.vin},
+                             {"trainingCounter", state.trainingCounter},
+                             {"pssHash", sim_common::ToHex(sim_common::PssHash(state.keys))},
+                             {"partNumber", state.partNumber},
+                             {"certificateFormat", state.pemCertificates ? "pem" : "der"},
+                             {"identityFile", directory + "/" + VehicleState::kIdentityFileName}};
     try {
-        json.String("baseCertificateNotAfter",
-                    IsoTime(CertificateFactory::NotAfter(state.baseCertificate)));
+        json["baseCertificateNotAfter"] =
+            IsoTime(CertificateFactory::NotAfter(state.baseCertificate));
     } catch (const std::exception& exception) {
-        json.String("baseCertificateNotAfter", std::string("unreadable: ") + exception.what());
+        json["baseCertificateNotAfter"] = std::string("unreadable: ") + exception.what();
     }
     if (runtime != nullptr && runtime->services_) {
-        sim_common::JsonLine services;
+        json["clamp15"] = runtime->services_->Clamp().ClampState();
         for (const char* name : kServiceNames) {
-            services.Bool(name, runtime->services_->IsOffered(name));
+            json["services"][name] = runtime->services_->IsOffered(name);
         }
-        std::string failPoints = "[";
-        for (const auto& pending : runtime->failPoints_.Pending()) {
-            failPoints += (failPoints.size() > 1 ? "," : "") + sim_common::JsonLine::Quote(pending);
-        }
-        json.Bool("clamp15", runtime->services_->Clamp().ClampState())
-            .Raw("services", services.Str())
-            .Raw("failPoints", failPoints + "]")
-            .String("bus", idl::BusAddress());
+        json["failPoints"] = runtime->failPoints_.Pending();
+        json["bus"] = idl::BusAddress();
     }
-    return json.Str();
+    return sim_common::JsonText(json);
 }
 
 }  // namespace vehicle_sim

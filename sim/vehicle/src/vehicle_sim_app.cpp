@@ -26,7 +26,6 @@ namespace vehicle_sim {
 namespace {
 
 using csc_logging::CSCLogging;
-using sim_common::CommandLine;
 using sim_common::kExitFailure;
 using sim_common::kExitOk;
 using sim_common::kExitUsage;
@@ -82,62 +81,63 @@ bool IsPrintable(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
 }
 
-/// Parses the common part of a command; returns an exit code when the command is done.
-std::optional<int> ParseCommandLine(CommandLine& commandLine,
-                                    const std::vector<std::string>& arguments) {
-    if (!commandLine.Parse(arguments)) {
-        return UsageError(commandLine.Error());
+/// Parses a command's arguments; returns an exit code when the command is done.
+std::optional<int> ParseCommandLine(CLI::App& command, const std::vector<std::string>& arguments) {
+    std::string error;
+    const auto done = sim_common::ParseCommand(command, arguments, error);
+    if (done && !error.empty()) {
+        return UsageError(error);
     }
-    if (commandLine.HelpRequested()) {
-        std::cout << commandLine.Help();
-        return kExitOk;
-    }
-    return std::nullopt;
+    return done;
 }
 
 int Init(const std::vector<std::string>& arguments) {
     std::string directory = DefaultStateDirectory();
     std::string vin = sim_common::kDefaultVin;
     std::string secret = sim_common::kDefaultSecret;
-    std::string counterText = "0";
-    std::string daysText = "200";
+    int counter = 0;
+    int days = 200;
     std::string partNumber = "8W0907468A";
     std::string tesmoId;
     std::string certificateFormat = "der";
     bool force = false;
-    CommandLine commandLine(std::string(kProgram) + " init [OPTIONS]",
-                            "Creates a state directory: the key store (VIN, training counter,\n"
-                            "generation keys derived from the shared secret, a root and a Base\n"
-                            "certificate) and the identity file (the TESMO id string).");
-    commandLine.Option("--state", "DIR", "state directory to create", &directory)
-        .Option("--vin", "VIN", "17 digits or capitals (default WKV0SIM0000000001)", &vin)
-        .Option("--secret", "TEXT", "shared secret, as the backend simulator's", &secret)
-        .Option("--training-counter", "N", "initial training counter 0-65535 (default 0)",
-                &counterText)
-        .Option("--base-cert-days", "DAYS",
-                "remaining life of the Base certificate, negative = expired (default 200)",
-                &daysText)
-        .Option("--part-number", "TEXT", "spare-part number (default 8W0907468A)", &partNumber)
-        .Option("--tesmo-id", "TEXT", "TESMO identification string (default TESMO-<VIN>)", &tesmoId)
-        .Option("--cert-format", "der|pem", "how certificates are handed out (default der)",
-                &certificateFormat)
-        .Flag("--force", "replace an existing state", &force);
-    if (const auto done = ParseCommandLine(commandLine, arguments)) {
+    CLI::App command(
+        "Creates a state directory: the key store (VIN, training counter,\n"
+        "generation keys derived from the shared secret, a root and a Base\n"
+        "certificate) and the identity file (the TESMO id string).",
+        std::string(kProgram) + " init");
+    command.add_option("--state", directory, "state directory to create")->option_text("DIR");
+    command.add_option("--vin", vin, "17 digits or capitals (default WKV0SIM0000000001)")
+        ->option_text("VIN");
+    command.add_option("--secret", secret, "shared secret, as the backend simulator's")
+        ->option_text("TEXT");
+    command
+        .add_option("--training-counter", counter, "initial training counter 0-65535 (default 0)")
+        ->option_text("N")
+        ->check(CLI::Range(0, 0xFFFF));
+    command
+        .add_option("--base-cert-days", days,
+                    "remaining life of the Base certificate, negative = expired (default 200)")
+        ->option_text("DAYS")
+        ->check(CLI::Range(-3650, 7300));
+    command.add_option("--part-number", partNumber, "spare-part number (default 8W0907468A)")
+        ->option_text("TEXT");
+    command.add_option("--tesmo-id", tesmoId, "TESMO identification string (default TESMO-<VIN>)")
+        ->option_text("TEXT");
+    command
+        .add_option("--cert-format", certificateFormat,
+                    "how certificates are handed out (default der)")
+        ->option_text("der|pem")
+        ->check(CLI::IsMember({"der", "pem"}));
+    command.add_flag("--force", force, "replace an existing state");
+    if (const auto done = ParseCommandLine(command, arguments)) {
         return *done;
     }
-    const auto counter = sim_common::ParseInteger(counterText, 0, 0xFFFF);
-    const auto days = sim_common::ParseInteger(daysText, -3650, 7300);
     if (!sim_common::IsValidVin(vin)) {
         return UsageError("bad VIN '" + vin + "' (17 digits or capitals)");
     }
     if (secret.empty()) {
         return UsageError("the secret must not be empty");
-    }
-    if (!counter) {
-        return UsageError("bad training counter '" + counterText + "' (0-65535)");
-    }
-    if (!days) {
-        return UsageError("bad Base certificate life '" + daysText + "' (days, -3650 to 7300)");
     }
     if (partNumber.empty() || !IsPrintable(partNumber)) {
         return UsageError("bad part number (printable ASCII, not empty)");
@@ -147,9 +147,6 @@ int Init(const std::vector<std::string>& arguments) {
     }
     if (!IsPrintable(tesmoId)) {
         return UsageError("bad TESMO id (printable ASCII)");
-    }
-    if (certificateFormat != "der" && certificateFormat != "pem") {
-        return UsageError("bad certificate format '" + certificateFormat + "' (der or pem)");
     }
 
     const std::string keystore = directory + "/" + VehicleState::kFileName;
@@ -163,13 +160,13 @@ int Init(const std::vector<std::string>& arguments) {
     const auto now = std::chrono::system_clock::now();
     VehicleState state;
     state.vin = vin;
-    state.trainingCounter = static_cast<std::uint16_t>(*counter);
+    state.trainingCounter = static_cast<std::uint16_t>(counter);
     state.keys = sim_common::DeriveVehicleKeys(secret, vin, state.trainingCounter);
     state.partNumber = partNumber;
     state.pemCertificates = certificateFormat == "pem";
     const auto root = CertificateFactory::MakeRoot(vin, now);
     const auto base =
-        CertificateFactory::MakeBase(root, vin, now, now + std::chrono::hours(24) * *days);
+        CertificateFactory::MakeBase(root, vin, now, now + std::chrono::hours(24) * days);
     state.rootKey = root.privateKey;
     state.rootCertificate = root.certificate;
     state.baseKey = base.privateKey;
@@ -193,9 +190,8 @@ int Run(const std::vector<std::string>& arguments) {
     VehicleRuntime::Options options;
     options.directory = DefaultStateDirectory();
     std::string clamp = "off";
-    std::string lifetime = "600";
-    CommandLine commandLine(
-        std::string(kProgram) + " run [OPTIONS]",
+    int lifetime = 600;
+    CLI::App command(
         "Offers DiagServices, TypeIdAccess, GenericUDSService and ClampControl\n"
         "on the bus until SIGINT or SIGTERM, and a control socket in the state\n"
         "directory for the clamp, status, service and fail commands.\n"
@@ -203,24 +199,26 @@ int Run(const std::vector<std::string>& arguments) {
         "GetIdentityHash, GetPssHash, GetTrainingCounter, GetZelkVIN,\n"
         "GetCertificate, HandleMessage (ERROR: an application error of its\n"
         "interface) or persist (the next key-store write fails); COUNT how\n"
-        "many calls it hits (default 1) or *.");
-    commandLine.Option("--state", "DIR", "state directory made by init", &options.directory)
-        .Option("--clamp", "on|off", "Clamp 15 at start (default off)", &clamp)
-        .Option("--challenge-lifetime", "SECONDS",
-                "how long a hashed challenge stays good for a container (default 600)", &lifetime)
-        .Repeated("--fail", "POINT", "arm a fail point, e.g. HandleDlc=ZELK_ERROR_BUSY:2",
-                  &options.failPoints);
-    if (const auto done = ParseCommandLine(commandLine, arguments)) {
+        "many calls it hits (default 1) or *.",
+        std::string(kProgram) + " run");
+    command.add_option("--state", options.directory, "state directory made by init")
+        ->option_text("DIR");
+    command.add_option("--clamp", clamp, "Clamp 15 at start (default off)")
+        ->option_text("on|off")
+        ->check(CLI::IsMember({"on", "off"}));
+    command
+        .add_option("--challenge-lifetime", lifetime,
+                    "how long a hashed challenge stays good for a container (default 600)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(1, 86400));
+    command
+        .add_option("--fail", options.failPoints,
+                    "arm a fail point, e.g. HandleDlc=ZELK_ERROR_BUSY:2")
+        ->option_text("POINT");
+    if (const auto done = ParseCommandLine(command, arguments)) {
         return *done;
     }
-    const auto seconds = sim_common::ParseInteger(lifetime, 1, 86400);
-    if (!seconds) {
-        return UsageError("bad challenge lifetime '" + lifetime + "' (seconds, 1-86400)");
-    }
-    if (clamp != "on" && clamp != "off") {
-        return UsageError("bad clamp state '" + clamp + "' (on or off)");
-    }
-    options.challengeLifetime = std::chrono::seconds(*seconds);
+    options.challengeLifetime = std::chrono::seconds(lifetime);
     options.clamp15On = clamp == "on";
     FailPoints check;
     for (const auto& definition : options.failPoints) {
@@ -263,7 +261,7 @@ int Remote(const std::string& name, const std::vector<std::string>& arguments) {
     std::string directory = DefaultStateDirectory();
     std::string synopsis;
     std::string description;
-    std::size_t positionals = 0;
+    int positionals = 0;
     if (name == "clamp") {
         synopsis = "clamp on|off";
         description = "Switches Clamp 15 of the running simulator.";
@@ -286,13 +284,18 @@ int Remote(const std::string& name, const std::vector<std::string>& arguments) {
             "Prints the state as one JSON object; with the services, the clamp and the\n"
             "fail points when the simulator runs.";
     }
-    CommandLine commandLine(std::string(kProgram) + " " + synopsis + " [OPTIONS]", description);
-    commandLine.Option("--state", "DIR", "state directory of the simulator", &directory)
-        .Positionals(synopsis.substr(synopsis.find(' ') + 1), positionals);
-    if (const auto done = ParseCommandLine(commandLine, arguments)) {
+    std::vector<std::string> values;
+    CLI::App parser(description, std::string(kProgram) + " " + name);
+    parser.add_option("--state", directory, "state directory of the simulator")->option_text("DIR");
+    if (positionals > 0) {
+        parser.add_option("arguments", values, "")
+            ->option_text(synopsis.substr(synopsis.find(' ') + 1))
+            ->expected(positionals)
+            ->required();
+    }
+    if (const auto done = ParseCommandLine(parser, arguments)) {
         return *done;
     }
-    const auto& values = commandLine.PositionalValues();
     if (name == "clamp" && values[0] != "on" && values[0] != "off") {
         return UsageError("clamp takes on or off, not '" + values[0] + "'");
     }

@@ -8,8 +8,8 @@
 #include <sstream>
 
 #include "sim_common/atomic_file.hpp"
-#include "sim_common/command_line.hpp"
 #include "sim_common/hex.hpp"
+#include "sim_common/parse_integer.hpp"
 
 namespace vehicle_sim {
 namespace {

@@ -74,9 +74,9 @@ private:
         request.headers["authorization"] = std::string("Bearer ") + sim_common::kDefaultToken;
         request.headers["content-type"] = contentType;
         request.body = body;
-        sim_common::JsonLine event;
+        sim_common::Json event;
         auto response = backend_.Serve(exchange, request, false, event);
-        lastEvent_ = event.Str();
+        lastEvent_ = event.dump();
         return response;
     }
 

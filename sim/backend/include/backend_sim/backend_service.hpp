@@ -10,7 +10,7 @@
 #include "backend_sim/challenge_registry.hpp"
 #include "backend_sim/fault_plan.hpp"
 #include "backend_sim/http_message.hpp"
-#include "sim_common/json_line.hpp"
+#include "sim_common/json.hpp"
 
 namespace backend_sim {
 
@@ -43,18 +43,18 @@ public:
     /// a container whose MAC does not verify. Adds "request", "result" and,
     /// when there is one, "response" to `event`.
     HttpResponse Serve(Exchange exchange, const HttpRequest& request, bool corruptMac,
-                       sim_common::JsonLine& event);
+                       sim_common::Json& event);
 
     const ChallengeRegistry& Challenges() const { return challenges_; }
 
 private:
-    HttpResponse ServeChallenge(sim_common::JsonLine& event);
+    HttpResponse ServeChallenge(sim_common::Json& event);
     HttpResponse ServeDownload(const HttpRequest& request, bool corruptMac,
-                               sim_common::JsonLine& event);
-    HttpResponse ServeFeedback(const HttpRequest& request, sim_common::JsonLine& event);
+                               sim_common::Json& event);
+    HttpResponse ServeFeedback(const HttpRequest& request, sim_common::Json& event);
     /// The problem with the request's method, token or content type, if any.
     std::optional<HttpResponse> CheckEnvelope(Exchange exchange, const HttpRequest& request,
-                                              sim_common::JsonLine& event) const;
+                                              sim_common::Json& event) const;
     /// Whether `identityHashHex` is what vehicle `vin` at training counter `counter` computes for
     /// the challenge.
     bool IdentityHashMatches(const std::string& vin, std::uint16_t counter,

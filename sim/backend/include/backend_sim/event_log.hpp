@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "sim_common/json_line.hpp"
+#include "sim_common/json.hpp"
 
 namespace backend_sim {
 
@@ -24,9 +24,9 @@ public:
     bool Open(const std::string& path, std::string& error);
 
     /// A new event, already holding "time" (UTC, milliseconds) and "seq".
-    sim_common::JsonLine Begin();
+    sim_common::Json Begin();
     /// Writes the event as one line with one write call.
-    void Write(const sim_common::JsonLine& event);
+    void Write(const sim_common::Json& event);
 
     std::uint64_t Count() const { return sequence_.load(); }
 
