@@ -1,5 +1,6 @@
 #include "vi_connector/vi_connector.hpp"
 
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -9,6 +10,7 @@
 #include "mosquitto_pub_sub.hpp"
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
+#include "tls_connector.hpp"
 
 namespace vi_connector {
 namespace {
@@ -31,6 +33,19 @@ std::string ReadToken(const std::string& path) {
         token.pop_back();
     }
     return token;
+}
+
+bool IsHttps(const std::string& url) {
+    static const std::string kScheme = "https://";
+    if (url.size() < kScheme.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < kScheme.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(url[i])) != kScheme[i]) {
+            return false;
+        }
+    }
+    return true;
 }
 
 MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
@@ -69,9 +84,23 @@ void VIConnector::Start() {
         std::string error;
         auto loaded = ConnectorConfig::Load(configPath_, error);
         SessionStatus status = SessionStatus::kRejected;
+        std::shared_ptr<TlsConnector> tls;
+        if (loaded) {
+            for (const auto& transaction : loaded->transactions) {
+                if (IsHttps(transaction.second.url) && !tls) {
+                    tls = TlsConnector::Create(loaded->backendTls, error);
+                    if (!tls) {
+                        loaded.reset();
+                        error = configPath_ + ": " + error;
+                        break;
+                    }
+                }
+            }
+        }
         if (loaded) {
             std::lock_guard<std::mutex> lock(mutex_);
             config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
+            tls_ = std::move(tls);
             status = SessionStatus::kOk;
         } else {
             CSCLogging::Error("VIConnector: configuration rejected: " + error);
@@ -176,8 +205,26 @@ void VIConnector::ForceConnectionState(std::optional<std::uint8_t> state) {
     }
 }
 
-SocketResult VIConnector::SocketConnect(const std::string& /*transactionTypeId*/,
+SocketResult VIConnector::SocketConnect(const std::string& transactionTypeId,
                                         const std::string& host, std::uint16_t port) {
+    std::shared_ptr<const ConnectorConfig> config;
+    std::shared_ptr<TlsConnector> tls;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        config = config_;
+        tls = tls_;
+    }
+    if (config) {
+        const auto found = config->transactions.find(transactionTypeId);
+        if (found != config->transactions.end() && IsHttps(found->second.url)) {
+            // Never in plain text: without TLS there is no connection at all.
+            if (!tls) {
+                CSCLogging::Error("VIConnector: no TLS for " + transactionTypeId);
+                return {TlsConnector::kTlsFailed, -1};
+            }
+            return tls->Connect(host, port, kSocketConnectTimeoutMs);
+        }
+    }
     return TcpConnect(host, port, kSocketConnectTimeoutMs);
 }
 
