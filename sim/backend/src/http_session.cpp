@@ -85,8 +85,11 @@ void HttpSession::Start() {
 }
 
 void HttpSession::OnHandshake(beast::error_code ec) {
+    if (ec == net::ssl::error::stream_truncated || ec == net::error::eof) {
+        CloseSocket();  // a reachability probe: connected and left
+        return;
+    }
     if (ec) {
-        // The client's view of the refusal is what a test looks at; this is the server's.
         csc_logging::CSCLogging::Warning("TLS handshake failed: " + ec.message());
         auto event = parts_.events.Begin();
         event.String("exchange", "tls").String("result", ec.message());
