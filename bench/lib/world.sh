@@ -8,7 +8,7 @@
 # whose messages differ (a demo step, a benchmark's error line). Variables they
 # set: client_bin vehicle_bin backend_bin (world_binaries), work logs
 # (world_workdir), KELVANE_DBUS_ADDRESS (exported), mqtt_port, vehicle_pid,
-# backend_port, client_pid. Everything started is stopped on exit.
+# backend_port, backend_pid, client_pid. Everything started is stopped on exit.
 #
 # With world_tls=1 (after world_make_tls) the backend serves HTTPS and demands
 # a client certificate, and the client's configuration says https:// and
@@ -169,8 +169,9 @@ world_start_backend() {
         tls=(--tls-cert "$work/tls/server.pem" --tls-key "$work/tls/server.key" --tls-client-ca "$work/tls/ca.pem")
     "$backend_bin" run --port 0 --port-file "$work/backend.port" --token "$world_token" \
         --secret "$world_secret" --event-log "$logs/backend-events.jsonl" --mqtt-port "$mqtt_port" \
-        "${tls[@]}" >"$logs/backend.log" 2>&1 &
-    world_track $!
+        "${tls[@]}" >>"$logs/backend.log" 2>&1 &
+    backend_pid=$!
+    world_track "$backend_pid"
     for _ in $(seq 100); do [[ -s "$work/backend.port" ]] && break; sleep 0.05; done
     [[ -s "$work/backend.port" ]] || return 1
     backend_port=$(cat "$work/backend.port")

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -217,6 +219,10 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
         return tcp;
     }
     int netFd = tcp.fd;
+    // Handshake messages and records are small and each waits for the peer's
+    // answer: Nagle's algorithm would hold them for the delayed ACK.
+    const int noDelay = 1;
+    ::setsockopt(netFd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     const int flags = ::fcntl(netFd, F_GETFL);
     if (flags < 0 || ::fcntl(netFd, F_SETFL, flags | O_NONBLOCK) != 0) {
         ::close(netFd);
@@ -307,6 +313,9 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
         }
     }
 
+    csc_logging::CSCLogging::Debug("VIConnector: TLS to " + peer + ": " +
+                                   SSL_get_version(ssl.get()) +
+                                   (SSL_session_reused(ssl.get()) == 1 ? ", session resumed" : ""));
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
         return refuse(std::string("no socketpair: ") + std::strerror(errno));

@@ -40,9 +40,9 @@ struct TlsPump::Channel {
 
     ~Channel() {
         if (ssl != nullptr) {
-            if (!netEof) {
-                SSL_shutdown(ssl);  // close_notify, best effort: the socket is non-blocking
-            }
+            // close_notify (best effort, the socket is non-blocking); a session
+            // not shut down is not resumed later.
+            SSL_shutdown(ssl);
             SSL_free(ssl);
         }
         if (netFd >= 0) {

@@ -51,6 +51,11 @@ public:
             tls_->set_verify_mode(net::ssl::verify_peer | net::ssl::verify_fail_if_no_peer_cert,
                                   ec);
         }
+        // Sessions may be resumed; OpenSSL refuses that for verified clients
+        // without a context naming the server.
+        static constexpr unsigned char kSessionContext[] = "kelvane-backend-sim";
+        SSL_CTX_set_session_id_context(tls_->native_handle(), kSessionContext,
+                                       sizeof(kSessionContext) - 1);
         parts_.tls = &*tls_;
         return true;
     }

@@ -79,6 +79,9 @@ void HttpSession::Start() {
                       beast::bind_front_handler(&HttpSession::ReadHeader, shared_from_this()));
         return;
     }
+    // TLS writes small records that wait for answers; Nagle would hold them.
+    beast::error_code ignored;
+    Tcp().socket().set_option(net::ip::tcp::no_delay(true), ignored);
     Tcp().expires_after(kRequestTimeLimit);
     tls_->async_handshake(net::ssl::stream_base::server,
                           beast::bind_front_handler(&HttpSession::OnHandshake, shared_from_this()));
