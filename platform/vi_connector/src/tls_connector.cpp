@@ -182,9 +182,11 @@ std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& set
     return connector;
 }
 
-TlsConnector::TlsConnector(SSL_CTX* context) : context_(context) {}
+TlsConnector::TlsConnector(SSL_CTX* context)
+    : context_(context), pump_(std::make_unique<TlsPump>()) {}
 
 TlsConnector::~TlsConnector() {
+    pump_.reset();  // its connections may still store sessions
     for (auto& entry : sessions_) {
         SSL_SESSION_free(entry.second);
     }
@@ -214,6 +216,7 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
         return SocketResult{kTlsFailed, -1};
     };
 
+    const SigpipeBlock noSigpipe;
     const SocketResult tcp = TcpConnect(host, port, timeoutMs);
     if (tcp.status != 0) {
         return tcp;
@@ -322,7 +325,7 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
     }
     const int pumpFlags = ::fcntl(pair[1], F_GETFL);
     if (pumpFlags < 0 || ::fcntl(pair[1], F_SETFL, pumpFlags | O_NONBLOCK) != 0 ||
-        !pump_.Add(ssl.get(), netFd, pair[1], peer)) {
+        !pump_->Add(ssl.get(), netFd, pair[1], peer)) {
         ::close(pair[0]);
         ::close(pair[1]);
         return refuse("the TLS pump does not run");

@@ -39,14 +39,14 @@ public:
     SocketResult Connect(const std::string& host, std::uint16_t port, int timeoutMs);
 
     /// Connections being carried (for tests).
-    std::size_t OpenConnections() const { return pump_.Count(); }
+    std::size_t OpenConnections() const { return pump_->Count(); }
 
 private:
     explicit TlsConnector(SSL_CTX* context);
     static int OnNewSession(SSL* ssl, SSL_SESSION* session);
 
     SSL_CTX* context_;
-    TlsPump pump_;
+    std::unique_ptr<TlsPump> pump_;
     std::mutex sessionsMutex_;
     std::map<std::string, SSL_SESSION*> sessions_;  // host:port -> resumable session
 };

@@ -4,6 +4,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -24,6 +26,39 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kIdleLimit = std::chrono::seconds(120);
 
 }  // namespace
+
+SigpipeBlock::SigpipeBlock() {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+    sigset_t old;
+    pthread_sigmask(SIG_BLOCK, &pipe, &old);
+    wasBlocked_ = sigismember(&old, SIGPIPE) == 1;
+}
+
+SigpipeBlock::~SigpipeBlock() {
+    if (!wasPending_) {
+        Discard();
+    }
+    if (!wasBlocked_) {
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+    }
+}
+
+void SigpipeBlock::Discard() {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    const timespec now{0, 0};
+    while (sigtimedwait(&pipe, nullptr, &now) == SIGPIPE) {
+    }
+}
 
 struct TlsPump::Channel {
     SSL* ssl = nullptr;
@@ -82,6 +117,7 @@ struct TlsPump::Channel {
                 continue;
             }
             if (!Wait(SSL_get_error(ssl, sent), "sending")) {
+                SigpipeBlock::Discard();
                 netEof = true;
             }
             break;
@@ -195,7 +231,10 @@ TlsPump::~TlsPump() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    added_.clear();
+    {
+        const SigpipeBlock noSigpipe;  // their close_notify
+        added_.clear();
+    }
     if (wakeRead_ >= 0) {
         ::close(wakeRead_);
         ::close(wakeWrite_);
@@ -233,6 +272,7 @@ void TlsPump::Wake() {
 }
 
 void TlsPump::Run() {
+    const SigpipeBlock noSigpipe;
     std::list<Channel> channels;
     std::vector<pollfd> fds;
     for (;;) {
