@@ -32,11 +32,12 @@ public:
         status_ = status;
         changed_.notify_all();
     }
-    bool WaitForOk() {
+    std::optional<vi_connector::SessionStatus> Wait() {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait_for(lock, 5s, [&] { return status_.has_value(); });
-        return status_ == vi_connector::SessionStatus::kOk;
+        return status_;
     }
+    bool WaitForOk() { return Wait() == vi_connector::SessionStatus::kOk; }
 
 private:
     std::mutex mutex_;
@@ -196,6 +197,38 @@ TEST_F(BackendTls, PeerThatResetsMidHandshakeIsRefusedAndTheConnectorStillWorks)
     EXPECT_EQ(refused.fd, -1);
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "failed: handshake refused"))
         << log.Dump();
+}
+
+TEST_F(BackendTls, BrokenTlsSettingsRejectTheConfigurationWithOneLineNamingTheProblem) {
+    const auto keyLink = dir_.File("key-link");
+    ASSERT_EQ(::symlink(Pki("client.key").c_str(), keyLink.c_str()), 0);
+    const std::string client = "cert_file = " + Pki("client.pem") + "\n";
+    const struct {
+        std::string settings;
+        std::string problem;
+    } cases[] = {
+        {"colour = blue\n", "unknown key 'colour' in [backend_tls]"},
+        {"min_version = 1.1\n", "min_version='1.1' is neither 1.2 nor 1.3"},
+        {client, "needs both cert_file and key_file"},
+        {"ca_file = " + dir_.File("missing.pem") + "\n", "cannot load the trust anchors"},
+        {client + "key_file = " + keyLink + "\n", "key_file: cannot open"},
+        {client + "key_file = " + Pki("server.key") + "\n", "does not match the certificate"},
+    };
+    for (const auto& broken : cases) {
+        SCOPED_TRACE(broken.settings);
+        csc_logging::LogCapture log;
+        SessionStatusLatch latch;
+        const auto config = dir_.Write("broken.ini", "[backend_tls]\n" + broken.settings +
+                                                         "[transaction " + kChallenge +
+                                                         "]\nurl = https://127.0.0.1:1/c\n"
+                                                         "token = t\n");
+        vi_connector::VIConnector sut(&latch, nullptr, config);
+
+        sut.Start();
+
+        EXPECT_EQ(latch.Wait(), vi_connector::SessionStatus::kRejected);
+        EXPECT_EQ(log.Count(csc_logging::LogLevel::kError, broken.problem), 1U) << log.Dump();
+    }
 }
 
 TEST_F(BackendTls, RealClientUpdatesOverMutualTls) {

@@ -258,6 +258,12 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
     }
     const auto refuse = [&](const std::string& reason) {
         ::close(netFd);
+        std::lock_guard<std::mutex> lock(sessionsMutex_);
+        const auto found = sessions_.find(peer);
+        if (found != sessions_.end()) {  // the next attempt starts afresh
+            SSL_SESSION_free(found->second);
+            sessions_.erase(found);
+        }
         return fail(reason);
     };
 

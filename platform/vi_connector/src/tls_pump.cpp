@@ -208,6 +208,14 @@ struct TlsPump::Channel {
         if (netWantsWrite) {
             net.events |= POLLOUT;
         }
+        // A hang-up is reported whatever was asked for: while a direction is
+        // stalled its descriptor stays out of poll() rather than spin on it.
+        if (local.events == 0) {
+            local.fd = -1;
+        }
+        if (net.events == 0) {
+            net.fd = -1;
+        }
     }
 };
 
