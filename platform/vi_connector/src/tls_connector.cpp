@@ -19,6 +19,7 @@
 
 #include "csc_logging/csc_logging.hpp"
 #include "secret_file.hpp"
+#include "sigpipe_block.hpp"
 #include "tcp_connect.hpp"
 
 namespace vi_connector {

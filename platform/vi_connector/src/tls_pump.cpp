@@ -4,8 +4,6 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +13,7 @@
 #include <vector>
 
 #include "csc_logging/csc_logging.hpp"
+#include "sigpipe_block.hpp"
 
 namespace vi_connector {
 namespace {
@@ -26,39 +25,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kIdleLimit = std::chrono::seconds(120);
 
 }  // namespace
-
-SigpipeBlock::SigpipeBlock() {
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    sigset_t pending;
-    sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-    sigset_t old;
-    pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    wasBlocked_ = sigismember(&old, SIGPIPE) == 1;
-}
-
-SigpipeBlock::~SigpipeBlock() {
-    if (!wasPending_) {
-        Discard();
-    }
-    if (!wasBlocked_) {
-        sigset_t pipe;
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    }
-}
-
-void SigpipeBlock::Discard() {
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    const timespec now{0, 0};
-    while (sigtimedwait(&pipe, nullptr, &now) == SIGPIPE) {
-    }
-}
 
 struct TlsPump::Channel {
     SSL* ssl = nullptr;

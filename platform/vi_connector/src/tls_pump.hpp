@@ -11,24 +11,6 @@ using SSL = struct ssl_st;
 
 namespace vi_connector {
 
-/// Blocks SIGPIPE in the calling thread while it lives: OpenSSL writes to the
-/// socket with write(), and a peer that reset the connection must fail that
-/// write, not end the process. A SIGPIPE raised meanwhile is discarded.
-class SigpipeBlock {
-public:
-    SigpipeBlock();
-    ~SigpipeBlock();
-    SigpipeBlock(const SigpipeBlock&) = delete;
-    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
-
-    /// Takes a SIGPIPE raised in this thread so far.
-    static void Discard();
-
-private:
-    bool wasPending_ = false;
-    bool wasBlocked_ = false;
-};
-
 /// Carries established TLS connections between their TCP socket and the local
 /// end of a socketpair whose other end the client holds: one poll() thread for
 /// all of them, at most kBufferBytes waiting in each direction.
