@@ -11,6 +11,7 @@ if(KELVANE_PLATFORM STREQUAL "host")
     find_package(sdbus-c++-tools REQUIRED)
     pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
     add_library(kelvane_ext::mosquitto ALIAS PkgConfig::MOSQUITTO)
+    find_package(OpenSSL 3 REQUIRED)
     pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
     add_library(kelvane_ext::systemd ALIAS PkgConfig::SYSTEMD)
     # DLT is compiled in when found; without it the console sink still works.

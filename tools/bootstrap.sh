@@ -10,7 +10,7 @@ packages=(
     protobuf-compiler libprotobuf-dev
     libbotan-2-dev
     libsdbus-c++-dev libsdbus-c++-bin dbus
-    libmosquitto-dev mosquitto mosquitto-clients openssl
+    libmosquitto-dev mosquitto mosquitto-clients openssl libssl-dev
     libdlt-dev dlt-daemon dlt-tools
     libsystemd-dev systemd
     libboost-dev

@@ -51,7 +51,7 @@ die() { say "$*"; exit 1; }
 sysroot_packages=(
     libc6-dev libstdc++-12-dev
     libprotobuf-dev libbotan-2-dev
-    libsdbus-c++-dev libmosquitto-dev libdlt-dev libsystemd-dev
+    libsdbus-c++-dev libmosquitto-dev libdlt-dev libsystemd-dev libssl-dev
     libboost-dev
     libgtest-dev libgmock-dev
 )

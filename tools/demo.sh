@@ -6,13 +6,22 @@
 #
 #   tools/demo.sh               bootstrap, build, run the demo
 #   tools/demo.sh --no-build    use the existing build/ as it is
+#   tools/demo.sh --tls         the same over HTTPS with mutual TLS (throwaway
+#                               CA, server and client certificates made at start)
 #   KEEP_LOGS_DIR=DIR tools/demo.sh   put the logs there instead of a temporary directory
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build}
 build=1
-[[ "${1:-}" == "--no-build" ]] && build=0
-[[ "${1:-}" == "-h" || "${1:-}" == "--help" ]] && { sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0; }
+world_tls=0
+for argument in "$@"; do
+    case $argument in
+        --no-build) build=0 ;;
+        --tls) world_tls=1 ;;
+        -h | --help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        *) echo "demo: unknown option '$argument' (see --help)" >&2; exit 2 ;;
+    esac
+done
 
 if [[ -t 1 ]]; then bold=$'\e[1m'; green=$'\e[32m'; red=$'\e[31m'; dim=$'\e[2m'; off=$'\e[0m'
 else bold=""; green=""; red=""; dim=""; off=""; fi
@@ -67,9 +76,17 @@ counter_before=$(status_field trainingCounter)
 expiry_before=$(status_field baseCertificateNotAfter)
 outcome "training counter $counter_before, certificate expires $expiry_before"
 
+scheme=http
+if [[ $world_tls -eq 1 ]]; then
+    scheme=https
+    step "Throwaway CA, server and client certificates"
+    world_make_tls || fail "making certificates with openssl" "$logs/tls.log"
+    outcome "$work/tls"
+fi
+
 step "Backend simulator"
 world_start_backend || fail "starting kelvane-backend-sim" "$logs/backend.log"
-outcome "http://127.0.0.1:$backend_port"
+outcome "$scheme://127.0.0.1:$backend_port$([[ $world_tls -eq 1 ]] && echo ', client certificate required')"
 
 world_write_client_config 1000 5000
 

@@ -8,7 +8,11 @@
 # whose messages differ (a demo step, a benchmark's error line). Variables they
 # set: client_bin vehicle_bin backend_bin (world_binaries), work logs
 # (world_workdir), KELVANE_DBUS_ADDRESS (exported), mqtt_port, vehicle_pid,
-# backend_port, client_pid. Everything started is stopped on exit.
+# backend_port, backend_pid, client_pid. Everything started is stopped on exit.
+#
+# With world_tls=1 (after world_make_tls) the backend serves HTTPS and demands
+# a client certificate, and the client's configuration says https:// and
+# [backend_tls].
 
 world_secret=${world_secret:-demo-shared-secret}
 world_token=${world_token:-demo-bearer-token}
@@ -136,12 +140,38 @@ world_start_vehicle() {
 
 world_stop_vehicle() { world_stop "$vehicle_pid"; }
 
+# world_make_tls: a throwaway CA and, issued by it, a server certificate for
+# 127.0.0.1 and localhost and a client certificate, in $work/tls.
+world_make_tls() {
+    local dir=$work/tls name
+    mkdir -p "$dir" && chmod 700 "$dir" || return 1
+    (
+        cd "$dir" || exit 1
+        key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1" 2>/dev/null; }
+        key ca.key && openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj "/CN=kelvane throwaway CA" || exit 1
+        for name in server client; do
+            key "$name.key" && openssl req -new -key "$name.key" -out "$name.csr" -subj "/CN=kelvane-$name" || exit 1
+        done
+        printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n' >server.ext
+        printf 'extendedKeyUsage=clientAuth\n' >client.ext
+        for name in server client; do
+            openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 \
+                -extfile "$name.ext" -out "$name.pem" 2>/dev/null || exit 1
+        done
+        chmod 600 ./*.key
+    ) >>"$logs/tls.log" 2>&1
+}
+
 world_start_backend() {
     rm -f "$work/backend.port"
+    local tls=()
+    [[ "${world_tls:-0}" == 1 ]] &&
+        tls=(--tls-cert "$work/tls/server.pem" --tls-key "$work/tls/server.key" --tls-client-ca "$work/tls/ca.pem")
     "$backend_bin" run --port 0 --port-file "$work/backend.port" --token "$world_token" \
         --secret "$world_secret" --event-log "$logs/backend-events.jsonl" --mqtt-port "$mqtt_port" \
-        >"$logs/backend.log" 2>&1 &
-    world_track $!
+        "${tls[@]}" >>"$logs/backend.log" 2>&1 &
+    backend_pid=$!
+    world_track "$backend_pid"
     for _ in $(seq 100); do [[ -s "$work/backend.port" ]] && break; sleep 0.05; done
     [[ -s "$work/backend.port" ]] || return 1
     backend_port=$(cat "$work/backend.port")
@@ -150,8 +180,17 @@ world_start_backend() {
 # world_write_client_config PROBE_INTERVAL_MS KEEP_ALIVE_PERIOD_MS: the client's
 # connector and supervision files for the broker and backend started above.
 world_write_client_config() {
-    local backend="http://127.0.0.1:$backend_port"
+    local backend="http://127.0.0.1:$backend_port" tls=""
+    if [[ "${world_tls:-0}" == 1 ]]; then
+        backend="https://127.0.0.1:$backend_port"
+        tls="[backend_tls]
+ca_file = $work/tls/ca.pem
+cert_file = $work/tls/client.pem
+key_file = $work/tls/client.key
+"
+    fi
     cat >"$work/vi-connector.ini" <<INI
+$tls
 [mqtt]
 host = 127.0.0.1
 port = $mqtt_port

@@ -11,6 +11,8 @@
 # hands the message to an already open MQTT session; ignition by the vehicle
 # simulator's own "Clamp 15 on" log line, written right after it emitted the
 # signal. The end is the client's log line. Both logs stamp milliseconds.
+# Then the push runs again with the backend serving HTTPS and demanding the
+# client's certificate (a throwaway CA), against the plain client's median.
 # While an update or a floor run is timed, this script only waits in `read`.
 
 # Variables such as work, logs and client_pid come from bench/lib/world.sh.
@@ -46,12 +48,16 @@ KELVANE_TESMO_ID_PATH="$work/vehicle/tesmo_string.bin" KELVANE_LOG_LEVEL=warning
     <"$work/floor.in" >"$work/floor.out" 2>"$logs/floor.log" &
 world_track $!
 exec {floor_w}>"$work/floor.in" {floor_r}<"$work/floor.out"
-"$trigger_bin" "$mqtt_port" "$work/vehicle" "$client_log" <"$work/trigger.in" >"$work/trigger.out" 2>"$logs/trigger.log" &
-world_track $!
-exec {trigger_w}>"$work/trigger.in" {trigger_r}<"$work/trigger.out"
-if ! read -r -t 10 -u "$trigger_r" answer || [[ "$answer" != connected ]]; then
-    bench_die "the trigger helper did not connect" "$logs/trigger.log"
-fi
+start_trigger() {
+    "$trigger_bin" "$mqtt_port" "$work/vehicle" "$client_log" <"$work/trigger.in" >"$work/trigger.out" 2>>"$logs/trigger.log" &
+    trigger_pid=$!
+    world_track "$trigger_pid"
+    exec {trigger_w}>"$work/trigger.in" {trigger_r}<"$work/trigger.out"
+    if ! read -r -t 10 -u "$trigger_r" answer || [[ "$answer" != connected ]]; then
+        bench_die "the trigger helper did not connect" "$logs/trigger.log"
+    fi
+}
+start_trigger
 
 ask() {  # ask WRITE_FD READ_FD COMMAND TIMEOUT_S -> answer
     echo "$3" >&"$1"
@@ -164,6 +170,30 @@ for ((i = 1; i <= runs; i++)); do
     floor_run "$results/ignition-floor"
 done
 
+# The same client and vehicle against a backend that serves HTTPS and demands
+# the client's certificate: a new backend, client and trigger helper.
+switch_to_tls() {
+    exec {trigger_w}>&- {trigger_r}<&-
+    world_stop "$trigger_pid" || true
+    world_stop_client || true
+    world_stop "$backend_pid" || true
+    world_tls=1
+    world_make_tls || bench_die "making certificates failed" "$logs/tls.log"
+    world_start_backend || bench_die "the HTTPS backend simulator did not start" "$logs/backend.log"
+    world_write_client_config 5000 10000
+    client_log=$logs/client-tls.log
+    world_start_client "$client_log"
+    wait_for_line "$client_log" "Subscribed to topic TTVI-Kelvane-C003.CTzelkDlcInitiation, status=0" 1 20 ||
+        bench_die "the client over TLS did not get ready" "$client_log"
+    start_trigger
+    updates=0
+}
+switch_to_tls
+push_run "$results/warmup-tls"
+for ((i = 1; i <= runs; i++)); do
+    push_run "$results/push-tls"
+done
+
 column() { cut -d' ' -f"$1" "$2" | bench_stats; }
 print_row() {  # LABEL "median p95 min max n"
     local median p95 min max n
@@ -188,6 +218,14 @@ for trigger in push ignition; do
     bench_summary "$label: median $client_median ms, p95 $client_p95 ms, floor $floor_median ms," \
         "ratio $ratio ($(bench_verdict "$client_median" "<" 50)/$(bench_verdict "$ratio" "<=" 2))"
 done
+plain=$(column 1 "$results/push")
+tls=$(column 1 "$results/push-tls")
+print_row "MQTT push over mutual TLS: client" "$tls"
+tls_ratio=$(awk -v t="${tls%% *}" -v p="${plain%% *}" 'BEGIN { printf "%.2f", t / p }')
+printf '  %-34s %8s   goal <= 1.5: %s\n' "  ratio TLS/plain client (median)" "$tls_ratio" \
+    "$(bench_verdict "$tls_ratio" "<=" 1.5)"
+bench_summary "MQTT push over mutual TLS: median ${tls%% *} ms, plain ${plain%% *} ms," \
+    "ratio $tls_ratio ($(bench_verdict "$tls_ratio" "<=" 1.5))"
 echo
 echo "  floor steps, all floor runs (ms)"
 names=(total "challenge GET" "7 identity reads" "download POST" HandleDlc "7 reads for feedback" "feedback POST")

@@ -49,9 +49,15 @@ E2eEnvironment::E2eEnvironment(Options options, const std::string& brokerExtraCo
     if (status != 0) {
         throw std::runtime_error("kelvane-vehicle-sim init failed: " + output);
     }
-    const std::string base = "http://127.0.0.1:" + std::to_string(backendPort_);
+    const std::string& pki = options_.tlsDirectory;
+    const std::string base =
+        (pki.empty() ? "http://127.0.0.1:" : "https://127.0.0.1:") + std::to_string(backendPort_);
+    const std::string tls = pki.empty() ? ""
+                                        : "[backend_tls]\nca_file = " + pki +
+                                              "/ca.pem\ncert_file = " + pki +
+                                              "/client.pem\nkey_file = " + pki + "/client.key\n";
     directory_.Write("vi-connector.ini",
-                     "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
+                     tls + "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
                          "\nclient_id = kelvane-client-e2e\nkeep_alive = 10\n"
                          "reconnect_delay_min_ms = 100\nreconnect_delay_max_ms = 1000\n"
                          "[connection_state]\nmode = probe\nprobe_interval_ms = 200\n"
@@ -89,6 +95,10 @@ void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
                                      directory_.File("backend-events.jsonl"),
                                      "--mqtt-port",
                                      std::to_string(broker_.Port())};
+    if (const auto& pki = options_.tlsDirectory; !pki.empty()) {
+        argv.insert(argv.end(), {"--tls-cert", pki + "/server.pem", "--tls-key",
+                                 pki + "/server.key", "--tls-client-ca", pki + "/ca.pem"});
+    }
     for (const auto& fault : faults) {
         argv.push_back("--fault");
         argv.push_back(fault);

@@ -25,6 +25,8 @@ public:
         int baseCertificateDays = 200;
         bool startBackend = true;
         std::vector<std::string> backendFaults;
+        /// Set: HTTPS with client certificates, PKI of MakeTestCertificates here.
+        std::string tlsDirectory;
     };
 
     E2eEnvironment();

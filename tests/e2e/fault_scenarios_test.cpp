@@ -28,7 +28,7 @@ protected:
 
 class BackendDownAtFirst : public FaultScenarios {
 protected:
-    BackendDownAtFirst() : FaultScenarios(E2eEnvironment::Options{200, false, {}}) {}
+    BackendDownAtFirst() : FaultScenarios(E2eEnvironment::Options{200, false, {}, {}}) {}
 };
 
 TEST_F(BackendDownAtFirst, UpdateWaitsUntilTheBackendComesUpThenRuns) {

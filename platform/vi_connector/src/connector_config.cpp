@@ -80,6 +80,23 @@ bool IsCredentialName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
+void ReadBackendTls(const ini_file_reader::IniFileReader& ini, Reader& read,
+                    BackendTlsSettings& tls) {
+    read.OnlyKeys("backend_tls", {"ca_file", "cert_file", "key_file", "min_version"});
+    read.Text("backend_tls", "ca_file", tls.caFile);
+    read.Text("backend_tls", "cert_file", tls.certFile);
+    read.Text("backend_tls", "key_file", tls.keyFile);
+    if (tls.certFile.empty() != tls.keyFile.empty()) {
+        read.Fail("[backend_tls] needs both cert_file and key_file, or neither");
+    }
+    const std::string version = ini.Get("backend_tls", "min_version", "1.2");
+    if (version == "1.3") {
+        tls.minVersion = 13;
+    } else if (version != "1.2") {
+        read.Fail("[backend_tls] min_version='" + version + "' is neither 1.2 nor 1.3");
+    }
+}
+
 }  // namespace
 
 std::string DeviceClientId() {
@@ -116,7 +133,7 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
 
     for (const auto& section : ini.Sections()) {
         const bool known = section == "mqtt" || section == "connection_state" ||
-                           section.rfind(kTransactionPrefix, 0) == 0;
+                           section == "backend_tls" || section.rfind(kTransactionPrefix, 0) == 0;
         if (!known) {
             read.Fail("unknown section [" + section + "]");
         }
@@ -167,6 +184,8 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     read.Number("connection_state", "probe_timeout_ms", 10, 60000, state.probeTimeoutMs);
     read.Text("connection_state", "probe_host", state.probeHost);
     read.Number("connection_state", "probe_port", 1, 65535, state.probePort);
+
+    ReadBackendTls(ini, read, config.backendTls);
 
     for (const auto& section : ini.Sections()) {
         if (section.rfind(kTransactionPrefix, 0) != 0) {

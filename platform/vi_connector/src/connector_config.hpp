@@ -33,6 +33,14 @@ struct ConnectionStateSettings {
     std::uint16_t probePort = 0;
 };
 
+/// [backend_tls]: how https:// transactions are carried
+struct BackendTlsSettings {
+    std::string caFile;    // PEM bundle; empty: the system trust store
+    std::string certFile;  // client certificate (PEM), with keyFile for mutual TLS
+    std::string keyFile;
+    int minVersion = 12;  // 12: TLS 1.2, 13: TLS 1.3
+};
+
 /// [transaction <id>]
 struct TransactionSettings {
     std::string url;
@@ -50,6 +58,7 @@ std::string DeviceClientId();
 struct ConnectorConfig {
     MqttSettings mqtt;
     ConnectionStateSettings connectionState;
+    BackendTlsSettings backendTls;
     std::map<std::string, TransactionSettings> transactions;
 
     /// Reads and checks `path`. On failure returns nothing and sets `error` to

@@ -10,6 +10,7 @@
 #include "secret_file.hpp"
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
+#include "tls_connector.hpp"
 
 namespace vi_connector {
 namespace {
@@ -67,6 +68,19 @@ void WarnAboutPlainTextUrls(const ConnectorConfig& config) {
     }
 }
 
+bool IsHttps(const std::string& url) {
+    static const std::string kScheme = "https://";
+    if (url.size() < kScheme.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < kScheme.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(url[i])) != kScheme[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
     std::lock_guard<std::mutex> lock(mutex);
     if (!pubSub) {
@@ -103,10 +117,24 @@ void VIConnector::Start() {
         std::string error;
         auto loaded = ConnectorConfig::Load(configPath_, error);
         SessionStatus status = SessionStatus::kRejected;
+        std::shared_ptr<TlsConnector> tls;
+        if (loaded) {
+            for (const auto& transaction : loaded->transactions) {
+                if (IsHttps(transaction.second.url) && !tls) {
+                    tls = TlsConnector::Create(loaded->backendTls, error);
+                    if (!tls) {
+                        loaded.reset();
+                        error = configPath_ + ": " + error;
+                        break;
+                    }
+                }
+            }
+        }
         if (loaded) {
             WarnAboutPlainTextUrls(*loaded);
             std::lock_guard<std::mutex> lock(mutex_);
             config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
+            tls_ = std::move(tls);
             status = SessionStatus::kOk;
         } else {
             CSCLogging::Error("VIConnector: configuration rejected: " + error);
@@ -240,8 +268,26 @@ void VIConnector::ForceConnectionState(std::optional<std::uint8_t> state) {
     }
 }
 
-SocketResult VIConnector::SocketConnect(const std::string& /*transactionTypeId*/,
+SocketResult VIConnector::SocketConnect(const std::string& transactionTypeId,
                                         const std::string& host, std::uint16_t port) {
+    std::shared_ptr<const ConnectorConfig> config;
+    std::shared_ptr<TlsConnector> tls;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        config = config_;
+        tls = tls_;
+    }
+    if (config) {
+        const auto found = config->transactions.find(transactionTypeId);
+        if (found != config->transactions.end() && IsHttps(found->second.url)) {
+            // Never in plain text: without TLS there is no connection at all.
+            if (!tls) {
+                CSCLogging::Error("VIConnector: no TLS for " + transactionTypeId);
+                return {TlsConnector::kTlsFailed, -1};
+            }
+            return tls->Connect(host, port, kSocketConnectTimeoutMs);
+        }
+    }
     return TcpConnect(host, port, kSocketConnectTimeoutMs);
 }
 

@@ -102,6 +102,12 @@ bool BackendConfig::Set(const std::string& name, const std::string& value, std::
             return false;
         }
         mqttTopic = value;
+    } else if (name == "tls-cert") {
+        tlsCert = value;
+    } else if (name == "tls-key") {
+        tlsKey = value;
+    } else if (name == "tls-client-ca") {
+        tlsClientCa = value;
     } else if (name == "fault") {
         faults.push_back(value);
     } else {
@@ -126,6 +132,9 @@ bool BackendConfig::LoadIni(const std::string& path, std::string& error) {
         {"server", "secret", "secret"},
         {"server", "event-log", "event-log"},
         {"server", "challenge-lifetime", "challenge-lifetime"},
+        {"server", "tls-cert", "tls-cert"},
+        {"server", "tls-key", "tls-key"},
+        {"server", "tls-client-ca", "tls-client-ca"},
         {"paths", "challenge", "challenge-path"},
         {"paths", "download", "download-path"},
         {"paths", "feedback", "feedback-path"},
@@ -178,6 +187,10 @@ bool BackendConfig::Validate(std::string& error) const {
     if (challengePath == downloadPath || challengePath == feedbackPath ||
         downloadPath == feedbackPath) {
         error = "the challenge, download and feedback paths must differ";
+        return false;
+    }
+    if (tlsCert.empty() != tlsKey.empty() || (!tlsClientCa.empty() && tlsCert.empty())) {
+        error = "TLS needs both tls-cert and tls-key (tls-client-ca only with them)";
         return false;
     }
     return true;

@@ -112,7 +112,10 @@ int Run(const std::vector<std::string>& arguments) {
          {"mqtt-host", "HOST", "MQTT broker host for /admin/push (default 127.0.0.1)"},
          {"mqtt-port", "PORT", "MQTT broker port (default 1883)"},
          {"mqtt-client-id", "ID", "MQTT client id prefix"},
-         {"mqtt-topic", "TOPIC", "push topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"}});
+         {"mqtt-topic", "TOPIC", "push topic (default TTVI-Kelvane-C003.CTzelkDlcInitiation)"},
+         {"tls-cert", "FILE", "serve HTTPS with this certificate chain (PEM)"},
+         {"tls-key", "FILE", "the private key of --tls-cert (PEM)"},
+         {"tls-client-ca", "FILE", "require client certificates issued by this CA (PEM)"}});
     command.add_option("--fault", options.faults, "inject a fault, e.g. download=status:500:2")
         ->option_text("FAULT");
     std::string error;
@@ -145,6 +148,10 @@ int Run(const std::vector<std::string>& arguments) {
         return MqttPublisher::Publish(mqtt, payload, reason);
     });
     HttpServer server({service, faults, admin, events});
+    if (!config.tlsCert.empty() &&
+        !server.UseTls(config.tlsCert, config.tlsKey, config.tlsClientCa, error)) {
+        return Failure(error);
+    }
     if (!server.Listen(config.address, config.port, error)) {
         return Failure(error);
     }
@@ -155,7 +162,8 @@ int Run(const std::vector<std::string>& arguments) {
     }
     const bool v6 = config.address.find(':') != std::string::npos;
     CSCLogging::Info(csc_logging::CSCLogEntry()
-                     << "Backend simulator listening on http://"
+                     << "Backend simulator listening on "
+                     << (config.tlsCert.empty() ? "http://" : "https://")
                      << (v6 ? "[" + config.address + "]" : config.address) << ":" << port
                      << " (challenge " << config.challengePath << ", download "
                      << config.downloadPath << ", feedback " << config.feedbackPath << ")");

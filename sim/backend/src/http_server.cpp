@@ -3,6 +3,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/strand.hpp>
 #include <csignal>
 #include <thread>
@@ -22,6 +23,41 @@ public:
     ~Impl() {
         Stop();
         Join();
+    }
+
+    bool UseTls(const std::string& certFile, const std::string& keyFile,
+                const std::string& clientCaFile, std::string& error) {
+        tls_.emplace(net::ssl::context::tls_server);
+        boost::system::error_code ec;
+        const auto fail = [&](const std::string& what) {
+            error = "cannot " + what + ": " + ec.message();
+            tls_.reset();
+            return false;
+        };
+        tls_->set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                              net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 |
+                              net::ssl::context::no_tlsv1_1,
+                          ec);
+        if (tls_->use_certificate_chain_file(certFile, ec)) {
+            return fail("load the TLS certificate '" + certFile + "'");
+        }
+        if (tls_->use_private_key_file(keyFile, net::ssl::context::pem, ec)) {
+            return fail("load the TLS key '" + keyFile + "'");
+        }
+        if (!clientCaFile.empty()) {
+            if (tls_->load_verify_file(clientCaFile, ec)) {
+                return fail("load the client CA '" + clientCaFile + "'");
+            }
+            tls_->set_verify_mode(net::ssl::verify_peer | net::ssl::verify_fail_if_no_peer_cert,
+                                  ec);
+        }
+        // Sessions may be resumed; OpenSSL refuses that for verified clients
+        // without a context naming the server.
+        static constexpr unsigned char kSessionContext[] = "kelvane-backend-sim";
+        SSL_CTX_set_session_id_context(tls_->native_handle(), kSessionContext,
+                                       sizeof(kSessionContext) - 1);
+        parts_.tls = &*tls_;
+        return true;
     }
 
     bool Listen(const std::string& address, std::uint16_t port, std::string& error) {
@@ -103,6 +139,7 @@ private:
     }
 
     Parts parts_;
+    std::optional<net::ssl::context> tls_;
     net::io_context context_;
     tcp::acceptor acceptor_{context_};
     std::optional<net::signal_set> signals_;
@@ -112,6 +149,11 @@ private:
 HttpServer::HttpServer(Parts parts) : impl_(std::make_unique<Impl>(parts)) {}
 
 HttpServer::~HttpServer() = default;
+
+bool HttpServer::UseTls(const std::string& certFile, const std::string& keyFile,
+                        const std::string& clientCaFile, std::string& error) {
+    return impl_->UseTls(certFile, keyFile, clientCaFile, error);
+}
 
 bool HttpServer::Listen(const std::string& address, std::uint16_t port, std::string& error) {
     return impl_->Listen(address, port, error);

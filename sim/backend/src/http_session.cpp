@@ -17,6 +17,7 @@ namespace net = boost::asio;
 constexpr auto kRequestTimeLimit = std::chrono::seconds(30);
 // A held connection ends when the peer gives up; this only bounds a peer that never does.
 constexpr auto kHoldLimit = std::chrono::seconds(300);
+constexpr auto kShutdownLimit = std::chrono::seconds(2);
 constexpr std::uint64_t kBodyLimit = 1024 * 1024;
 
 // Field 1 as length-delimited with a length far beyond the bytes that follow:
@@ -51,20 +52,67 @@ std::string RawStatus(int status) {
 }  // namespace
 
 HttpSession::HttpSession(net::ip::tcp::socket&& socket, const HttpServer::Parts& parts)
-    : stream_(std::move(socket)), timer_(stream_.get_executor()), parts_(parts) {}
+    : timer_(socket.get_executor()), parts_(parts) {
+    if (parts_.tls != nullptr) {
+        tls_.emplace(std::move(socket), *parts_.tls);
+    } else {
+        plain_.emplace(std::move(socket));
+    }
+}
+
+beast::tcp_stream& HttpSession::Tcp() {
+    return tls_ ? tls_->next_layer() : *plain_;
+}
+
+template <typename Io>
+void HttpSession::WithStream(Io&& io) {
+    if (tls_) {
+        io(*tls_);
+    } else {
+        io(*plain_);
+    }
+}
 
 void HttpSession::Start() {
-    net::dispatch(stream_.get_executor(),
-                  beast::bind_front_handler(&HttpSession::ReadHeader, shared_from_this()));
+    if (!tls_) {
+        net::dispatch(Tcp().get_executor(),
+                      beast::bind_front_handler(&HttpSession::ReadHeader, shared_from_this()));
+        return;
+    }
+    // TLS writes small records that wait for answers; Nagle would hold them.
+    beast::error_code ignored;
+    Tcp().socket().set_option(net::ip::tcp::no_delay(true), ignored);
+    Tcp().expires_after(kRequestTimeLimit);
+    tls_->async_handshake(net::ssl::stream_base::server,
+                          beast::bind_front_handler(&HttpSession::OnHandshake, shared_from_this()));
+}
+
+void HttpSession::OnHandshake(beast::error_code ec) {
+    if (ec == net::ssl::error::stream_truncated || ec == net::error::eof) {
+        CloseSocket();  // a reachability probe: connected and left
+        return;
+    }
+    if (ec) {
+        csc_logging::CSCLogging::Warning("TLS handshake failed: " + ec.message());
+        auto event = parts_.events.Begin();
+        event["exchange"] = "tls";
+        event["result"] = ec.message();
+        parts_.events.Write(event);
+        CloseSocket();
+        return;
+    }
+    ReadHeader();
 }
 
 void HttpSession::ReadHeader() {
     parser_.emplace();
     parser_->body_limit(kBodyLimit);
-    stream_.expires_after(kRequestTimeLimit);
-    http::async_read_header(
-        stream_, buffer_, *parser_,
-        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnHeader(ec); });
+    Tcp().expires_after(kRequestTimeLimit);
+    WithStream([this](auto& stream) {
+        http::async_read_header(
+            stream, buffer_, *parser_,
+            [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnHeader(ec); });
+    });
 }
 
 void HttpSession::OnHeader(beast::error_code ec) {
@@ -80,9 +128,12 @@ void HttpSession::OnHeader(beast::error_code ec) {
 }
 
 void HttpSession::ReadBody() {
-    http::async_read(
-        stream_, buffer_, *parser_,
-        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnRequest(ec); });
+    WithStream([this](auto& stream) {
+        http::async_read(stream, buffer_, *parser_,
+                         [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                             self->OnRequest(ec);
+                         });
+    });
 }
 
 void HttpSession::OnRequest(beast::error_code ec) {
@@ -90,7 +141,7 @@ void HttpSession::OnRequest(beast::error_code ec) {
         RefuseUnreadable(ec);
         return;
     }
-    stream_.expires_never();
+    Tcp().expires_never();
     const auto& message = parser_->get();
     request_.method = std::string(message.method_string());
     request_.target = std::string(message.target());
@@ -256,67 +307,86 @@ void HttpSession::Answer(const HttpResponse& response, bool keepOpen) {
     if (response.status == 204 || response.status == 304) {
         response_.erase(http::field::content_length);
     }
-    http::async_write(stream_, response_,
-                      [self = shared_from_this(), keepOpen](beast::error_code ec, std::size_t) {
-                          if (!ec && keepOpen) {
-                              self->HoldUntilPeerCloses();
-                          } else {
-                              self->Close();
-                          }
-                      });
+    WithStream([this, keepOpen](auto& stream) {
+        http::async_write(stream, response_,
+                          [self = shared_from_this(), keepOpen](beast::error_code ec, std::size_t) {
+                              if (!ec && keepOpen) {
+                                  self->HoldUntilPeerCloses();
+                              } else {
+                                  self->Close();
+                              }
+                          });
+    });
 }
 
 void HttpSession::SendRaw(std::string bytes, std::function<void()> next) {
     raw_ = std::move(bytes);
-    net::async_write(
-        stream_, net::buffer(raw_),
-        [self = shared_from_this(), next = std::move(next)](beast::error_code ec, std::size_t) {
-            if (ec) {
-                self->Close();
-            } else {
-                next();
-            }
-        });
+    WithStream([this, &next](auto& stream) {
+        net::async_write(
+            stream, net::buffer(raw_),
+            [self = shared_from_this(), next = std::move(next)](beast::error_code ec, std::size_t) {
+                if (ec) {
+                    self->Close();
+                } else {
+                    next();
+                }
+            });
+    });
 }
 
 void HttpSession::HoldUntilPeerCloses() {
-    stream_.expires_after(kHoldLimit);
-    stream_.async_read_some(net::buffer(drain_),
-                            [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                if (ec) {
-                                    self->Close();
-                                } else {
-                                    self->HoldUntilPeerCloses();
-                                }
-                            });
+    Tcp().expires_after(kHoldLimit);
+    WithStream([this](auto& stream) {
+        stream.async_read_some(net::buffer(drain_),
+                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                                   if (ec) {
+                                       self->Close();
+                                   } else {
+                                       self->HoldUntilPeerCloses();
+                                   }
+                               });
+    });
 }
 
 void HttpSession::Stream(std::chrono::milliseconds interval) {
     // Ends when the peer closes (the write fails) or after the hold limit.
-    stream_.expires_after(kHoldLimit);
+    Tcp().expires_after(kHoldLimit);
     raw_.assign(interval.count() == 0 ? 64 * 1024 : 1, 'x');
-    net::async_write(stream_, net::buffer(raw_),
-                     [self = shared_from_this(), interval](beast::error_code ec, std::size_t) {
-                         if (ec) {
-                             self->Close();
-                         } else if (interval.count() == 0) {
-                             self->Stream(interval);
-                         } else {
-                             self->timer_.expires_after(interval);
-                             self->timer_.async_wait([self, interval](beast::error_code waitEc) {
-                                 if (!waitEc) {
-                                     self->Stream(interval);
-                                 }
-                             });
-                         }
-                     });
+    WithStream([this, interval](auto& stream) {
+        net::async_write(
+            stream, net::buffer(raw_),
+            [self = shared_from_this(), interval](beast::error_code ec, std::size_t) {
+                if (ec) {
+                    self->Close();
+                } else if (interval.count() == 0) {
+                    self->Stream(interval);
+                } else {
+                    self->timer_.expires_after(interval);
+                    self->timer_.async_wait([self, interval](beast::error_code waitEc) {
+                        if (!waitEc) {
+                            self->Stream(interval);
+                        }
+                    });
+                }
+            });
+    });
 }
 
 void HttpSession::Close() {
-    beast::error_code ignored;
     timer_.cancel();
-    stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
-    stream_.socket().close(ignored);
+    if (!tls_) {
+        CloseSocket();
+        return;
+    }
+    // close_notify first, so that the client can tell the end from a cut.
+    Tcp().expires_after(kShutdownLimit);
+    tls_->async_shutdown([self = shared_from_this()](beast::error_code) { self->CloseSocket(); });
+}
+
+void HttpSession::CloseSocket() {
+    beast::error_code ignored;
+    Tcp().socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
+    Tcp().socket().close(ignored);
 }
 
 }  // namespace backend_sim

@@ -5,6 +5,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -17,13 +18,19 @@
 namespace backend_sim {
 
 /// One accepted connection: reads one request, applies the fault armed for
-/// its exchange, answers and closes.
+/// its exchange, answers and closes. Over TLS when the server has a context.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
     HttpSession(boost::asio::ip::tcp::socket&& socket, const HttpServer::Parts& parts);
     void Start();
 
 private:
+    boost::beast::tcp_stream& Tcp();
+    /// Calls `io` with the stream the HTTP bytes go through (TLS or plain).
+    template <typename Io>
+    void WithStream(Io&& io);
+    void OnHandshake(boost::beast::error_code ec);
+    void CloseSocket();
     void ReadHeader();
     void OnHeader(boost::beast::error_code ec);
     void ReadBody();
@@ -43,7 +50,8 @@ private:
     void RefuseUnreadable(boost::beast::error_code ec);
     void Close();
 
-    boost::beast::tcp_stream stream_;
+    std::optional<boost::beast::tcp_stream> plain_;
+    std::optional<boost::beast::ssl_stream<boost::beast::tcp_stream>> tls_;
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     boost::asio::steady_timer timer_;

@@ -20,6 +20,7 @@ namespace vi_connector {
 struct ConnectorConfig;
 class MosquittoPubSub;
 class ServiceStateMonitor;
+class TlsConnector;
 
 /// The vehicle's connectivity service on a development host: configuration
 /// from an INI file (KELVANE_VI_CONFIG, default /etc/kelvane-client/vi-connector.ini),
@@ -101,6 +102,7 @@ private:
 
     mutable std::mutex mutex_;
     std::shared_ptr<const ConnectorConfig> config_;
+    std::shared_ptr<TlsConnector> tls_;  // with config_ when a transaction is https://
     std::atomic<SessionStatus> sessionStatus_{SessionStatus::kNotStarted};
     std::thread startThread_;
     std::unique_ptr<MosquittoPubSub> pubSub_;            // created on first use, under mutex_

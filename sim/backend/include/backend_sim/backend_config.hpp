@@ -14,7 +14,7 @@ namespace backend_sim {
 /// each, used both as command-line option ("--port") and in the INI file:
 ///
 ///     [server]   address, port, port-file, token, token-file, secret, event-log,
-///                challenge-lifetime
+///                challenge-lifetime, tls-cert, tls-key, tls-client-ca
 ///     [paths]    challenge, download, feedback          (the exchanges' request paths)
 ///     [mqtt]     host, port, client-id, topic
 ///     [faults]   challenge|download|feedback = KIND[:ARG][:COUNT]
@@ -33,6 +33,11 @@ struct BackendConfig {
     std::uint16_t mqttPort = 1883;
     std::string mqttClientId = "kelvane-backend-sim";
     std::string mqttTopic = sim_common::kInitiationTopic;
+    /// HTTPS with this certificate and key (PEM); client certificates from
+    /// this CA required when set.
+    std::string tlsCert;
+    std::string tlsKey;
+    std::string tlsClientCa;
     /// "EXCHANGE=KIND[:ARG][:COUNT]", in the order given.
     std::vector<std::string> faults;
 

@@ -10,6 +10,10 @@
 #include "backend_sim/event_log.hpp"
 #include "backend_sim/fault_plan.hpp"
 
+namespace boost::asio::ssl {
+class context;
+}  // namespace boost::asio::ssl
+
 namespace backend_sim {
 
 /// HTTP/1.1 front of the backend simulator: one request per connection,
@@ -22,6 +26,7 @@ public:
         FaultPlan& faults;
         AdminApi& admin;
         EventLog& events;
+        boost::asio::ssl::context* tls = nullptr;  // set by UseTls()
     };
 
     explicit HttpServer(Parts parts);
@@ -29,6 +34,10 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
+    /// Serves HTTPS with this certificate chain and key (PEM files); with
+    /// `clientCaFile`, only to clients whose certificate that CA issued.
+    bool UseTls(const std::string& certFile, const std::string& keyFile,
+                const std::string& clientCaFile, std::string& error);
     /// Binds `address` (a loopback literal) and `port` (0 = any free one).
     bool Listen(const std::string& address, std::uint16_t port, std::string& error);
     /// The port actually bound.

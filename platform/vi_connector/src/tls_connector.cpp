@@ -1,0 +1,344 @@
+#include "tls_connector.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "csc_logging/csc_logging.hpp"
+#include "secret_file.hpp"
+#include "sigpipe_block.hpp"
+#include "tcp_connect.hpp"
+
+namespace vi_connector {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A server that asked for a client certificate we do not have gives its
+// verdict (TLS 1.3: after our Finished) at once; an optional request costs this.
+constexpr auto kClientCertificateVerdict = std::chrono::milliseconds(1000);
+
+struct HandshakeState {
+    std::string sessionKey;  // host:port
+    bool certificateRequested = false;
+};
+
+void FreeState(void* /*parent*/, void* state, CRYPTO_EX_DATA* /*data*/, int /*index*/,
+               long /*argl*/, void* /*argp*/) {
+    delete static_cast<HandshakeState*>(state);
+}
+
+// The SSL owns its HandshakeState.
+int StateIndex() {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeState);
+    return index;
+}
+
+HandshakeState* StateOf(SSL* ssl) {
+    return static_cast<HandshakeState*>(SSL_get_ex_data(ssl, StateIndex()));
+}
+
+int OnCertificateRequest(SSL* ssl, X509** /*certificate*/, EVP_PKEY** /*key*/) {
+    if (auto* state = StateOf(ssl)) {
+        state->certificateRequested = true;
+    }
+    return 0;  // nothing to send
+}
+
+int NoPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*user*/) {
+    return -1;  // never prompt on a terminal
+}
+
+std::string OpenSslError() {
+    const unsigned long code = ERR_peek_last_error();
+    ERR_clear_error();
+    if (code == 0) {
+        return "no detail";
+    }
+    char text[256];
+    ERR_error_string_n(code, text, sizeof(text));
+    return text;
+}
+
+std::string VerifyReason(long result) {
+    switch (result) {
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+            return "unknown issuer";
+        case X509_V_ERR_HOSTNAME_MISMATCH:
+        case X509_V_ERR_IP_ADDRESS_MISMATCH:
+            return "name mismatch";
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return "expired";
+        case X509_V_ERR_CERT_NOT_YET_VALID:
+            return "not yet valid";
+        default:
+            return "certificate rejected";
+    }
+}
+
+bool IsAddressLiteral(const std::string& host) {
+    unsigned char address[16];
+    return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
+           ::inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
+
+int RemainingMs(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// 1 ready, 0 time out, -1 error.
+int WaitFor(int fd, short events, Clock::time_point deadline) {
+    for (;;) {
+        pollfd entry{fd, events, 0};
+        const int ready = ::poll(&entry, 1, RemainingMs(deadline));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        return ready > 0 ? 1 : ready;
+    }
+}
+
+struct SslDeleter {
+    void operator()(SSL* ssl) const { SSL_free(ssl); }
+};
+
+}  // namespace
+
+std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& settings,
+                                                   std::string& error) {
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    if (context == nullptr) {
+        error = "cannot create a TLS context: " + OpenSslError();
+        return nullptr;
+    }
+    std::unique_ptr<TlsConnector> connector(new TlsConnector(context));
+    SSL_CTX_set_min_proto_version(context,
+                                  settings.minVersion == 13 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_client_cert_cb(context, OnCertificateRequest);
+    SSL_CTX_set_default_passwd_cb(context, NoPassphrase);
+    SSL_CTX_set_ex_data(context, 0, connector.get());
+    SSL_CTX_set_session_cache_mode(context,
+                                   SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
+    SSL_CTX_sess_set_new_cb(context, &TlsConnector::OnNewSession);
+
+    const bool trusted =
+        settings.caFile.empty()
+            ? SSL_CTX_set_default_verify_paths(context) == 1
+            : SSL_CTX_load_verify_locations(context, settings.caFile.c_str(), nullptr) == 1;
+    if (!trusted) {
+        error = "[backend_tls] cannot load the trust anchors" +
+                (settings.caFile.empty() ? std::string() : " from '" + settings.caFile + "'") +
+                ": " + OpenSslError();
+        return nullptr;
+    }
+    if (settings.certFile.empty()) {
+        return connector;
+    }
+    if (SSL_CTX_use_certificate_chain_file(context, settings.certFile.c_str()) != 1) {
+        error = "[backend_tls] cannot load the client certificate '" + settings.certFile +
+                "': " + OpenSslError();
+        return nullptr;
+    }
+    std::string reason;
+    auto pem = ReadSecretFile(settings.keyFile, kMaxKeyFileBytes, reason);
+    if (!pem) {
+        error = "[backend_tls] key_file: " + reason;
+        return nullptr;
+    }
+    BIO* bio = BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size()));
+    EVP_PKEY* key =
+        bio == nullptr ? nullptr : PEM_read_bio_PrivateKey(bio, nullptr, NoPassphrase, nullptr);
+    BIO_free(bio);
+    OPENSSL_cleanse(&(*pem)[0], pem->size());
+    const bool used = key != nullptr && SSL_CTX_use_PrivateKey(context, key) == 1 &&
+                      SSL_CTX_check_private_key(context) == 1;
+    EVP_PKEY_free(key);
+    if (!used) {
+        error = "[backend_tls] the key in '" + settings.keyFile +
+                "' is unreadable, encrypted or does not match the certificate: " + OpenSslError();
+        return nullptr;
+    }
+    return connector;
+}
+
+TlsConnector::TlsConnector(SSL_CTX* context)
+    : context_(context), pump_(std::make_unique<TlsPump>()) {}
+
+TlsConnector::~TlsConnector() {
+    pump_.reset();  // its connections may still store sessions
+    for (auto& entry : sessions_) {
+        SSL_SESSION_free(entry.second);
+    }
+    SSL_CTX_free(context_);
+}
+
+int TlsConnector::OnNewSession(SSL* ssl, SSL_SESSION* session) {
+    auto* self = static_cast<TlsConnector*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), 0));
+    auto* state = StateOf(ssl);
+    if (self == nullptr || state == nullptr || !SSL_SESSION_is_resumable(session)) {
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(self->sessionsMutex_);
+    auto& slot = self->sessions_[state->sessionKey];
+    if (slot != nullptr) {
+        SSL_SESSION_free(slot);
+    }
+    slot = session;
+    return 1;  // we keep the reference
+}
+
+SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, int timeoutMs) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const std::string peer = host + ":" + std::to_string(port);
+    const auto fail = [&](const std::string& reason) {
+        csc_logging::CSCLogging::Error("VIConnector: TLS to " + peer + " failed: " + reason);
+        return SocketResult{kTlsFailed, -1};
+    };
+
+    const SigpipeBlock noSigpipe;
+    const SocketResult tcp = TcpConnect(host, port, timeoutMs);
+    if (tcp.status != 0) {
+        return tcp;
+    }
+    int netFd = tcp.fd;
+    // Handshake messages and records are small and each waits for the peer's
+    // answer: Nagle's algorithm would hold them for the delayed ACK.
+    const int noDelay = 1;
+    ::setsockopt(netFd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
+    const int flags = ::fcntl(netFd, F_GETFL);
+    if (flags < 0 || ::fcntl(netFd, F_SETFL, flags | O_NONBLOCK) != 0) {
+        ::close(netFd);
+        return fail("cannot make the socket non-blocking");
+    }
+
+    // The SSL owns the state: TLS 1.3 tickets arrive after the handshake, in the pump.
+    auto state = std::make_unique<HandshakeState>();
+    state->sessionKey = peer;
+    std::unique_ptr<SSL, SslDeleter> ssl(SSL_new(context_));
+    if (!ssl || SSL_set_ex_data(ssl.get(), StateIndex(), state.get()) != 1) {
+        ::close(netFd);
+        return fail("cannot create a TLS session: " + OpenSslError());
+    }
+    HandshakeState& handshake = *state.release();
+    SSL_set_fd(ssl.get(), netFd);
+    if (IsAddressLiteral(host)) {
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl.get()), host.c_str());
+    } else {
+        SSL_ctrl(ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                 const_cast<char*>(host.c_str()));
+        SSL_set1_host(ssl.get(), host.c_str());
+    }
+    {
+        std::lock_guard<std::mutex> lock(sessionsMutex_);
+        const auto found = sessions_.find(peer);
+        if (found != sessions_.end()) {
+            SSL_set_session(ssl.get(), found->second);
+        }
+    }
+    const auto refuse = [&](const std::string& reason) {
+        ::close(netFd);
+        std::lock_guard<std::mutex> lock(sessionsMutex_);
+        const auto found = sessions_.find(peer);
+        if (found != sessions_.end()) {  // the next attempt starts afresh
+            SSL_SESSION_free(found->second);
+            sessions_.erase(found);
+        }
+        return fail(reason);
+    };
+
+    for (;;) {
+        ERR_clear_error();
+        const int done = SSL_connect(ssl.get());
+        if (done == 1) {
+            break;
+        }
+        const int error = SSL_get_error(ssl.get(), done);
+        if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+            const int ready =
+                WaitFor(netFd, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline);
+            if (ready == 0) {
+                return refuse("handshake timed out");
+            }
+            if (ready < 0) {
+                return refuse(std::string("handshake: ") + std::strerror(errno));
+            }
+            continue;
+        }
+        const long verified = SSL_get_verify_result(ssl.get());
+        if (verified != X509_V_OK) {
+            return refuse(VerifyReason(verified) + " (" + X509_verify_cert_error_string(verified) +
+                          ")");
+        }
+        if (handshake.certificateRequested) {
+            return refuse(
+                "handshake refused: the server demands a client certificate and "
+                "[backend_tls] has none (" +
+                OpenSslError() + ")");
+        }
+        const std::string detail =
+            error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0
+                ? (errno != 0 ? std::strerror(errno) : "connection closed by the server")
+                : OpenSslError();
+        return refuse("handshake refused (" + detail + ")");
+    }
+
+    // TLS 1.3 finishes our side before the server has judged a missing client
+    // certificate: wait for its verdict rather than send a request into a refusal.
+    if (handshake.certificateRequested && SSL_version(ssl.get()) == TLS1_3_VERSION) {
+        const auto verdictBy = std::min(deadline, Clock::now() + kClientCertificateVerdict);
+        while (WaitFor(netFd, POLLIN, verdictBy) > 0) {
+            char byte;
+            ERR_clear_error();
+            const int peeked = SSL_peek(ssl.get(), &byte, 1);
+            const int error = SSL_get_error(ssl.get(), peeked);
+            if (peeked > 0 || error == SSL_ERROR_WANT_READ) {
+                break;  // accepted: tickets or data
+            }
+            return refuse(
+                "handshake refused: the server demands a client certificate and "
+                "[backend_tls] has none (" +
+                OpenSslError() + ")");
+        }
+    }
+
+    csc_logging::CSCLogging::Debug("VIConnector: TLS to " + peer + ": " +
+                                   SSL_get_version(ssl.get()) +
+                                   (SSL_session_reused(ssl.get()) == 1 ? ", session resumed" : ""));
+    int pair[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+        return refuse(std::string("no socketpair: ") + std::strerror(errno));
+    }
+    const int pumpFlags = ::fcntl(pair[1], F_GETFL);
+    if (pumpFlags < 0 || ::fcntl(pair[1], F_SETFL, pumpFlags | O_NONBLOCK) != 0 ||
+        !pump_->Add(ssl.get(), netFd, pair[1], peer)) {
+        ::close(pair[0]);
+        ::close(pair[1]);
+        return refuse("the TLS pump does not run");
+    }
+    ssl.release();
+    return {0, pair[0]};
+}
+
+}  // namespace vi_connector

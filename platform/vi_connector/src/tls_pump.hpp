@@ -1,0 +1,49 @@
+#ifndef VI_CONNECTOR_TLS_PUMP_HPP
+#define VI_CONNECTOR_TLS_PUMP_HPP
+
+#include <cstddef>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+
+using SSL = struct ssl_st;
+
+namespace vi_connector {
+
+/// Carries established TLS connections between their TCP socket and the local
+/// end of a socketpair whose other end the client holds: one poll() thread for
+/// all of them, at most kBufferBytes waiting in each direction.
+class TlsPump {
+public:
+    static constexpr std::size_t kBufferBytes = 16 * 1024;
+
+    TlsPump();
+    ~TlsPump();
+    TlsPump(const TlsPump&) = delete;
+    TlsPump& operator=(const TlsPump&) = delete;
+
+    /// Takes ownership of `ssl` (handshake done, on non-blocking `netFd`) and of
+    /// both descriptors. False when the pump cannot take it; nothing is owned then.
+    bool Add(SSL* ssl, int netFd, int localFd, std::string peer);
+
+    /// Connections being carried (for tests).
+    std::size_t Count() const;
+
+private:
+    struct Channel;
+    void Run();
+    void Wake();
+
+    mutable std::mutex mutex_;
+    std::list<Channel> added_;  // handed over, not yet taken by the thread; under mutex_
+    std::size_t count_ = 0;     // under mutex_
+    bool stopping_ = false;     // under mutex_
+    int wakeRead_ = -1;
+    int wakeWrite_ = -1;
+    std::thread thread_;
+};
+
+}  // namespace vi_connector
+
+#endif  // VI_CONNECTOR_TLS_PUMP_HPP
