@@ -16,6 +16,7 @@ packages=(
     libboost-dev
     libcurl4-openssl-dev
     procps
+    dpkg-dev file lintian reuse  # packaging: tools/package.sh, lintian, reuse lint
 )
 
 missing=()
