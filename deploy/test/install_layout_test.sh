@@ -17,6 +17,10 @@ expected=(
     etc/kelvane-client/vi-connector.ini
     etc/kelvane-client-phm.ini
     usr/share/doc/kelvane-client/README.md
+    usr/share/doc/kelvane-client/copyright
+    usr/share/doc/kelvane-client/changelog.gz
+    usr/share/man/man8/kelvane-client.8.gz
+    usr/share/man/man5/kelvane-vi-connector.ini.5.gz
 )
 failed=0
 for path in "${expected[@]}"; do
