@@ -38,7 +38,7 @@ if command -v systemd-analyze >/dev/null 2>&1; then
     # verify resolves ExecStart against the staged tree, not the host.
     unit="$stage/usr/lib/systemd/system/kelvane-client.service"
     sed "s#^ExecStart=/usr/bin/#ExecStart=$stage/usr/bin/#" "$unit" >"$stage/kelvane-client.service"
-    if ! output=$(systemd-analyze verify "$stage/kelvane-client.service" 2>&1); then
+    if ! output=$(systemd-analyze verify --man=no "$stage/kelvane-client.service" 2>&1); then
         echo "systemd-analyze verify failed:"
         echo "$output"
         failed=1

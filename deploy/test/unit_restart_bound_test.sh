@@ -58,7 +58,7 @@ echo "most starts in any hour of a crash loop: $worst"
 
 if command -v systemd-analyze >/dev/null 2>&1; then
     sed "s#^ExecStart=/usr/bin/#ExecStart=$stage/usr/bin/#" "$unit" >"$stage/kelvane-client.service"
-    output=$(systemd-analyze verify "$stage/kelvane-client.service" 2>&1) || { echo "$output"; failed=1; }
+    output=$(systemd-analyze verify --man=no "$stage/kelvane-client.service" 2>&1) || { echo "$output"; failed=1; }
     if echo "$output" | grep -i "kelvane-client.service.*\(unknown\|invalid\|failed to parse\)"; then
         failed=1
     fi
