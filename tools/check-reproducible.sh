@@ -34,6 +34,8 @@ work=$(mktemp -d /tmp/kelvane-reproducible.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 clone="$work/elsewhere/kelvane-client-clone"
 git clone -q "$root" "$clone"
+# The same commit even where the checkout is a detached HEAD (as in CI).
+git -C "$clone" checkout -q --detach "$(git -C "$root" rev-parse HEAD)"
 say "packaging a clean clone in $clone"
 "$clone/tools/package.sh" --arch "$arch" >"$work/package.log" 2>&1 ||
     { tail -n 30 "$work/package.log" >&2; say "packaging the clone failed"; exit 1; }
