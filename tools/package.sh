@@ -46,6 +46,10 @@ export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%
 # Sorting and messages must not depend on the caller's locale.
 export LC_ALL=C.UTF-8 TZ=UTC
 umask 022
+# ccache's base directory turns absolute paths into relative ones on the
+# compiler's command line, which changes the debug information, and with it the
+# build id, from one directory to another.
+unset CCACHE_BASEDIR
 
 build_dir="$root/build-package-$arch"
 cmake_args=(-S "$root" -B "$build_dir" -G Ninja
