@@ -10,8 +10,8 @@
 #
 # Reproducible: SOURCE_DATE_EPOCH is the time of the last commit and build paths
 # are mapped out of the binaries, so the same commit gives the same bytes in any
-# directory. Build directory: build-package-<arch>/ (Release, no tests, no
-# benchmarks).
+# directory. Build directory: build-package-<arch>/, made anew on every run
+# (Release, no tests, no benchmarks).
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -70,8 +70,9 @@ fi
 flags=$(cd "$root" && DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)
 eval "$flags"
 export CFLAGS="$CPPFLAGS $CFLAGS" CXXFLAGS="$CPPFLAGS $CXXFLAGS" LDFLAGS
-# A cache from an earlier configure would keep the flags of then.
-rm -f "$build_dir/CMakeCache.txt"
+# Always from scratch: objects of an earlier build may come from other flags
+# or another compiler environment than the ones the command line shows.
+rm -rf "$build_dir"
 
 say "building $arch release in $build_dir"
 cmake "${cmake_args[@]}" >/dev/null
