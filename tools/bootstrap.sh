@@ -18,6 +18,7 @@ packages=(
     gcovr
     libcurl4-openssl-dev
     procps
+    dpkg-dev file lintian reuse  # packaging: tools/package.sh, lintian, reuse lint
 )
 
 missing=()

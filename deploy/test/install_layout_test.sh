@@ -18,6 +18,10 @@ expected=(
     etc/kelvane-client-phm.ini
     usr/share/doc/kelvane-client/README.md
     usr/share/doc/kelvane-client/examples/dlt.conf
+    usr/share/doc/kelvane-client/copyright
+    usr/share/doc/kelvane-client/changelog.gz
+    usr/share/man/man8/kelvane-client.8.gz
+    usr/share/man/man5/kelvane-vi-connector.ini.5.gz
 )
 failed=0
 for path in "${expected[@]}"; do
@@ -35,7 +39,7 @@ if command -v systemd-analyze >/dev/null 2>&1; then
     # verify resolves ExecStart against the staged tree, not the host.
     unit="$stage/usr/lib/systemd/system/kelvane-client.service"
     sed "s#^ExecStart=/usr/bin/#ExecStart=$stage/usr/bin/#" "$unit" >"$stage/kelvane-client.service"
-    if ! output=$(systemd-analyze verify "$stage/kelvane-client.service" 2>&1); then
+    if ! output=$(systemd-analyze verify --man=no "$stage/kelvane-client.service" 2>&1); then
         echo "systemd-analyze verify failed:"
         echo "$output"
         failed=1
