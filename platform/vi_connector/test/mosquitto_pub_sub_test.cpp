@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "test_support/mosquitto_broker.hpp"
 #include "test_support/mosquitto_dynamic_security.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "test_support/test_certificates.hpp"
 #include "test_support/thread_state.hpp"
 #include "vi_connector/vi_connector.hpp"
 
@@ -171,8 +171,19 @@ std::vector<std::uint8_t> Bytes(const std::string& text) {
 
 using Kind = Notification::Kind;
 
+// Connects `callback`'s session and, given a topic, subscribes to it and waits for the grant.
+bool Connected(VIConnector& sut, RecordingPubSubCallback& callback, const std::string& topic = "") {
+    if (sut.PubSubConnect(&callback) != pubsub_status::kInProgress ||
+        callback.WaitForStates(2).size() != 2U) {
+        return false;
+    }
+    return topic.empty() || (sut.PubSubSubscribe(topic, true).status == pubsub_status::kOk &&
+                             callback.WaitFor(Kind::kSubscribeAck, 1).size() == 1U);
+}
+
 TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessage) {
-    MosquittoBroker broker;
+    TemporaryDirectory security;
+    MosquittoBroker broker(kelvane::testing::DenySubscriptionsConfig(security, "secret/#"));
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-receive");
 
@@ -180,12 +191,16 @@ TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessa
     EXPECT_EQ(callback.WaitForStates(2), (std::vector<int>{1, 0}));
     EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kAlreadyOrQueued);
     const auto subscribed = sut->PubSubSubscribe("push/ecu", true);
+    const auto denied = sut->PubSubSubscribe("secret/keys", true);
     ASSERT_EQ(subscribed.status, pubsub_status::kOk);
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
-    ASSERT_EQ(acks.size(), 1U);
+    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 2);
+    ASSERT_EQ(acks.size(), 2U);
     EXPECT_EQ(acks[0].topic, "push/ecu");
     EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kGranted);
     EXPECT_EQ(acks[0].id, subscribed.requestId);
+    EXPECT_EQ(acks[1].topic, "secret/keys");
+    EXPECT_EQ(acks[1].value, VIPubSubCallbackIf::kRefused);
+    EXPECT_EQ(acks[1].id, denied.requestId);
 
     const std::string payload("\x00\x01zelk\x00\xff", 8);
     PublishFromOtherClient(broker, "push/ecu", payload);
@@ -229,10 +244,7 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
     MosquittoBroker broker;
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-restart");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("push/restart", true).status, pubsub_status::kOk);
-    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_TRUE(Connected(*sut, callback, "push/restart"));
 
     broker.Restart();
 
@@ -248,36 +260,11 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
 }
 
-TEST(MosquittoPubSubTest, TopicDeniedByTheBrokerIsAcknowledgedAsRefused) {
-    TemporaryDirectory security;
-    MosquittoBroker broker(kelvane::testing::DenySubscriptionsConfig(security, "secret/#"));
-    RecordingPubSubCallback callback;
-    StartedConnector sut(broker.Port(), "kv-denied");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-
-    const auto denied = sut->PubSubSubscribe("secret/keys", true);
-    const auto allowed = sut->PubSubSubscribe("open/keys", true);
-
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 2);
-    ASSERT_EQ(acks.size(), 2U);
-    EXPECT_EQ(acks[0].topic, "secret/keys");
-    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kRefused);
-    EXPECT_EQ(acks[0].id, denied.requestId);
-    EXPECT_EQ(acks[1].topic, "open/keys");
-    EXPECT_EQ(acks[1].value, VIPubSubCallbackIf::kGranted);
-    EXPECT_EQ(acks[1].id, allowed.requestId);
-    EXPECT_NE(denied.requestId, allowed.requestId);
-}
-
 TEST(MosquittoPubSubTest, PublishedBytesComeBackUnchangedAndAreAcknowledged) {
     MosquittoBroker broker;
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-publish");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("loop/#", true).status, pubsub_status::kOk);
-    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_TRUE(Connected(*sut, callback, "loop/#"));
     // Several reads long, yet under the 64 KiB the connector accepts from a broker.
     std::vector<std::uint8_t> payload(60000);
     for (std::size_t i = 0; i < payload.size(); ++i) {
@@ -317,8 +304,7 @@ TEST(MosquittoPubSubTest, MisuseFailsWithAClearLineAndDisconnectEndsTheSession) 
     EXPECT_EQ(notStarted.PubSubDisconnect(), pubsub_status::kFailed);
 
     StartedConnector sut(broker.Port(), "kv-misuse");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+    ASSERT_TRUE(Connected(*sut, callback));
     EXPECT_EQ(sut->PubSubSubscribe("bad/#/filter", true).status, pubsub_status::kFailed);
     EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
 
@@ -339,9 +325,7 @@ TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
     RecordingPubSubCallback callback;
     {
         StartedConnector sut(broker.Port(), "kv-destroyed");
-        ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-        ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-        ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
+        ASSERT_TRUE(Connected(*sut, callback, "push/#"));
     }
 
     EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
@@ -390,10 +374,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     GatedCallback disconnected;
     RecordingPubSubCallback next;
     StartedConnector sut(broker.Port(), "kv-disconnect");
-    ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
-    ASSERT_EQ(disconnected.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
-    ASSERT_EQ(disconnected.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_TRUE(Connected(*sut, disconnected, "push/#"));
     PublishFromOtherClient(broker, "push/1", "first");
     ASSERT_TRUE(disconnected.WaitUntilInside());
 
@@ -437,60 +418,20 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_EQ(disconnected.States(), statesAtDisconnect);
 }
 
-// A CA, a server certificate for 127.0.0.1 signed by it, and an unrelated CA.
-struct TestCertificates {
-    std::string ca;
-    std::string serverCertificate;
-    std::string serverKey;
-    std::string otherCa;
-};
-
-TestCertificates MakeCertificates(const TemporaryDirectory& directory) {
-    const auto run = [&](std::vector<std::string> argv) {
-        ChildProcess openssl({std::move(argv), {}, directory.File("openssl.txt")});
-        if (openssl.WaitForExit(kTimeout) != std::optional<int>(0)) {
-            throw std::runtime_error("openssl failed: " +
-                                     kelvane::testing::ReadFile(directory.File("openssl.txt")));
-        }
-    };
-    const auto file = [&](const char* name) { return directory.File(name); };
-    const std::vector<std::string> ecKey = {"-newkey", "ec", "-pkeyopt",
-                                            "ec_paramgen_curve:prime256v1", "-nodes"};
-    const auto request = [&](std::vector<std::string> tail) {
-        std::vector<std::string> argv = {"openssl", "req"};
-        argv.insert(argv.end(), ecKey.begin(), ecKey.end());
-        argv.insert(argv.end(), tail.begin(), tail.end());
-        run(argv);
-    };
-    request({"-x509", "-days", "2", "-subj", "/CN=kelvane test CA", "-keyout", file("ca.key"),
-             "-out", file("ca.crt")});
-    request({"-x509", "-days", "2", "-subj", "/CN=someone else", "-keyout", file("other.key"),
-             "-out", file("other.crt")});
-    request({"-subj", "/CN=127.0.0.1", "-keyout", file("server.key"), "-out", file("server.csr")});
-    const auto extensions = directory.Write("server.ext", "subjectAltName=IP:127.0.0.1\n");
-    run({"openssl", "x509", "-req", "-days", "2", "-in", file("server.csr"), "-CA", file("ca.crt"),
-         "-CAkey", file("ca.key"), "-CAcreateserial", "-extfile", extensions, "-out",
-         file("server.crt")});
-    // A broker started as root may read them as user mosquitto.
-    ::chmod(directory.Path().c_str(), 0755);
-    for (const char* name : {"ca.crt", "server.crt", "server.key"}) {
-        ::chmod(file(name).c_str(), 0644);
-    }
-    return {file("ca.crt"), file("server.crt"), file("server.key"), file("other.crt")};
-}
-
 TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority) {
     TemporaryDirectory pki;
-    const auto certificates = MakeCertificates(pki);
-    MosquittoBroker broker("cafile " + certificates.ca + "\ncertfile " +
-                           certificates.serverCertificate + "\nkeyfile " + certificates.serverKey +
-                           "\n");
+    kelvane::testing::MakeTestCertificates(pki.Path());
+    // A broker started as root may read them as user mosquitto.
+    ::chmod(pki.Path().c_str(), 0755);
+    ::chmod(pki.File("server.key").c_str(), 0644);
+    MosquittoBroker broker("cafile " + pki.File("ca.pem") + "\ncertfile " + pki.File("server.pem") +
+                           "\nkeyfile " + pki.File("server.key") + "\n");
     csc_logging::LogCapture log;
     RecordingPubSubCallback trusting;
     RecordingPubSubCallback distrusting;
-    StartedConnector sut(broker.Port(), "kv-tls", "tls_ca_file=" + certificates.ca + "\n");
+    StartedConnector sut(broker.Port(), "kv-tls", "tls_ca_file=" + pki.File("ca.pem") + "\n");
     StartedConnector wrongCa(broker.Port(), "kv-tls-wrong",
-                             "tls_ca_file=" + certificates.otherCa + "\n");
+                             "tls_ca_file=" + pki.File("untrusted-ca.pem") + "\n");
     StartedConnector missingCa(broker.Port(), "kv-tls-missing",
                                "tls_ca_file=" + pki.File("missing.crt") + "\n");
 
