@@ -852,50 +852,39 @@ TEST_F(KelvaneClientTest, ConnectionDownBeforeTheChallengeCancelsTheUpdate) {
     EXPECT_TRUE(log.Contains(LogLevel::kError, "Challenge request cancelled! Connection state: 4"));
 }
 
-struct MalformedChallenge {
-    std::string text;
-    std::string logged;
-};
+TEST_F(KelvaneClientTest, MalformedChallengePreventsTheDownloadButNotTheFeedback) {
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(kChallenge).substr(1),
+         "ChallengeToByteBufferVector Wrong challenge length: '31'"},
+        {std::string(kChallenge) + "0", "ChallengeToByteBufferVector Wrong challenge length: '33'"},
+        {"0A1B2C3D4E5F6071829GA4B5C6D7E8F9",
+         "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}};
+    for (const auto& [text, logged] : cases) {
+        SCOPED_TRACE(text);
+        log.Clear();
+        RequestParams feedback;
+        ON_CALL(*backend, ChallengeRequest(_, _, _))
+            .WillByDefault(DoAll(SetArgReferee<2>(text), Return(true)));
+        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
+        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(0);
+        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _))
+            .WillOnce(DoAll(SaveArg<0>(&feedback), Return(0)));
+        Construct();
 
-void PrintTo(const MalformedChallenge& challenge, std::ostream* out) {
-    *out << "'" << challenge.text << "'";
+        RunUpdate();
+
+        EXPECT_EQ(log.Count(LogLevel::kError, logged), 2U);  // request and feedback
+        EXPECT_TRUE(
+            log.Contains(LogLevel::kError, "SetRequestParameters(): Incorrect Tesmo Challenge!"));
+        EXPECT_TRUE(log.Contains(LogLevel::kError,
+                                 "SetRequestParameters(): Setting the request parameters Failed!"));
+        EXPECT_EQ(feedback.tesmoChallenge, text);
+        EXPECT_TRUE(feedback.identityHash.empty());
+        EXPECT_TRUE(log.Contains("Status feedback sent successfully"));
+        ::testing::Mock::VerifyAndClearExpectations(backend.get());
+        ::testing::Mock::VerifyAndClearExpectations(tee.get());
+    }
 }
-
-class MalformedChallengeTest : public KelvaneClientTest,
-                               public ::testing::WithParamInterface<MalformedChallenge> {};
-
-TEST_P(MalformedChallengeTest, PreventsTheDownloadButNotTheFeedback) {
-    RequestParams feedback;
-    ON_CALL(*backend, ChallengeRequest(_, _, _))
-        .WillByDefault(DoAll(SetArgReferee<2>(GetParam().text), Return(true)));
-    EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
-    EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(0);
-    EXPECT_CALL(*backend, SendStatusFeedback(_, _, _))
-        .WillOnce(DoAll(SaveArg<0>(&feedback), Return(0)));
-    Construct();
-
-    RunUpdate();
-
-    EXPECT_EQ(log.Count(LogLevel::kError, GetParam().logged), 2U);  // request and feedback
-    EXPECT_TRUE(
-        log.Contains(LogLevel::kError, "SetRequestParameters(): Incorrect Tesmo Challenge!"));
-    EXPECT_TRUE(log.Contains(LogLevel::kError,
-                             "SetRequestParameters(): Setting the request parameters Failed!"));
-    EXPECT_EQ(feedback.tesmoChallenge, GetParam().text);
-    EXPECT_TRUE(feedback.identityHash.empty());
-    EXPECT_TRUE(log.Contains("Status feedback sent successfully"));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    , MalformedChallengeTest,
-    ::testing::Values(
-        MalformedChallenge{std::string(kChallenge).substr(1),
-                           "ChallengeToByteBufferVector Wrong challenge length: '31'"},
-        MalformedChallenge{std::string(kChallenge) + "0",
-                           "ChallengeToByteBufferVector Wrong challenge length: '33'"},
-        MalformedChallenge{"0A1B2C3D4E5F6071829GA4B5C6D7E8F9",
-                           "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal "
-                           "digit: '9G'"}));
 
 TEST_F(KelvaneClientTest, ContainerProblemsEndTheUpdateButItIsReported) {
     EXPECT_CALL(*backend, DownloadRequest(_, _, _, _))
