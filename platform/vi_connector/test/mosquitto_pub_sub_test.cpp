@@ -76,20 +76,16 @@ public:
     /// Waits until `count` notifications of `kind` arrived; returns them.
     std::vector<Notification> WaitFor(Kind kind, std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, kTimeout, [&] { return CountLocked(kind) >= count; });
+        changed_.wait_for(lock, kTimeout, [&] { return OfKindLocked(kind).size() >= count; });
         return OfKindLocked(kind);
     }
-    std::vector<int> States() {
+    /// The connection states so far, once there are `count` of them.
+    std::vector<int> WaitForStates(std::size_t count = 0) {
         std::vector<int> states;
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& notification : OfKindLocked(Kind::kState)) {
+        for (const auto& notification : WaitFor(Kind::kState, count)) {
             states.push_back(notification.value);
         }
         return states;
-    }
-    std::vector<int> WaitForStates(std::size_t count) {
-        WaitFor(Kind::kState, count);
-        return States();
     }
 
 private:
@@ -98,7 +94,6 @@ private:
         notifications_.push_back(std::move(notification));
         changed_.notify_all();
     }
-    std::size_t CountLocked(Kind kind) const { return OfKindLocked(kind).size(); }
     std::vector<Notification> OfKindLocked(Kind kind) const {
         std::vector<Notification> found;
         for (const auto& notification : notifications_) {
@@ -269,7 +264,7 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
     const auto messages = callback.WaitFor(Kind::kMessage, 1);
     ASSERT_EQ(messages.size(), 1U);
     EXPECT_EQ(messages[0].payload, Bytes("again"));
-    EXPECT_EQ(callback.States().size(), 4U);
+    EXPECT_EQ(callback.WaitForStates().size(), 4U);
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
 }
 
@@ -292,7 +287,7 @@ TEST(MosquittoPubSubTest, MisuseFailsWithAClearLineAndDisconnectEndsTheSession) 
     EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
 
     EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kOk);
-    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(callback.WaitForStates(), (std::vector<int>{1, 0, 1}));
     EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kFailed);
     EXPECT_EQ(sut->PubSubSubscribe("a/b", true).status, pubsub_status::kFailed);
     EXPECT_EQ(sut->PubSubPublish("a/b", {1}, 0, 0, PublishPayloadFormat::kUnspecified, "", false),
@@ -311,7 +306,7 @@ TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
         ASSERT_TRUE(Connected(*sut, callback, "push/#"));
     }
 
-    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
+    EXPECT_EQ(callback.WaitForStates(), (std::vector<int>{1, 0}));
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
 }
 
@@ -385,7 +380,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_TRUE(leftBeforeReturn);
     // A new session without a callback of its own does not revive the old one;
     // a new callback gets what follows, the old one nothing.
-    const auto statesAtDisconnect = disconnected.States();
+    const auto statesAtDisconnect = disconnected.WaitForStates();
     ASSERT_EQ(sut->PubSubConnect(nullptr), pubsub_status::kInProgress);
     ASSERT_TRUE(kelvane::testing::WaitUntil(
         [&] { return sut->PubSubSubscribe("push/#", false).status == pubsub_status::kOk; },
@@ -398,7 +393,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     ASSERT_EQ(next.WaitFor(Kind::kMessage, 1).size(), 1U);
     EXPECT_EQ(next.WaitFor(Kind::kMessage, 1).front().topic, "push/2");
     EXPECT_EQ(disconnected.WaitFor(Kind::kMessage, 0).size(), 1U);
-    EXPECT_EQ(disconnected.States(), statesAtDisconnect);
+    EXPECT_EQ(disconnected.WaitForStates(), statesAtDisconnect);
 }
 
 TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority) {
@@ -426,7 +421,7 @@ TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority
     ASSERT_EQ(sut->PubSubSubscribe("push/tls", true).status, pubsub_status::kOk);
     EXPECT_EQ(trusting.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
     EXPECT_TRUE(log.WaitFor("cannot connect to MQTT broker", kTimeout));
-    EXPECT_EQ(distrusting.States(), std::vector<int>{1});
+    EXPECT_EQ(distrusting.WaitForStates(), std::vector<int>{1});
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
 }
 
