@@ -668,27 +668,20 @@ TEST_F(KelvaneClientTest, TwoMqttMessagesAfterAnMqttUpdateAreIgnoredAndTheThirdS
     EXPECT_EQ(log.Count("DLC Update Started"), 2U);
 }
 
-TEST_F(KelvaneClientTest, ClampUpdateClearsTheIgnoreCounterOfAnEarlierMqttUpdate) {
-    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(3);
+TEST_F(KelvaneClientTest, OnlyAnMqttUpdateThatGotAChallengeArmsTheIgnoreCounterAndClampClearsIt) {
+    EXPECT_CALL(*backend, ChallengeRequest(_, _, _))
+        .Times(4)
+        .WillOnce(Return(false))
+        .WillRepeatedly(DoAll(SetArgReferee<2>(kChallenge), Return(true)));
     StartLoop();
 
+    AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });  // gets no challenge
     AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
     AndLoopSettles([&] { sut->ClampStateChangeCb("Clamp15", true); });  // expiring certificate
     AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
 
     EXPECT_FALSE(log.Contains("Ignored!"));
-    EXPECT_EQ(log.Count("DLC Update Started"), 3U);
-}
-
-TEST_F(KelvaneClientTest, UpdateThatGotNoChallengeDoesNotArmTheIgnoreCounter) {
-    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(2).WillRepeatedly(Return(false));
-    StartLoop();
-
-    AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
-    AndLoopSettles([&] { sut->MQTTMessageReceivedCb(); });
-
-    EXPECT_FALSE(log.Contains("Ignored!"));
-    EXPECT_EQ(log.Count(LogLevel::kError, "Error downloading the challenge!"), 2U);
+    EXPECT_EQ(log.Count(LogLevel::kError, "Error downloading the challenge!"), 1U);
 }
 
 // ---- time-outs ----
@@ -782,6 +775,8 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
     sut->SendStatusFeedBack(challenge);
 
     EXPECT_EQ(challenge, kChallenge);
+    EXPECT_EQ(sut->ChallengeToByteBufferVector("0a1b2c3d4e5f60718293a4b5c6d7e8f9"),
+              kChallengeBytes);
     Bytes expectedHash = kChallengeBytes;
     expectedHash.push_back(0x1D);
     for (const RequestParams* params : {&downloadParams, &feedbackParams}) {
@@ -842,60 +837,39 @@ TEST_F(KelvaneClientTest, UrlFailureForTheDownloadSkipsItButTheFeedbackGoesOut) 
     }
 }
 
-TEST_F(KelvaneClientTest, ConnectionDownBeforeTheChallengeCancelsTheUpdate) {
-    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(0);
-    Construct();
-    vi->SetConnectionState(4);
+TEST_F(KelvaneClientTest, MalformedChallengePreventsTheDownloadButNotTheFeedback) {
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(kChallenge).substr(1),
+         "ChallengeToByteBufferVector Wrong challenge length: '31'"},
+        {std::string(kChallenge) + "0", "ChallengeToByteBufferVector Wrong challenge length: '33'"},
+        {"0A1B2C3D4E5F6071829GA4B5C6D7E8F9",
+         "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}};
+    for (const auto& [text, logged] : cases) {
+        SCOPED_TRACE(text);
+        log.Clear();
+        RequestParams feedback;
+        ON_CALL(*backend, ChallengeRequest(_, _, _))
+            .WillByDefault(DoAll(SetArgReferee<2>(text), Return(true)));
+        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
+        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(0);
+        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _))
+            .WillOnce(DoAll(SaveArg<0>(&feedback), Return(0)));
+        Construct();
 
-    EXPECT_EQ(sut->HandleDlcUpdate(), "");
+        RunUpdate();
 
-    EXPECT_TRUE(log.Contains(LogLevel::kError, "Challenge request cancelled! Connection state: 4"));
+        EXPECT_EQ(log.Count(LogLevel::kError, logged), 2U);  // request and feedback
+        EXPECT_TRUE(
+            log.Contains(LogLevel::kError, "SetRequestParameters(): Incorrect Tesmo Challenge!"));
+        EXPECT_TRUE(log.Contains(LogLevel::kError,
+                                 "SetRequestParameters(): Setting the request parameters Failed!"));
+        EXPECT_EQ(feedback.tesmoChallenge, text);
+        EXPECT_TRUE(feedback.identityHash.empty());
+        EXPECT_TRUE(log.Contains("Status feedback sent successfully"));
+        ::testing::Mock::VerifyAndClearExpectations(backend.get());
+        ::testing::Mock::VerifyAndClearExpectations(tee.get());
+    }
 }
-
-struct MalformedChallenge {
-    std::string text;
-    std::string logged;
-};
-
-void PrintTo(const MalformedChallenge& challenge, std::ostream* out) {
-    *out << "'" << challenge.text << "'";
-}
-
-class MalformedChallengeTest : public KelvaneClientTest,
-                               public ::testing::WithParamInterface<MalformedChallenge> {};
-
-TEST_P(MalformedChallengeTest, PreventsTheDownloadButNotTheFeedback) {
-    RequestParams feedback;
-    ON_CALL(*backend, ChallengeRequest(_, _, _))
-        .WillByDefault(DoAll(SetArgReferee<2>(GetParam().text), Return(true)));
-    EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
-    EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(0);
-    EXPECT_CALL(*backend, SendStatusFeedback(_, _, _))
-        .WillOnce(DoAll(SaveArg<0>(&feedback), Return(0)));
-    Construct();
-
-    RunUpdate();
-
-    EXPECT_EQ(log.Count(LogLevel::kError, GetParam().logged), 2U);  // request and feedback
-    EXPECT_TRUE(
-        log.Contains(LogLevel::kError, "SetRequestParameters(): Incorrect Tesmo Challenge!"));
-    EXPECT_TRUE(log.Contains(LogLevel::kError,
-                             "SetRequestParameters(): Setting the request parameters Failed!"));
-    EXPECT_EQ(feedback.tesmoChallenge, GetParam().text);
-    EXPECT_TRUE(feedback.identityHash.empty());
-    EXPECT_TRUE(log.Contains("Status feedback sent successfully"));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    , MalformedChallengeTest,
-    ::testing::Values(
-        MalformedChallenge{std::string(kChallenge).substr(1),
-                           "ChallengeToByteBufferVector Wrong challenge length: '31'"},
-        MalformedChallenge{std::string(kChallenge) + "0",
-                           "ChallengeToByteBufferVector Wrong challenge length: '33'"},
-        MalformedChallenge{"0A1B2C3D4E5F6071829GA4B5C6D7E8F9",
-                           "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal "
-                           "digit: '9G'"}));
 
 TEST_F(KelvaneClientTest, ContainerProblemsEndTheUpdateButItIsReported) {
     EXPECT_CALL(*backend, DownloadRequest(_, _, _, _))
@@ -913,7 +887,7 @@ TEST_F(KelvaneClientTest, ContainerProblemsEndTheUpdateButItIsReported) {
     EXPECT_EQ(log.Count(LogLevel::kError, "Error sending status feedback!"), 2U);
 }
 
-TEST_F(KelvaneClientTest, ConnectionLostAfterTheChallengeCancelsDownloadAndFeedback) {
+TEST_F(KelvaneClientTest, ConnectionLostBeforeOrAfterTheChallengeCancelsWhatIsStillAhead) {
     EXPECT_CALL(*backend, ChallengeRequest(_, _, _))
         .WillOnce(Invoke([&](const std::string&, const std::string&, std::string& challenge) {
             vi->SetConnectionState(1);
@@ -923,9 +897,13 @@ TEST_F(KelvaneClientTest, ConnectionLostAfterTheChallengeCancelsDownloadAndFeedb
     EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(0);
     EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(0);
     Construct();
+    vi->SetConnectionState(4);
+    EXPECT_EQ(sut->HandleDlcUpdate(), "");
+    vi->SetConnectionState(2);
 
     RunUpdate();
 
+    EXPECT_TRUE(log.Contains(LogLevel::kError, "Challenge request cancelled! Connection state: 4"));
     EXPECT_TRUE(
         log.Contains(LogLevel::kError, "DLC download request cancelled! Connection state: 1"));
     EXPECT_TRUE(
@@ -947,16 +925,6 @@ TEST_F(KelvaneClientTest, RequestParametersStopAtTheFirstFailureFeedbackParamete
         log.Contains(LogLevel::kError, "SetRequestParameters(): zelk_get_zelk_vin Failed!"));
     EXPECT_TRUE(
         log.Contains(LogLevel::kWarning, "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"));
-}
-
-TEST_F(KelvaneClientTest, ChallengeBytesAreReadMostSignificantPairFirstInEitherCase) {
-    Construct();
-
-    EXPECT_EQ(sut->ChallengeToByteBufferVector(kChallenge), kChallengeBytes);
-    EXPECT_EQ(sut->ChallengeToByteBufferVector("0a1b2c3d4e5f60718293a4b5c6d7e8f9"),
-              kChallengeBytes);
-    EXPECT_TRUE(sut->ChallengeToByteBufferVector("0A1B2C3D4E5F60718293A4B5C6D7E8 9").empty());
-    EXPECT_TRUE(log.Contains("Not hexadecimal digit: ' 9'"));
 }
 
 }  // namespace

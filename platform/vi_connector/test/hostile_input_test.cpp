@@ -38,7 +38,7 @@ private:
     VIConnector sut_;
 };
 
-TEST(BearerTokenTest, OnlyTokenCharactersReachARequestAndErrorsNeverShowTheToken) {
+TEST(BearerTokenTest, OnlyTokenCharactersReachARequestErrorsNeverShowItAndSharedFilesWarn) {
     struct Case {
         std::string content;
         bool accepted;
@@ -78,6 +78,15 @@ TEST(BearerTokenTest, OnlyTokenCharactersReachARequestAndErrorsNeverShowTheToken
     EXPECT_NE(inlineToken.Get().status, 1U);
     EXPECT_TRUE(log.Contains("from the inline token of")) << log.Dump();
     EXPECT_FALSE(log.Contains("with-space")) << log.Dump();
+
+    TemporaryDirectory dir;
+    const auto shared = dir.Write("token", "abc\n");
+    ::chmod(shared.c_str(), 0644);
+    TokenSource readableByOthers("token_file=" + shared);
+    EXPECT_EQ(readableByOthers.Get().token, "abc");
+    EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kWarning,
+                             "'" + shared + "' can be read by group or others"))
+        << log.Dump();
 }
 
 TEST(BearerTokenTest, TokenFileMustBeASmallRegularFileNotALink) {
@@ -100,19 +109,6 @@ TEST(BearerTokenTest, TokenFileMustBeASmallRegularFileNotALink) {
         EXPECT_NE(source.Get().status, 1U) << path;
         EXPECT_TRUE(log.Contains(problem)) << log.Dump();
     }
-}
-
-TEST(BearerTokenTest, ReadableByOthersWarnsNamingTheFile) {
-    TemporaryDirectory dir;
-    const auto file = dir.Write("token", "abc\n");
-    ::chmod(file.c_str(), 0644);
-    TokenSource source("token_file=" + file);
-    csc_logging::LogCapture log;
-
-    EXPECT_EQ(source.Get().token, "abc");
-    EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kWarning,
-                             "'" + file + "' can be read by group or others"))
-        << log.Dump();
 }
 
 TEST(BearerTokenTest, CredentialIsReadFromTheCredentialsDirectory) {

@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "test_support/mosquitto_broker.hpp"
 #include "test_support/mosquitto_dynamic_security.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "test_support/test_certificates.hpp"
 #include "test_support/thread_state.hpp"
 #include "vi_connector/vi_connector.hpp"
 
@@ -39,18 +39,11 @@ struct Notification {
         kPublishFailed,
         kSubscribeFailed
     };
-    Notification(Kind notificationKind, std::string notificationTopic, int notificationValue,
-                 std::uint32_t requestId = 0, std::vector<std::uint8_t> bytes = {})
-        : kind(notificationKind)
-        , topic(std::move(notificationTopic))
-        , value(notificationValue)
-        , id(requestId)
-        , payload(std::move(bytes)) {}
     Kind kind;
     std::string topic;
     int value;  // state or subscription status
-    std::uint32_t id;
-    std::vector<std::uint8_t> payload;
+    std::uint32_t id = 0;
+    std::vector<std::uint8_t> payload = {};
 };
 
 class RecordingPubSubCallback : public VIPubSubCallbackIf {
@@ -83,20 +76,16 @@ public:
     /// Waits until `count` notifications of `kind` arrived; returns them.
     std::vector<Notification> WaitFor(Kind kind, std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, kTimeout, [&] { return CountLocked(kind) >= count; });
+        changed_.wait_for(lock, kTimeout, [&] { return OfKindLocked(kind).size() >= count; });
         return OfKindLocked(kind);
     }
-    std::vector<int> States() {
+    /// The connection states so far, once there are `count` of them.
+    std::vector<int> WaitForStates(std::size_t count = 0) {
         std::vector<int> states;
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& notification : OfKindLocked(Kind::kState)) {
+        for (const auto& notification : WaitFor(Kind::kState, count)) {
             states.push_back(notification.value);
         }
         return states;
-    }
-    std::vector<int> WaitForStates(std::size_t count) {
-        WaitFor(Kind::kState, count);
-        return States();
     }
 
 private:
@@ -105,7 +94,6 @@ private:
         notifications_.push_back(std::move(notification));
         changed_.notify_all();
     }
-    std::size_t CountLocked(Kind kind) const { return OfKindLocked(kind).size(); }
     std::vector<Notification> OfKindLocked(Kind kind) const {
         std::vector<Notification> found;
         for (const auto& notification : notifications_) {
@@ -171,8 +159,19 @@ std::vector<std::uint8_t> Bytes(const std::string& text) {
 
 using Kind = Notification::Kind;
 
-TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessage) {
-    MosquittoBroker broker;
+// Connects `callback`'s session and, given a topic, subscribes to it and waits for the grant.
+bool Connected(VIConnector& sut, RecordingPubSubCallback& callback, const std::string& topic = "") {
+    if (sut.PubSubConnect(&callback) != pubsub_status::kInProgress ||
+        callback.WaitForStates(2).size() != 2U) {
+        return false;
+    }
+    return topic.empty() || (sut.PubSubSubscribe(topic, true).status == pubsub_status::kOk &&
+                             callback.WaitFor(Kind::kSubscribeAck, 1).size() == 1U);
+}
+
+TEST(MosquittoPubSubTest, ConnectsSubscribesAndPassesBinaryMessagesBothWaysUnchanged) {
+    TemporaryDirectory security;
+    MosquittoBroker broker(kelvane::testing::DenySubscriptionsConfig(security, "secret/#"));
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-receive");
 
@@ -180,12 +179,16 @@ TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessa
     EXPECT_EQ(callback.WaitForStates(2), (std::vector<int>{1, 0}));
     EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kAlreadyOrQueued);
     const auto subscribed = sut->PubSubSubscribe("push/ecu", true);
+    const auto denied = sut->PubSubSubscribe("secret/keys", true);
     ASSERT_EQ(subscribed.status, pubsub_status::kOk);
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
-    ASSERT_EQ(acks.size(), 1U);
+    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 2);
+    ASSERT_EQ(acks.size(), 2U);
     EXPECT_EQ(acks[0].topic, "push/ecu");
     EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kGranted);
     EXPECT_EQ(acks[0].id, subscribed.requestId);
+    EXPECT_EQ(acks[1].topic, "secret/keys");
+    EXPECT_EQ(acks[1].value, VIPubSubCallbackIf::kRefused);
+    EXPECT_EQ(acks[1].id, denied.requestId);
 
     const std::string payload("\x00\x01zelk\x00\xff", 8);
     PublishFromOtherClient(broker, "push/ecu", payload);
@@ -196,6 +199,26 @@ TEST(MosquittoPubSubTest, ConnectsSubscribesAndReceivesAnotherClientsBinaryMessa
     EXPECT_EQ(messages[0].topic, "push/ecu");
     EXPECT_EQ(messages[0].payload, Bytes(payload));
     EXPECT_EQ(messages[1].payload, Bytes("second"));
+
+    // Several reads long, yet under the 64 KiB the connector accepts from a broker.
+    std::vector<std::uint8_t> large(60000);
+    for (std::size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<std::uint8_t>(i * 7);
+    }
+    EXPECT_EQ(sut->PubSubPublish("push/ecu", large, 1, 60, PublishPayloadFormat::kUnspecified,
+                                 "application/octet-stream", false),
+              pubsub_status::kOk);
+    EXPECT_EQ(sut->PubSubPublish("push/ecu", {}, 0, 0, PublishPayloadFormat::kUtf8, "", false),
+              pubsub_status::kOk);
+    EXPECT_NE(
+        sut->PubSubPublish("push/ecu", large, 3, 0, PublishPayloadFormat::kUnspecified, "", false),
+        pubsub_status::kOk);
+
+    EXPECT_EQ(callback.WaitFor(Kind::kPublishAck, 2).size(), 2U);
+    const auto returned = callback.WaitFor(Kind::kMessage, 4);
+    ASSERT_EQ(returned.size(), 4U);
+    EXPECT_EQ(returned[2].payload, large);
+    EXPECT_TRUE(returned[3].payload.empty());
 }
 
 TEST(MosquittoPubSubTest, SubscriptionWhileTheBrokerIsDownIsQueuedAndSentOnceItIsUp) {
@@ -229,10 +252,7 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
     MosquittoBroker broker;
     RecordingPubSubCallback callback;
     StartedConnector sut(broker.Port(), "kv-restart");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("push/restart", true).status, pubsub_status::kOk);
-    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_TRUE(Connected(*sut, callback, "push/restart"));
 
     broker.Restart();
 
@@ -244,63 +264,8 @@ TEST(MosquittoPubSubTest, BrokerRestartIsReportedAsOneDisconnectConnectPair) {
     const auto messages = callback.WaitFor(Kind::kMessage, 1);
     ASSERT_EQ(messages.size(), 1U);
     EXPECT_EQ(messages[0].payload, Bytes("again"));
-    EXPECT_EQ(callback.States().size(), 4U);
+    EXPECT_EQ(callback.WaitForStates().size(), 4U);
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
-}
-
-TEST(MosquittoPubSubTest, TopicDeniedByTheBrokerIsAcknowledgedAsRefused) {
-    TemporaryDirectory security;
-    MosquittoBroker broker(kelvane::testing::DenySubscriptionsConfig(security, "secret/#"));
-    RecordingPubSubCallback callback;
-    StartedConnector sut(broker.Port(), "kv-denied");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-
-    const auto denied = sut->PubSubSubscribe("secret/keys", true);
-    const auto allowed = sut->PubSubSubscribe("open/keys", true);
-
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 2);
-    ASSERT_EQ(acks.size(), 2U);
-    EXPECT_EQ(acks[0].topic, "secret/keys");
-    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kRefused);
-    EXPECT_EQ(acks[0].id, denied.requestId);
-    EXPECT_EQ(acks[1].topic, "open/keys");
-    EXPECT_EQ(acks[1].value, VIPubSubCallbackIf::kGranted);
-    EXPECT_EQ(acks[1].id, allowed.requestId);
-    EXPECT_NE(denied.requestId, allowed.requestId);
-}
-
-TEST(MosquittoPubSubTest, PublishedBytesComeBackUnchangedAndAreAcknowledged) {
-    MosquittoBroker broker;
-    RecordingPubSubCallback callback;
-    StartedConnector sut(broker.Port(), "kv-publish");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("loop/#", true).status, pubsub_status::kOk);
-    ASSERT_EQ(callback.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
-    // Several reads long, yet under the 64 KiB the connector accepts from a broker.
-    std::vector<std::uint8_t> payload(60000);
-    for (std::size_t i = 0; i < payload.size(); ++i) {
-        payload[i] = static_cast<std::uint8_t>(i * 7);
-    }
-
-    EXPECT_EQ(sut->PubSubPublish("loop/a", payload, 1, 60, PublishPayloadFormat::kUnspecified,
-                                 "application/octet-stream", false),
-              pubsub_status::kOk);
-    EXPECT_EQ(sut->PubSubPublish("loop/b", {}, 0, 0, PublishPayloadFormat::kUtf8, "", false),
-              pubsub_status::kOk);
-
-    const auto acks = callback.WaitFor(Kind::kPublishAck, 2);
-    ASSERT_EQ(acks.size(), 2U);
-    const auto messages = callback.WaitFor(Kind::kMessage, 2);
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_EQ(messages[0].topic, "loop/a");
-    EXPECT_EQ(messages[0].payload, payload);
-    EXPECT_EQ(messages[1].topic, "loop/b");
-    EXPECT_TRUE(messages[1].payload.empty());
-    EXPECT_NE(
-        sut->PubSubPublish("loop/c", payload, 3, 0, PublishPayloadFormat::kUnspecified, "", false),
-        pubsub_status::kOk);
 }
 
 TEST(MosquittoPubSubTest, MisuseFailsWithAClearLineAndDisconnectEndsTheSession) {
@@ -317,13 +282,12 @@ TEST(MosquittoPubSubTest, MisuseFailsWithAClearLineAndDisconnectEndsTheSession) 
     EXPECT_EQ(notStarted.PubSubDisconnect(), pubsub_status::kFailed);
 
     StartedConnector sut(broker.Port(), "kv-misuse");
-    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
+    ASSERT_TRUE(Connected(*sut, callback));
     EXPECT_EQ(sut->PubSubSubscribe("bad/#/filter", true).status, pubsub_status::kFailed);
     EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
 
     EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kOk);
-    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(callback.WaitForStates(), (std::vector<int>{1, 0, 1}));
     EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kFailed);
     EXPECT_EQ(sut->PubSubSubscribe("a/b", true).status, pubsub_status::kFailed);
     EXPECT_EQ(sut->PubSubPublish("a/b", {1}, 0, 0, PublishPayloadFormat::kUnspecified, "", false),
@@ -339,12 +303,10 @@ TEST(MosquittoPubSubTest, DestroyedConnectorTellsTheCallbackNothingMore) {
     RecordingPubSubCallback callback;
     {
         StartedConnector sut(broker.Port(), "kv-destroyed");
-        ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-        ASSERT_EQ(callback.WaitForStates(2).size(), 2U);
-        ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
+        ASSERT_TRUE(Connected(*sut, callback, "push/#"));
     }
 
-    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
+    EXPECT_EQ(callback.WaitForStates(), (std::vector<int>{1, 0}));
     EXPECT_TRUE(callback.WaitFor(Kind::kSubscribeFailed, 0).empty());
 }
 
@@ -390,10 +352,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     GatedCallback disconnected;
     RecordingPubSubCallback next;
     StartedConnector sut(broker.Port(), "kv-disconnect");
-    ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
-    ASSERT_EQ(disconnected.WaitForStates(2).size(), 2U);
-    ASSERT_EQ(sut->PubSubSubscribe("push/#", true).status, pubsub_status::kOk);
-    ASSERT_EQ(disconnected.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
+    ASSERT_TRUE(Connected(*sut, disconnected, "push/#"));
     PublishFromOtherClient(broker, "push/1", "first");
     ASSERT_TRUE(disconnected.WaitUntilInside());
 
@@ -421,7 +380,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_TRUE(leftBeforeReturn);
     // A new session without a callback of its own does not revive the old one;
     // a new callback gets what follows, the old one nothing.
-    const auto statesAtDisconnect = disconnected.States();
+    const auto statesAtDisconnect = disconnected.WaitForStates();
     ASSERT_EQ(sut->PubSubConnect(nullptr), pubsub_status::kInProgress);
     ASSERT_TRUE(kelvane::testing::WaitUntil(
         [&] { return sut->PubSubSubscribe("push/#", false).status == pubsub_status::kOk; },
@@ -434,63 +393,23 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     ASSERT_EQ(next.WaitFor(Kind::kMessage, 1).size(), 1U);
     EXPECT_EQ(next.WaitFor(Kind::kMessage, 1).front().topic, "push/2");
     EXPECT_EQ(disconnected.WaitFor(Kind::kMessage, 0).size(), 1U);
-    EXPECT_EQ(disconnected.States(), statesAtDisconnect);
-}
-
-// A CA, a server certificate for 127.0.0.1 signed by it, and an unrelated CA.
-struct TestCertificates {
-    std::string ca;
-    std::string serverCertificate;
-    std::string serverKey;
-    std::string otherCa;
-};
-
-TestCertificates MakeCertificates(const TemporaryDirectory& directory) {
-    const auto run = [&](std::vector<std::string> argv) {
-        ChildProcess openssl({std::move(argv), {}, directory.File("openssl.txt")});
-        if (openssl.WaitForExit(kTimeout) != std::optional<int>(0)) {
-            throw std::runtime_error("openssl failed: " +
-                                     kelvane::testing::ReadFile(directory.File("openssl.txt")));
-        }
-    };
-    const auto file = [&](const char* name) { return directory.File(name); };
-    const std::vector<std::string> ecKey = {"-newkey", "ec", "-pkeyopt",
-                                            "ec_paramgen_curve:prime256v1", "-nodes"};
-    const auto request = [&](std::vector<std::string> tail) {
-        std::vector<std::string> argv = {"openssl", "req"};
-        argv.insert(argv.end(), ecKey.begin(), ecKey.end());
-        argv.insert(argv.end(), tail.begin(), tail.end());
-        run(argv);
-    };
-    request({"-x509", "-days", "2", "-subj", "/CN=kelvane test CA", "-keyout", file("ca.key"),
-             "-out", file("ca.crt")});
-    request({"-x509", "-days", "2", "-subj", "/CN=someone else", "-keyout", file("other.key"),
-             "-out", file("other.crt")});
-    request({"-subj", "/CN=127.0.0.1", "-keyout", file("server.key"), "-out", file("server.csr")});
-    const auto extensions = directory.Write("server.ext", "subjectAltName=IP:127.0.0.1\n");
-    run({"openssl", "x509", "-req", "-days", "2", "-in", file("server.csr"), "-CA", file("ca.crt"),
-         "-CAkey", file("ca.key"), "-CAcreateserial", "-extfile", extensions, "-out",
-         file("server.crt")});
-    // A broker started as root may read them as user mosquitto.
-    ::chmod(directory.Path().c_str(), 0755);
-    for (const char* name : {"ca.crt", "server.crt", "server.key"}) {
-        ::chmod(file(name).c_str(), 0644);
-    }
-    return {file("ca.crt"), file("server.crt"), file("server.key"), file("other.crt")};
+    EXPECT_EQ(disconnected.WaitForStates(), statesAtDisconnect);
 }
 
 TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority) {
     TemporaryDirectory pki;
-    const auto certificates = MakeCertificates(pki);
-    MosquittoBroker broker("cafile " + certificates.ca + "\ncertfile " +
-                           certificates.serverCertificate + "\nkeyfile " + certificates.serverKey +
-                           "\n");
+    kelvane::testing::MakeTestCertificates(pki.Path());
+    // A broker started as root may read them as user mosquitto.
+    ::chmod(pki.Path().c_str(), 0755);
+    ::chmod(pki.File("server.key").c_str(), 0644);
+    MosquittoBroker broker("cafile " + pki.File("ca.pem") + "\ncertfile " + pki.File("server.pem") +
+                           "\nkeyfile " + pki.File("server.key") + "\n");
     csc_logging::LogCapture log;
     RecordingPubSubCallback trusting;
     RecordingPubSubCallback distrusting;
-    StartedConnector sut(broker.Port(), "kv-tls", "tls_ca_file=" + certificates.ca + "\n");
+    StartedConnector sut(broker.Port(), "kv-tls", "tls_ca_file=" + pki.File("ca.pem") + "\n");
     StartedConnector wrongCa(broker.Port(), "kv-tls-wrong",
-                             "tls_ca_file=" + certificates.otherCa + "\n");
+                             "tls_ca_file=" + pki.File("untrusted-ca.pem") + "\n");
     StartedConnector missingCa(broker.Port(), "kv-tls-missing",
                                "tls_ca_file=" + pki.File("missing.crt") + "\n");
 
@@ -502,7 +421,7 @@ TEST(MosquittoPubSubTest, TlsBrokerIsReachedOnlyWithTheRightCertificateAuthority
     ASSERT_EQ(sut->PubSubSubscribe("push/tls", true).status, pubsub_status::kOk);
     EXPECT_EQ(trusting.WaitFor(Kind::kSubscribeAck, 1).size(), 1U);
     EXPECT_TRUE(log.WaitFor("cannot connect to MQTT broker", kTimeout));
-    EXPECT_EQ(distrusting.States(), std::vector<int>{1});
+    EXPECT_EQ(distrusting.WaitForStates(), std::vector<int>{1});
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
 }
 

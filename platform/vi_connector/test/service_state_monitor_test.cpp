@@ -1,11 +1,8 @@
 #include "service_state_monitor.hpp"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,6 +12,7 @@
 
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
+#include "test_support/scripted_tcp_server.hpp"
 #include "test_support/temporary_directory.hpp"
 #include "vi_connector/vi_connector.hpp"
 
@@ -22,6 +20,7 @@ namespace vi_connector {
 namespace {
 
 using namespace std::chrono_literals;
+using kelvane::testing::ScriptedTcpServer;
 using kelvane::testing::TemporaryDirectory;
 using Update = VIServiceControllerCallbackIf::SCConnectionStateUpdate;
 
@@ -60,31 +59,6 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<Update> updates_;
-};
-
-// A socket that accepts connections on 127.0.0.1 (the kernel completes the
-// handshake without accept()).
-class Listener {
-public:
-    Listener() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-            ::listen(fd_, 16) != 0 ||
-            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-            ADD_FAILURE() << "cannot listen on 127.0.0.1";
-        }
-        port_ = ntohs(address.sin_port);
-    }
-    ~Listener() { ::close(fd_); }
-    std::uint16_t Port() const { return port_; }
-
-private:
-    int fd_ = -1;
-    std::uint16_t port_ = 0;
 };
 
 TEST(ServiceStateMonitorTest, ProbeResultsBecomeStatesReportedOnEveryChangeOnly) {
@@ -134,7 +108,7 @@ TEST(ServiceStateMonitorTest, DestructionCancelsABlockedProbeWithoutReportingIt)
 }
 
 TEST(ServiceStateMonitorTest, TcpProbeSeesAListenerAndNothingBehindAClosedPort) {
-    Listener listener;
+    ScriptedTcpServer listener(ScriptedTcpServer::Script().Close());
     const int cancelFd = ::eventfd(0, EFD_CLOEXEC);
 
     EXPECT_TRUE(TcpReachable("127.0.0.1", listener.Port(), 2000, cancelFd));
@@ -173,38 +147,24 @@ TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
     }
 }
 
-class NoSessionCallback : public VISessionCallbackIf {
-public:
-    void VIConnectorStatus(SessionStatus status) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        status_ = status;
-        changed_.notify_all();
-    }
-    bool WaitForStart() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, 5s, [&] { return status_ != SessionStatus::kNotStarted; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    SessionStatus status_ = SessionStatus::kNotStarted;
-};
-
 std::string ConnectorIni(const std::string& connectionState, const std::string& url) {
     return "[connection_state]\n" + connectionState +
            "[transaction TTVI-Kelvane-C003.COzelkDlcChallenge]\nurl=" + url + "\ntoken=t\n";
 }
 
+bool Started(const VIConnector& connector) {
+    return kelvane::testing::WaitUntil(
+        [&] { return connector.GetSessionStatus() == SessionStatus::kOk; }, 5s);
+}
+
 TEST(ServiceStateMonitorTest, ConnectorReportsFixedStateAndLetsATestForceIt) {
     TemporaryDirectory dir;
-    NoSessionCallback session;
-    VIConnector sut(&session, nullptr,
+    VIConnector sut(nullptr, nullptr,
                     dir.Write("vi.ini", ConnectorIni("mode=fixed\nstate=3\n", "http://h/c")));
     RecordingStateCallback callback;
     EXPECT_EQ(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
     sut.Start();
-    ASSERT_TRUE(session.WaitForStart());
+    ASSERT_TRUE(Started(sut));
 
     RecordingStateCallback other;
     EXPECT_NE(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
@@ -222,15 +182,14 @@ TEST(ServiceStateMonitorTest, ConnectorReportsFixedStateAndLetsATestForceIt) {
 
 TEST(ServiceStateMonitorTest, ConnectorProbesTheFirstTransactionsHost) {
     TemporaryDirectory dir;
-    auto listener = std::make_unique<Listener>();
-    NoSessionCallback session;
+    auto listener = std::make_unique<ScriptedTcpServer>(ScriptedTcpServer::Script().Close());
     VIConnector sut(
-        &session, nullptr,
+        nullptr, nullptr,
         dir.Write("vi.ini",
                   ConnectorIni("mode=probe\nprobe_interval_ms=10\n",
                                "http://127.0.0.1:" + std::to_string(listener->Port()) + "/c")));
     sut.Start();
-    ASSERT_TRUE(session.WaitForStart());
+    ASSERT_TRUE(Started(sut));
     RecordingStateCallback callback;
 
     ASSERT_NE(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
