@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/loopback.hpp"
+#include "test_support/recording_vi_connector.hpp"
 #include "test_support/scripted_tcp_server.hpp"
-#include "vi_connector/vi_connector.hpp"
 
 namespace kelvane_client {
 namespace {
@@ -19,28 +18,11 @@ namespace {
 using namespace std::string_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
+using kelvane::testing::RecordingVIConnector;
 using kelvane::testing::ScriptedTcpServer;
 using Script = ScriptedTcpServer::Script;
 
 constexpr const char* kChallenge = "0A1B2C3D4E5F60718293A4B5C6D7E8F9";
-
-// Real TCP through the host connector, recording each transaction type.
-class FakeVIConnector : public vi_connector::VIConnector {
-public:
-    FakeVIConnector() : VIConnector(NoConfiguration{}) {}
-
-    vi_connector::SocketResult SocketConnect(const std::string& transactionTypeId,
-                                             const std::string& host, std::uint16_t port) override {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            transactionTypes.push_back(transactionTypeId);
-        }
-        return VIConnector::SocketConnect(transactionTypeId, host, port);
-    }
-
-    std::mutex mutex;
-    std::vector<std::string> transactionTypes;
-};
 
 std::string Answer(const std::string& statusLine, const std::string& body) {
     return "HTTP/1.1 " + statusLine + "\r\nContent-Length: " + std::to_string(body.size()) +
@@ -102,7 +84,15 @@ std::string Header(const std::string& method, const std::string& target,
 
 class BackendConnectionTest : public ::testing::Test {
 protected:
-    std::shared_ptr<FakeVIConnector> connector = std::make_shared<FakeVIConnector>();
+    std::vector<std::string> TransactionTypes() const {
+        std::vector<std::string> types;
+        for (const auto& call : connector->calls) {
+            types.push_back(call.transactionTypeId);
+        }
+        return types;
+    }
+
+    std::shared_ptr<RecordingVIConnector> connector = std::make_shared<RecordingVIConnector>();
     BackendConnection sut{connector};
     LogCapture log;
 };
@@ -120,8 +110,7 @@ TEST_F(BackendConnectionTest, ChallengeIsAnEmptyGetAndTheAnswerIsDecoded) {
         server.Received(0),
         Header("GET", "/zelk/challenge?v=3", "application/TTVI_CO_ZelkDlcChallengeRequest_v1+proto",
                "application/TTVI_CT_zelkDlcChallengeResponse_v3+proto", 0));
-    EXPECT_EQ(connector->transactionTypes,
-              std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcChallenge"});
+    EXPECT_EQ(TransactionTypes(), std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcChallenge"});
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U);
 }
 
@@ -138,8 +127,7 @@ TEST_F(BackendConnectionTest, DownloadPostsTheRequestMessageAndReturnsTheContain
               Header("POST", "/dl", "application/TTVI_CO_zelkDlcRequest_v3+proto",
                      "application/TTVI_CT_zelkDlcResponse_v3+proto", kSampleWire.size()) +
                   kSampleWire);
-    EXPECT_EQ(connector->transactionTypes,
-              std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcDownload"});
+    EXPECT_EQ(TransactionTypes(), std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcDownload"});
     EXPECT_TRUE(log.Contains(LogLevel::kInfo, "HTTP Payload has been received 200"));
 }
 
@@ -154,7 +142,7 @@ TEST_F(BackendConnectionTest, FeedbackPostsWithoutAcceptAndLogsEveryField) {
               Header("POST", "/fb", "application/TTVI_CO_ZelkDlcStatusFeedbackRequest_v3+proto", "",
                      kSampleWire.size()) +
                   kSampleWire);
-    EXPECT_EQ(connector->transactionTypes,
+    EXPECT_EQ(TransactionTypes(),
               std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcStatusFeedback"});
     const std::vector<std::string> lines = {
         "Feedback payload - tesmoChallenge: 'AB'", "Feedback payload - diagnosticID: 'D'",
@@ -256,7 +244,7 @@ TEST_F(BackendConnectionTest, UrlThatCannotBeSplitFailsWithoutConnecting) {
     EXPECT_FALSE(sut.DownloadRequest("t", SampleParams(), "http://:1/", container));
     EXPECT_EQ(sut.SendStatusFeedback(SampleParams(), "t", "http://h:port/"), 1);
 
-    EXPECT_TRUE(connector->transactionTypes.empty());
+    EXPECT_TRUE(connector->calls.empty());
     EXPECT_EQ(challenge, "previous");
     EXPECT_EQ(container, "previous");
 }

@@ -6,15 +6,13 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/loopback.hpp"
+#include "test_support/recording_vi_connector.hpp"
 #include "test_support/scripted_tcp_server.hpp"
-#include "vi_connector/vi_connector.hpp"
 
 namespace csa_common {
 namespace {
@@ -23,36 +21,11 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
+using kelvane::testing::RecordingVIConnector;
 using kelvane::testing::ScriptedTcpServer;
 using Script = ScriptedTcpServer::Script;
 
 constexpr const char* kTransaction = "TTVI-Kelvane-C003.COzelkDlcChallenge";
-
-// Real TCP through the host connector, recording what it was asked for; or a
-// descriptor the test hands in, or a failure status.
-class FakeVIConnector : public vi_connector::VIConnector {
-public:
-    FakeVIConnector() : VIConnector(NoConfiguration{}) {}
-
-    vi_connector::SocketResult SocketConnect(const std::string& transactionTypeId,
-                                             const std::string& host, std::uint16_t port) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        calls.push_back({transactionTypeId, host, port});
-        if (fixedResult) {
-            return *fixedResult;
-        }
-        return VIConnector::SocketConnect(transactionTypeId, host, port);
-    }
-
-    struct Call {
-        std::string transactionTypeId;
-        std::string host;
-        std::uint16_t port;
-    };
-    std::mutex mutex;
-    std::vector<Call> calls;
-    std::optional<vi_connector::SocketResult> fixedResult;
-};
 
 // The real receive logic with the poll time-outs shrunk twentyfold, so that
 // the 20 s and 10 s waits take 1 s and 0.5 s, or with scripted poll results;
@@ -100,7 +73,7 @@ protected:
         return pair[1];
     }
 
-    std::shared_ptr<FakeVIConnector> connector = std::make_shared<FakeVIConnector>();
+    std::shared_ptr<RecordingVIConnector> connector = std::make_shared<RecordingVIConnector>();
     LogCapture log;
 };
 
@@ -267,21 +240,46 @@ TEST_F(HttpConnectionTest, TestOpensAndClosesAConnectionWithoutSendingAnything) 
     EXPECT_EQ(connector->calls[1].transactionTypeId, "other");
 }
 
-TEST_F(HttpConnectionTest, ContinueAndFinalAnswerInOneReadWaitForAnotherResponse) {
-    // Both answers arrive before the gap, so the parse sees 100 and the next
-    // receive finds the peer gone: an empty response, marked 4095.
-    ScriptedTcpServer server(Script()
-                                 .ReceiveRequest()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nabc")
-                                 .Close());
-    HttpProtocol protocol;
-    const HttpConnection sut(connector);
+TEST_F(HttpConnectionTest, InterimContinueIsSkippedOnlyWhenItArrivesInAReadOfItsOwn) {
+    // When both answers arrive together the parse sees 100 and the next receive
+    // finds the peer gone: an empty response, marked 4095.
+    const struct {
+        const char* name;
+        Script script;
+        std::uint16_t status;
+        std::string payload;
+    } cases[] = {
+        {"one read",
+         Script()
+             .ReceiveRequest()
+             .Send("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nabc")
+             .Close(),
+         4095, ""},
+        {"separate reads",
+         Script()
+             .ReceiveRequest()
+             .Send("HTTP/1.1 100 Continue\r\n\r\n")
+             .Pause(1500ms)
+             .Send("HTTP/1.1 200 OK\r\n\r\nfinal")
+             .Close(),
+         200, "final"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedTcpServer server(c.script);
+        HttpProtocol protocol;
+        const TimeScaledHttpConnection sut(connector);
+        log.Clear();
 
-    const auto code = sut.Get(protocol, kTransaction, server.Url());
+        const auto code = sut.Post(protocol, kTransaction, server.Url());
 
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 4095);
-    EXPECT_EQ(log.Count("HttpConnection: Received Response"), 2U);
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(protocol.ResponseStatusCode(), c.status);
+        EXPECT_EQ(protocol.ResponsePayload(), c.payload);
+        EXPECT_EQ(log.Count("HttpConnection: Received Response"), 2U);
+        EXPECT_TRUE(log.Contains(LogLevel::kDebug, "-----\nHTTP/1.1 100 Continue\n-----"));
+        EXPECT_EQ(server.Connections(), 1U);
+    }
 }
 
 TEST_F(HttpConnectionTest, ServerThatKeepsTheConnectionOpenEndsAfterTheGap) {
@@ -311,25 +309,6 @@ TEST_F(HttpConnectionTest, SilentServerGivesAnEmptyResponseMarked4095AndCode0) {
     EXPECT_EQ(protocol.ResponseStatusCode(), 4095);
     EXPECT_EQ(sut.requestedTimeouts, (std::vector<int>{20000, 10000}));
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U);
-}
-
-TEST_F(HttpConnectionTest, InterimContinueInAnEarlierReadIsSkipped) {
-    ScriptedTcpServer server(Script()
-                                 .ReceiveRequest()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\n")
-                                 .Pause(1500ms)
-                                 .Send("HTTP/1.1 200 OK\r\n\r\nfinal")
-                                 .Close());
-    HttpProtocol protocol;
-    const TimeScaledHttpConnection sut(connector);
-
-    const auto code = sut.Post(protocol, kTransaction, server.Url());
-
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 200);
-    EXPECT_EQ(protocol.ResponseHeader(), "HTTP/1.1 200 OK");
-    EXPECT_EQ(protocol.ResponsePayload(), "final");
-    EXPECT_TRUE(log.Contains(LogLevel::kDebug, "-----\nHTTP/1.1 100 Continue\n-----"));
 }
 
 TEST_F(HttpConnectionTest, PutSendsItsBodyOnlyAfterContinue) {
