@@ -84,14 +84,6 @@ std::string Header(const std::string& method, const std::string& target,
 
 class BackendConnectionTest : public ::testing::Test {
 protected:
-    std::vector<std::string> TransactionTypes() const {
-        std::vector<std::string> types;
-        for (const auto& call : connector->calls) {
-            types.push_back(call.transactionTypeId);
-        }
-        return types;
-    }
-
     std::shared_ptr<RecordingVIConnector> connector = std::make_shared<RecordingVIConnector>();
     BackendConnection sut{connector};
     LogCapture log;
@@ -110,7 +102,8 @@ TEST_F(BackendConnectionTest, ChallengeIsAnEmptyGetAndTheAnswerIsDecoded) {
         server.Received(0),
         Header("GET", "/zelk/challenge?v=3", "application/TTVI_CO_ZelkDlcChallengeRequest_v1+proto",
                "application/TTVI_CT_zelkDlcChallengeResponse_v3+proto", 0));
-    EXPECT_EQ(TransactionTypes(), std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcChallenge"});
+    ASSERT_EQ(connector->calls.size(), 1U);
+    EXPECT_EQ(connector->calls[0].transactionTypeId, "TTVI-Kelvane-C003.COzelkDlcChallenge");
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U);
 }
 
@@ -127,7 +120,8 @@ TEST_F(BackendConnectionTest, DownloadPostsTheRequestMessageAndReturnsTheContain
               Header("POST", "/dl", "application/TTVI_CO_zelkDlcRequest_v3+proto",
                      "application/TTVI_CT_zelkDlcResponse_v3+proto", kSampleWire.size()) +
                   kSampleWire);
-    EXPECT_EQ(TransactionTypes(), std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcDownload"});
+    ASSERT_EQ(connector->calls.size(), 1U);
+    EXPECT_EQ(connector->calls[0].transactionTypeId, "TTVI-Kelvane-C003.COzelkDlcDownload");
     EXPECT_TRUE(log.Contains(LogLevel::kInfo, "HTTP Payload has been received 200"));
 }
 
@@ -142,8 +136,8 @@ TEST_F(BackendConnectionTest, FeedbackPostsWithoutAcceptAndLogsEveryField) {
               Header("POST", "/fb", "application/TTVI_CO_ZelkDlcStatusFeedbackRequest_v3+proto", "",
                      kSampleWire.size()) +
                   kSampleWire);
-    EXPECT_EQ(TransactionTypes(),
-              std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcStatusFeedback"});
+    ASSERT_EQ(connector->calls.size(), 1U);
+    EXPECT_EQ(connector->calls[0].transactionTypeId, "TTVI-Kelvane-C003.COzelkDlcStatusFeedback");
     const std::vector<std::string> lines = {
         "Feedback payload - tesmoChallenge: 'AB'", "Feedback payload - diagnosticID: 'D'",
         "Feedback payload - partNumber: 'P'",      "Feedback payload - tesmoIdString: 'T'",
