@@ -165,7 +165,7 @@ TEST_F(HttpConnectionTest, ResponseLargerThanTheReceiveBufferArrivesWhole) {
                              " bytes from socket"));
 }
 
-TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLines) {
+TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLinesWithTheConnectorsStatus) {
     const auto closedPort = kelvane::testing::FreeTcpPort();
     HttpProtocol protocol;
     const HttpConnection sut("127.0.0.1", closedPort, kTransaction, connector);
@@ -180,16 +180,9 @@ TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLines) {
     EXPECT_EQ(log.Count(LogLevel::kError, "HttpConnection: Connection failed!"), 2U);
     EXPECT_LT(log.IndexOf("Connection not established"), log.IndexOf("Connection failed!"));
     EXPECT_FALSE(log.Contains("Connection established"));
-}
-
-TEST_F(HttpConnectionTest, ConnectorStatusIsLoggedAndTheDescriptorDecides) {
+    // The connector's own status is logged; the missing descriptor decides.
     connector->fixedResult = vi_connector::SocketResult{7, -1};
-    HttpProtocol protocol;
-    const HttpConnection sut(connector);
-
-    const auto code = sut.Post(protocol, kTransaction, "http://h:1/");
-
-    EXPECT_EQ(code, 1);
+    EXPECT_EQ(sut.Post(protocol, kTransaction, "http://h:1/"), 1);
     EXPECT_TRUE(
         log.Contains(LogLevel::kError, "HttpConnection: Connection not established. Status: 7"));
 }
