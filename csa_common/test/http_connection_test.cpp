@@ -6,15 +6,13 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/loopback.hpp"
+#include "test_support/recording_vi_connector.hpp"
 #include "test_support/scripted_tcp_server.hpp"
-#include "vi_connector/vi_connector.hpp"
 
 namespace csa_common {
 namespace {
@@ -23,45 +21,28 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
+using kelvane::testing::RecordingVIConnector;
 using kelvane::testing::ScriptedTcpServer;
 using Script = ScriptedTcpServer::Script;
 
 constexpr const char* kTransaction = "TTVI-Kelvane-C003.COzelkDlcChallenge";
 
-// Real TCP through the host connector, recording what it was asked for; or a
-// descriptor the test hands in, or a failure status.
-class FakeVIConnector : public vi_connector::VIConnector {
-public:
-    FakeVIConnector() : VIConnector(NoConfiguration{}) {}
-
-    vi_connector::SocketResult SocketConnect(const std::string& transactionTypeId,
-                                             const std::string& host, std::uint16_t port) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        calls.push_back({transactionTypeId, host, port});
-        if (fixedResult) {
-            return *fixedResult;
-        }
-        return VIConnector::SocketConnect(transactionTypeId, host, port);
-    }
-
-    struct Call {
-        std::string transactionTypeId;
-        std::string host;
-        std::uint16_t port;
-    };
-    std::mutex mutex;
-    std::vector<Call> calls;
-    std::optional<vi_connector::SocketResult> fixedResult;
-};
-
 // The real receive logic with the poll time-outs shrunk twentyfold, so that
-// the 20 s and 10 s waits take 1 s and 0.5 s; records what the code asked for.
+// the 20 s and 10 s waits take 1 s and 0.5 s, or with scripted poll results;
+// records what the code asked for.
 class TimeScaledHttpConnection : public HttpConnection {
 public:
-    using HttpConnection::HttpConnection;
+    explicit TimeScaledHttpConnection(std::shared_ptr<vi_connector::VIConnector> viConnector,
+                                      std::vector<int> pollResults = {})
+        : HttpConnection(std::move(viConnector)), pollResults_(std::move(pollResults)) {}
 
     int Poll(int timeoutMs, int fd) const override {
         requestedTimeouts.push_back(timeoutMs);
+        if (!pollResults_.empty()) {
+            return requestedTimeouts.size() <= pollResults_.size()
+                       ? pollResults_[requestedTimeouts.size() - 1]
+                       : 0;
+        }
         return HttpConnection::Poll(timeoutMs / 20, fd);
     }
     void CloseConnection(int fd) const override {
@@ -71,11 +52,28 @@ public:
 
     mutable std::vector<int> requestedTimeouts;
     mutable std::vector<int> closed;
+
+private:
+    std::vector<int> pollResults_;
 };
 
 class HttpConnectionTest : public ::testing::Test {
 protected:
-    std::shared_ptr<FakeVIConnector> connector = std::make_shared<FakeVIConnector>();
+    // The connector hands out one end of a socket pair whose peer has already
+    // sent the answer; returns the peer's end.
+    int PeerThatAnswered(const std::string& answer) {
+        int pair[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+        EXPECT_EQ(::write(pair[1], answer.data(), answer.size()),
+                  static_cast<ssize_t>(answer.size()));
+        if (!answer.empty()) {
+            ::shutdown(pair[1], SHUT_WR);
+        }
+        connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
+        return pair[1];
+    }
+
+    std::shared_ptr<RecordingVIConnector> connector = std::make_shared<RecordingVIConnector>();
     LogCapture log;
 };
 
@@ -167,7 +165,7 @@ TEST_F(HttpConnectionTest, ResponseLargerThanTheReceiveBufferArrivesWhole) {
                              " bytes from socket"));
 }
 
-TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLines) {
+TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLinesWithTheConnectorsStatus) {
     const auto closedPort = kelvane::testing::FreeTcpPort();
     HttpProtocol protocol;
     const HttpConnection sut("127.0.0.1", closedPort, kTransaction, connector);
@@ -182,27 +180,15 @@ TEST_F(HttpConnectionTest, RefusedConnectionGivesCode1AndBothErrorLines) {
     EXPECT_EQ(log.Count(LogLevel::kError, "HttpConnection: Connection failed!"), 2U);
     EXPECT_LT(log.IndexOf("Connection not established"), log.IndexOf("Connection failed!"));
     EXPECT_FALSE(log.Contains("Connection established"));
-}
-
-TEST_F(HttpConnectionTest, ConnectorStatusIsLoggedAndTheDescriptorDecides) {
+    // The connector's own status is logged; the missing descriptor decides.
     connector->fixedResult = vi_connector::SocketResult{7, -1};
-    HttpProtocol protocol;
-    const HttpConnection sut(connector);
-
-    const auto code = sut.Post(protocol, kTransaction, "http://h:1/");
-
-    EXPECT_EQ(code, 1);
+    EXPECT_EQ(sut.Post(protocol, kTransaction, "http://h:1/"), 1);
     EXPECT_TRUE(
         log.Contains(LogLevel::kError, "HttpConnection: Connection not established. Status: 7"));
 }
 
 TEST_F(HttpConnectionTest, Ipv6LiteralConnectsToTheAddressAndKeepsItsBracketsInTheHostHeader) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const std::string answer = "HTTP/1.1 200 OK\r\n\r\n";
-    ASSERT_EQ(::write(pair[1], answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    ::shutdown(pair[1], SHUT_WR);
-    connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
+    const int peer = PeerThatAnswered("HTTP/1.1 200 OK\r\n\r\n");
     HttpProtocol protocol;
     const TimeScaledHttpConnection sut(connector);
 
@@ -213,11 +199,11 @@ TEST_F(HttpConnectionTest, Ipv6LiteralConnectsToTheAddressAndKeepsItsBracketsInT
     EXPECT_EQ(connector->calls[0].host, "::1");
     EXPECT_EQ(connector->calls[0].port, 8080);
     char sent[512];
-    const ssize_t count = ::read(pair[1], sent, sizeof sent);
+    const ssize_t count = ::read(peer, sent, sizeof sent);
     ASSERT_GT(count, 0);
     EXPECT_NE(std::string(sent, static_cast<std::size_t>(count)).find("\r\nHost: [::1]\r\n"),
               std::string::npos);
-    ::close(pair[1]);
+    ::close(peer);
 }
 
 TEST_F(HttpConnectionTest, UnparsableUrlGivesCode2WithoutConnecting) {
@@ -247,21 +233,46 @@ TEST_F(HttpConnectionTest, TestOpensAndClosesAConnectionWithoutSendingAnything) 
     EXPECT_EQ(connector->calls[1].transactionTypeId, "other");
 }
 
-TEST_F(HttpConnectionTest, ContinueAndFinalAnswerInOneReadWaitForAnotherResponse) {
-    // Both answers arrive before the gap, so the parse sees 100 and the next
-    // receive finds the peer gone: an empty response, marked 4095.
-    ScriptedTcpServer server(Script()
-                                 .ReceiveRequest()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nabc")
-                                 .Close());
-    HttpProtocol protocol;
-    const HttpConnection sut(connector);
+TEST_F(HttpConnectionTest, InterimContinueIsSkippedOnlyWhenItArrivesInAReadOfItsOwn) {
+    // When both answers arrive together the parse sees 100 and the next receive
+    // finds the peer gone: an empty response, marked 4095.
+    const struct {
+        const char* name;
+        Script script;
+        std::uint16_t status;
+        std::string payload;
+    } cases[] = {
+        {"one read",
+         Script()
+             .ReceiveRequest()
+             .Send("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nabc")
+             .Close(),
+         4095, ""},
+        {"separate reads",
+         Script()
+             .ReceiveRequest()
+             .Send("HTTP/1.1 100 Continue\r\n\r\n")
+             .Pause(1500ms)
+             .Send("HTTP/1.1 200 OK\r\n\r\nfinal")
+             .Close(),
+         200, "final"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedTcpServer server(c.script);
+        HttpProtocol protocol;
+        const TimeScaledHttpConnection sut(connector);
+        log.Clear();
 
-    const auto code = sut.Get(protocol, kTransaction, server.Url());
+        const auto code = sut.Post(protocol, kTransaction, server.Url());
 
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 4095);
-    EXPECT_EQ(log.Count("HttpConnection: Received Response"), 2U);
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(protocol.ResponseStatusCode(), c.status);
+        EXPECT_EQ(protocol.ResponsePayload(), c.payload);
+        EXPECT_EQ(log.Count("HttpConnection: Received Response"), 2U);
+        EXPECT_TRUE(log.Contains(LogLevel::kDebug, "-----\nHTTP/1.1 100 Continue\n-----"));
+        EXPECT_EQ(server.Connections(), 1U);
+    }
 }
 
 TEST_F(HttpConnectionTest, ServerThatKeepsTheConnectionOpenEndsAfterTheGap) {
@@ -290,112 +301,65 @@ TEST_F(HttpConnectionTest, SilentServerGivesAnEmptyResponseMarked4095AndCode0) {
     EXPECT_EQ(code, 0);
     EXPECT_EQ(protocol.ResponseStatusCode(), 4095);
     EXPECT_EQ(sut.requestedTimeouts, (std::vector<int>{20000, 10000}));
-    EXPECT_TRUE(log.Contains("HttpConnection: Total received 0 bytes from socket"));
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U);
 }
 
-TEST_F(HttpConnectionTest, InterimContinueInAnEarlierReadIsSkipped) {
-    ScriptedTcpServer server(Script()
-                                 .ReceiveRequest()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\n")
-                                 .Pause(1500ms)
-                                 .Send("HTTP/1.1 200 OK\r\n\r\nfinal")
-                                 .Close());
-    HttpProtocol protocol;
-    const TimeScaledHttpConnection sut(connector);
-
-    const auto code = sut.Post(protocol, kTransaction, server.Url());
-
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 200);
-    EXPECT_EQ(protocol.ResponseHeader(), "HTTP/1.1 200 OK");
-    EXPECT_EQ(protocol.ResponsePayload(), "final");
-    EXPECT_TRUE(log.Contains(LogLevel::kDebug, "-----\nHTTP/1.1 100 Continue\n-----"));
-}
-
 TEST_F(HttpConnectionTest, PutSendsItsBodyOnlyAfterContinue) {
-    ScriptedTcpServer server(Script()
-                                 .ReceiveHeader()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\n")
-                                 .ReceiveBytes(4)
-                                 .Send("HTTP/1.1 204 No Content\r\n\r\n")
-                                 .Close());
-    HttpProtocol protocol;
-    protocol.SetOption(HttpOption::Authorization, "Bearer never-sent");
-    protocol.SetOption(HttpOption::Payload, "data");
-    const TimeScaledHttpConnection sut(connector);
+    const std::string header =
+        "PUT /p HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/html\r\n"
+        "Expect: 100-continue\r\nContent-Length: 4\r\n\r\n";
+    const std::string inlineHeader =
+        "PUT /p HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/html\r\n"
+        "Content-Length: 4\r\n\r\n";
+    const struct {
+        const char* name;
+        Script script;
+        bool inlinePut;
+        std::uint16_t status;
+        std::string received;
+    } cases[] = {
+        {"continue",
+         Script()
+             .ReceiveHeader()
+             .Send("HTTP/1.1 100 Continue\r\n\r\n")
+             .ReceiveBytes(4)
+             .Send("HTTP/1.1 204 No Content\r\n\r\n")
+             .Close(),
+         false, 204, header + "data"},
+        {"refused before continue",
+         Script().ReceiveHeader().Send("HTTP/1.1 413 Too Large\r\n\r\n").KeepOpen(), false, 413,
+         header},
+        // The body went with the header, and goes again after the continue.
+        {"inline",
+         Script()
+             .ReceiveRequest()
+             .Send("HTTP/1.1 100 Continue\r\n\r\n")
+             .ReceiveBytes(4)
+             .Send("HTTP/1.1 200 OK\r\n\r\n")
+             .Close(),
+         true, 200, inlineHeader + "datadata"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedTcpServer server(c.script);
+        HttpProtocol protocol;
+        if (c.inlinePut) {
+            protocol.SetOption(HttpOption::InlinePutPayload);
+        }
+        protocol.SetOption(HttpOption::Payload, "data");
+        const TimeScaledHttpConnection sut(connector);
+        log.Clear();
 
-    const auto code = sut.Put(protocol, kTransaction, server.Url("/p"));
+        const auto code = sut.Put(protocol, kTransaction, server.Url("/p"));
 
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 204);
-    EXPECT_EQ(server.Received(0),
-              "PUT /p HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/html\r\n"
-              "Expect: 100-continue\r\nContent-Length: 4\r\n\r\ndata");
-    EXPECT_TRUE(log.Contains(LogLevel::kDebug, "HttpConnection: Sent payload 4 bytes\n\n"));
-}
-
-TEST_F(HttpConnectionTest, PutRefusedBeforeContinueKeepsItsBody) {
-    ScriptedTcpServer server(
-        Script().ReceiveHeader().Send("HTTP/1.1 413 Too Large\r\n\r\n").KeepOpen());
-    HttpProtocol protocol;
-    protocol.SetOption(HttpOption::Payload, "data");
-    const TimeScaledHttpConnection sut(connector);
-
-    const auto code = sut.Put(protocol, kTransaction, server.Url("/p"));
-
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 413);
-    ASSERT_TRUE(server.WaitForFinished(1, 5s));
-    EXPECT_EQ(server.Received(0).find("data"), std::string::npos);
-    EXPECT_FALSE(log.Contains("Sent payload"));
-}
-
-TEST_F(HttpConnectionTest, PutSendsItsBodyAfterContinueEvenWhenItWentInline) {
-    ScriptedTcpServer server(Script()
-                                 .ReceiveRequest()
-                                 .Send("HTTP/1.1 100 Continue\r\n\r\n")
-                                 .ReceiveBytes(4)
-                                 .Send("HTTP/1.1 200 OK\r\n\r\n")
-                                 .Close());
-    HttpProtocol protocol;
-    protocol.SetOption(HttpOption::InlinePutPayload);
-    protocol.SetOption(HttpOption::Payload, "data");
-    const TimeScaledHttpConnection sut(connector);
-
-    const auto code = sut.Put(protocol, kTransaction, server.Url("/p"));
-
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(protocol.ResponseStatusCode(), 200);
-    EXPECT_EQ(server.Received(0),
-              "PUT /p HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/html\r\n"
-              "Content-Length: 4\r\n\r\ndatadata");
-    EXPECT_TRUE(log.Contains(LogLevel::kDebug, "HttpConnection: Sent payload 4 bytes\n\n"));
-}
-
-// Poll results the code has to survive without a real poll error.
-class FailingPollHttpConnection : public HttpConnection {
-public:
-    FailingPollHttpConnection(std::shared_ptr<vi_connector::VIConnector> viConnector,
-                              std::vector<int> results)
-        : HttpConnection(std::move(viConnector)), results_(std::move(results)) {}
-
-    int Poll(int /*timeoutMs*/, int /*fd*/) const override {
-        const int result = next_ < results_.size() ? results_[next_] : 0;
-        ++next_;
-        return result;
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(protocol.ResponseStatusCode(), c.status);
+        ASSERT_TRUE(server.WaitForFinished(1, 5s));
+        EXPECT_EQ(server.Received(0), c.received);
+        EXPECT_EQ(log.Count(LogLevel::kDebug, "HttpConnection: Sent payload 4 bytes\n\n"),
+                  c.status == 413 ? 0U : 1U);
     }
-    void CloseConnection(int fd) const override {
-        closed.push_back(fd);
-        HttpConnection::CloseConnection(fd);
-    }
-
-    mutable std::vector<int> closed;
-
-private:
-    std::vector<int> results_;
-    mutable std::size_t next_ = 0;
-};
+}
 
 TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
     struct Case {
@@ -404,11 +368,10 @@ TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
     };
     for (const auto& c : {Case{{-1}, "HttpConnection: Receive Timeout!"},
                           Case{{1, -1}, "HttpConnection: Receive Timeout!!"}}) {
-        int pair[2];
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-        connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
+        const int peer = PeerThatAnswered("");
+        const int own = connector->fixedResult->fd;
         HttpProtocol protocol;
-        const FailingPollHttpConnection sut(connector, c.polls);
+        const TimeScaledHttpConnection sut(connector, c.polls);
         log.Clear();
 
         const auto code = sut.Get(protocol, kTransaction, "http://h:80/");
@@ -417,25 +380,21 @@ TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
         EXPECT_TRUE(sut.closed.empty());
         EXPECT_EQ(log.Count(LogLevel::kError, "Receive Timeout"), 1U);
         EXPECT_TRUE(log.Contains(LogLevel::kError, c.error));
-        EXPECT_EQ(::close(pair[0]), 0) << "the descriptor was still open";
-        ::close(pair[1]);
+        EXPECT_EQ(::close(own), 0) << "the descriptor was still open";
+        ::close(peer);
     }
 }
 
 TEST_F(HttpConnectionTest, StatusWithoutDigitsEscapesButTheSocketIsClosed) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const std::string answer = "HTTP/1.1 OK\r\n\r\n";
-    ASSERT_EQ(::write(pair[1], answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    ::shutdown(pair[1], SHUT_WR);
-    connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
+    const int peer = PeerThatAnswered("HTTP/1.1 OK\r\n\r\n");
+    const int own = connector->fixedResult->fd;
     HttpProtocol protocol;
     const TimeScaledHttpConnection sut(connector);
 
     EXPECT_THROW(sut.Get(protocol, kTransaction, "http://h/"), std::invalid_argument);
 
-    EXPECT_EQ(sut.closed, std::vector<int>{pair[0]});
-    ::close(pair[1]);
+    EXPECT_EQ(sut.closed, std::vector<int>{own});
+    ::close(peer);
 }
 
 struct UrlCase {
@@ -492,10 +451,6 @@ INSTANTIATE_TEST_SUITE_P(
                 "http://h",
                 {"http", "h", 80, ""},
                 "Received URL missing port number. Default HTTP port used: 80"},
-        UrlCase{"PortWithoutPath",
-                "http://backend.example:8080",
-                {"http", "backend.example", 8080, ""},
-                ""},
         UrlCase{"RootPath", "http://h:1/", {"http", "h", 1, "/"}, ""},
         UrlCase{"Ipv6Literal", "http://[::1]:8080/x", {"http", "::1", 8080, "/x"}, ""},
         UrlCase{"Ipv6LiteralClosedOnlyInThePath",
@@ -505,7 +460,6 @@ INSTANTIATE_TEST_SUITE_P(
         UrlCase{"NoPrefix", "backend.example/p", {}, "URL parsing failed! URL prefix not found!"},
         UrlCase{"NoHost", "http:///p", {}, "URL parsing failed! Domain not found!"},
         UrlCase{"NoHostBeforePort", "http://:80/p", {}, "URL parsing failed! Domain not found!"},
-        UrlCase{"Empty", "", {}, "URL parsing failed! URL prefix not found!"},
         UrlCase{
             "ColonWithoutPort", "http://h:/p", {}, "URL parsing failed! Port number not found!"},
         UrlCase{"ColonAtEnd", "http://h:", {}, "URL parsing failed! Port number not found!"},
