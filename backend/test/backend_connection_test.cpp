@@ -5,9 +5,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
+#include "proto/TTVI_CO_zelkDlcRequest_v3.pb.h"
+#include "proto/TTVI_CO_zelkDlcStatusFeedbackRequest_v3.pb.h"
+#include "proto/TTVI_CT_zelkDlcChallengeResponse_v3.pb.h"
+#include "proto/TTVI_CT_zelkDlcResponse_v3.pb.h"
 #include "test_support/loopback.hpp"
 #include "test_support/recording_vi_connector.hpp"
 #include "test_support/scripted_tcp_server.hpp"
@@ -255,6 +260,23 @@ TEST_F(BackendConnectionTest, BothBuildersMapTheParametersToTheSameWireBytes) {
     EXPECT_EQ(sut.CreateDLCDownloadRequest(highest),
               "\x32\x04"
               "FFFF");
+}
+
+// A backend that resolves types by schema file name finds them only under
+// their own names, with no folder in front.
+TEST(BackendMessagesTest, SchemasRegisterUnderTheirOwnFileNamesInOnePackage) {
+    namespace messages = domain::backend::zelkDlc::proto;
+    const std::pair<const google::protobuf::Descriptor*, const char*> cases[] = {
+        {messages::zelkDlcRequestType::descriptor(), "TTVI_CO_zelkDlcRequest_v3.proto"},
+        {messages::zelkDlcStatusFeedbackRequestType::descriptor(),
+         "TTVI_CO_zelkDlcStatusFeedbackRequest_v3.proto"},
+        {messages::zelkDlcChallengeResponseType::descriptor(),
+         "TTVI_CT_zelkDlcChallengeResponse_v3.proto"},
+        {messages::zelkDlcResponseType::descriptor(), "TTVI_CT_zelkDlcResponse_v3.proto"}};
+    for (const auto& [descriptor, fileName] : cases) {
+        EXPECT_EQ(descriptor->file()->name(), fileName);
+        EXPECT_EQ(descriptor->file()->package(), "domain.backend.zelkDlc.proto");
+    }
 }
 
 }  // namespace
