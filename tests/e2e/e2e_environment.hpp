@@ -43,12 +43,17 @@ public:
     std::optional<int> ClientExit(std::chrono::milliseconds timeout);
     bool ClientRunning();
     testing::MosquittoBroker& Broker() { return broker_; }
+    testing::PrivateDbusDaemon& Bus() { return bus_; }
+    /// SIGKILL: the simulator gets no chance to tidy up.
+    void KillVehicle();
 
     // What a person would do.
     void Ignition(bool on);
     void Push();
     void AddBackendFault(const std::string& definition);
     void VehicleService(const std::string& action, const std::string& name);
+    /// `kelvane-vehicle-sim <arguments> --state DIR`; throws when it fails.
+    void VehicleCommand(std::vector<std::string> arguments);
 
     // What a person would look at.
     std::string ClientLog() const;
@@ -59,6 +64,7 @@ public:
     /// `kelvane-vehicle-sim status` as key/value pairs.
     std::map<std::string, std::string> VehicleStatus() const;
     std::string BackendEvents() const;
+    std::string VehicleLog() const;
     std::size_t BackendEventCount(const std::string& text) const;
     /// Every process's log, for a failing test's output.
     std::string Logs() const;
