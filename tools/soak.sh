@@ -237,6 +237,8 @@ client_restarted() { [[ $expect_kill == 0 ]]; }
 trigger() {
     local starts_before=$client_starts started_before before
     started_before=$(seg_count "DLC Update Started")
+    local declined_before
+    declined_before=$(segment | grep -c -e " Ignored!" -e "no DLC Update needed" -e "DLC update is already")
     local updated_before
     updated_before=$(count "DLC Update finished successfully." "$client_log")
     if (( RANDOM % 2 )); then
@@ -246,6 +248,7 @@ trigger() {
             rearm_certificate
             wait_ready_again "$before"
             starts_before=$client_starts started_before=$(seg_count "DLC Update Started")
+            declined_before=$(segment | grep -c -e " Ignored!" -e "no DLC Update needed" -e "DLC update is already")
         fi
         say "$step_name"
         "$vehicle_bin" clamp off --state "$work/vehicle" >/dev/null 2>&1 || violation "clamp off refused"
@@ -257,7 +260,9 @@ trigger() {
     fi
     # Accepted: an update starts (an ignored push or a valid certificate start none).
     started() { (( client_starts != starts_before || $(seg_count "DLC Update Started") > started_before )); }
-    if wait_until 8 started; then
+    declined() { (( $(segment | grep -c -e " Ignored!" -e "no DLC Update needed" -e "DLC update is already") > declined_before )); }
+    decided() { started || declined; }
+    if wait_until 8 decided && started; then
         wait_until 90 idle || violation "update without an outcome after 90 s"
     fi
     local updated

@@ -311,6 +311,10 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                                             << ", reconnecting: " << error.getMessage());
             everLost = true;
             disconnect();
+        } catch (const std::exception& error) {
+            // A handler that threw: the connection itself is fine, and this thread must go on.
+            CSCLogging::Error(CSCLogEntry()
+                              << state->name << ": bus message handler failed: " << error.what());
         }
     }
 
