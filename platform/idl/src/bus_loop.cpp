@@ -8,12 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -185,17 +185,36 @@ void BusLoop::Execute(const Task& task) {
             throw std::logic_error("BusLoop::Execute: the loop has stopped");
         }
     }
-    auto done = std::make_shared<std::promise<void>>();
-    auto finished = done->get_future();
-    Post([task, done](sdbus::IConnection* connection) {
+    // The error crosses threads only under the mutex: the loop thread keeps no
+    // reference to it, so it is freed where it is caught.
+    struct Completion {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        std::exception_ptr error;
+    };
+    auto completion = std::make_shared<Completion>();
+    Post([task, completion](sdbus::IConnection* connection) {
+        std::exception_ptr error;
         try {
             task(connection);
-            done->set_value();
         } catch (...) {
-            done->set_exception(std::current_exception());
+            error = std::current_exception();
         }
+        std::lock_guard<std::mutex> lock(completion->mutex);
+        completion->error = std::move(error);
+        completion->done = true;
+        completion->finished.notify_all();
     });
-    finished.get();
+    std::exception_ptr error;
+    {
+        std::unique_lock<std::mutex> lock(completion->mutex);
+        completion->finished.wait(lock, [&] { return completion->done; });
+        error = std::move(completion->error);
+    }
+    if (error) {
+        std::rethrow_exception(error);
+    }
 }
 
 void BusLoop::Run(const std::shared_ptr<State>& state) {
