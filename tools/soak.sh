@@ -109,10 +109,18 @@ ready_count() { seg_count "All subscriptions and connections ready"; }
 ready_since() { (( $(ready_count) > $1 )); }
 idle() { (( $(seg_count "DLC Update Started") == $(seg_count "Sending status feedback.") )); }
 
-# Waits for the client to be subscribed everywhere again, after a fault that broke that.
+# The key-management services are found (again) since the client's last loss of them.
+services_found() {
+    segment | grep -E "(DiagnosticServices|TypeidAccessService) service (found|stopped)" |
+        awk '{ last[$4] = $6 } END { exit !(last["DiagnosticServices"] == "found" && last["TypeidAccessService"] == "found") }'
+}
+settled() { ready_since "$1" && services_found; }
+
+# Waits for the client to be subscribed everywhere and to see its services again,
+# after a fault that broke that.
 wait_ready_again() {
     local before=$1
-    wait_until 60 ready_since "$before" || violation "client not ready again within 60 s"
+    wait_until 60 settled "$before" || violation "client not ready again within 60 s"
 }
 
 # --- the world ----------------------------------------------------------------
@@ -328,6 +336,8 @@ wait_until 30 ready_since 0 || violation "client never became ready"
 end_ms=$(( $(now_ms) + minutes * 60 * 1000 ))
 while (( $(now_ms) < end_ms )); do
     step_no=$((step_no + 1))
+    # A client restarted in the last step is up before the next fault.
+    wait_until 60 settled 0 || violation "client not ready within 60 s"
     pending_fault=0
     fault
     [[ $step_name == "fault backend-"* ]] && pending_fault=1
