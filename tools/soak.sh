@@ -114,12 +114,18 @@ services_found() {
     segment | grep -E "(DiagnosticServices|TypeidAccessService) service (found|stopped)" |
         awk '{ last[$4] = $6 } END { exit !(last["DiagnosticServices"] == "found" && last["TypeidAccessService"] == "found") }'
 }
-settled() { ready_since "$1" && services_found; }
+# Since `before` ready lines, or any in a client restarted meanwhile.
+settled() {
+    local before=$1
+    (( client_starts == ${ready_starts:-$client_starts} )) || before=0
+    ready_since "$before" && services_found
+}
 
 # Waits for the client to be subscribed everywhere and to see its services again,
 # after a fault that broke that.
 wait_ready_again() {
     local before=$1
+    ready_starts=$client_starts
     wait_until 60 settled "$before" || violation "client not ready again within 60 s"
 }
 
@@ -337,6 +343,7 @@ end_ms=$(( $(now_ms) + minutes * 60 * 1000 ))
 while (( $(now_ms) < end_ms )); do
     step_no=$((step_no + 1))
     # A client restarted in the last step is up before the next fault.
+    ready_starts=$client_starts
     wait_until 60 settled 0 || violation "client not ready within 60 s"
     pending_fault=0
     fault
