@@ -120,7 +120,7 @@ void E2eEnvironment::StopBackend() {
 void E2eEnvironment::StartVehicle() {
     vehicle_ = std::make_unique<ChildProcess>(
         ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state", stateDir_},
-                              {},
+                              {{"KELVANE_LOG", "console"}},
                               directory_.File("vehicle.log")});
     if (!WaitUntil([this] { return VehicleStatus()["running"] == "true"; }, 10s, 50ms)) {
         throw std::runtime_error("vehicle simulator did not come up: " + Logs());
@@ -130,6 +130,14 @@ void E2eEnvironment::StartVehicle() {
 void E2eEnvironment::StopVehicle() {
     if (vehicle_) {
         vehicle_->Stop();
+        vehicle_.reset();
+    }
+}
+
+void E2eEnvironment::KillVehicle() {
+    if (vehicle_) {
+        vehicle_->Signal(SIGKILL);
+        vehicle_->WaitForExit(5s);
         vehicle_.reset();
     }
 }
@@ -233,6 +241,19 @@ void E2eEnvironment::VehicleService(const std::string& action, const std::string
         throw std::runtime_error("kelvane-vehicle-sim service " + action + " " + name +
                                  " failed: " + output);
     }
+}
+
+void E2eEnvironment::VehicleCommand(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), FindProgram("kelvane-vehicle-sim"));
+    arguments.insert(arguments.end(), {"--state", stateDir_});
+    const auto [status, output] = RunTool(arguments);
+    if (status != 0) {
+        throw std::runtime_error("kelvane-vehicle-sim failed: " + output);
+    }
+}
+
+std::string E2eEnvironment::VehicleLog() const {
+    return ReadFile(directory_.File("vehicle.log"));
 }
 
 std::string E2eEnvironment::ClientLog() const {

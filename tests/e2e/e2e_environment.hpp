@@ -49,6 +49,9 @@ public:
     /// The client's process id, -1 when it has not been started.
     pid_t ClientPid() const;
     testing::MosquittoBroker& Broker() { return broker_; }
+    testing::PrivateDbusDaemon& Bus() { return bus_; }
+    /// SIGKILL: the simulator gets no chance to tidy up.
+    void KillVehicle();
 
     // What a person would do.
     void Ignition(bool on);
@@ -59,6 +62,8 @@ public:
     void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
     /// Writes a file into the environment's directory; returns its path.
     std::string WriteFile(const std::string& name, const std::string& content) const;
+    /// `kelvane-vehicle-sim <arguments> --state DIR`; throws when it fails.
+    void VehicleCommand(std::vector<std::string> arguments);
 
     // What a person would look at.
     std::string ClientLog() const;
@@ -69,6 +74,7 @@ public:
     /// `kelvane-vehicle-sim status` as key/value pairs.
     std::map<std::string, std::string> VehicleStatus() const;
     std::string BackendEvents() const;
+    std::string VehicleLog() const;
     std::size_t BackendEventCount(const std::string& text) const;
     /// Every process's log, for a failing test's output.
     std::string Logs() const;

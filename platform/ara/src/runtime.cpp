@@ -92,8 +92,9 @@ std::string Runtime::BusNameOf(const ara::core::InstanceSpecifier& instance) {
 
 Runtime::Runtime(std::string address)
     : address_(std::move(address))
-    , loop_(address_, BusLoop::Callbacks{[this](sdbus::IConnection& c) { OnConnected(c); },
-                                         [this] { OnLost(); }}) {}
+    , loop_("ara::com", address_,
+            idl::BusLoop::Callbacks{[this](sdbus::IConnection& c) { OnConnected(c); },
+                                    [this] { OnLost(); }}) {}
 
 Runtime::~Runtime() {
     if (!loop_.Running()) {

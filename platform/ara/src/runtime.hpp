@@ -14,12 +14,12 @@
 
 #include "ara/com/types.hpp"
 #include "ara/core/instance_specifier.hpp"
-#include "bus_loop.hpp"
+#include "idl/bus_loop.hpp"
 
 namespace ara::com::internal {
 
 /// The D-Bus binding's process-wide state: one connection with its own thread
-/// (see BusLoop) that follows service owners for StartFindService and serves
+/// (see idl::BusLoop) that follows service owners for StartFindService and serves
 /// offered skeletons. Shared by everyone who holds Instance(); made on first
 /// use, with the bus address of that moment.
 class Runtime {
@@ -89,7 +89,7 @@ private:
     std::vector<sdbus::Slot> deadSlots_;
     std::vector<std::shared_ptr<void>> deadObjects_;
     // Last: its thread is joined before the state above goes away.
-    BusLoop loop_;
+    idl::BusLoop loop_;
 };
 
 }  // namespace ara::com::internal

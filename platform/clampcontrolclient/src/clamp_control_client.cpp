@@ -2,6 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <atomic>
 #include <chrono>
 #include <set>
 #include <stdexcept>
@@ -9,6 +10,7 @@
 #include "clamp_control_names.hpp"
 #include "csc_logging/csc_logging.hpp"
 #include "idl/bus_connection.hpp"
+#include "idl/bus_loop.hpp"
 #include "idl/clamp_control_proxy.h"
 
 namespace clampcontrolclient {
@@ -60,9 +62,54 @@ private:
 };
 
 struct ClampControlClient::Bus {
-    std::unique_ptr<sdbus::IConnection> connection;
+    explicit Bus(ClampControlClient& owner)
+        : loop("ClampControlClient", idl::BusAddress(),
+               idl::BusLoop::Callbacks{[this, &owner](sdbus::IConnection& c) { Connect(owner, c); },
+                                       [this, &owner] { Lose(owner); }}) {}
+
+    // Loop thread only: what lives on the current connection.
+    void Connect(ClampControlClient& owner, sdbus::IConnection& connection) {
+        // Watch first, then ask: a change in between is not lost, only reported twice
+        // (and the second report is dropped as no change).
+        ownerWatch = connection.addMatch(
+            std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
+                names::kDbusInterface + "',member='NameOwnerChanged',arg0='" + names::kBusName +
+                "'",
+            [&owner](sdbus::Message& message) {
+                std::string name;
+                std::string oldOwner;
+                std::string newOwner;
+                message >> name >> oldOwner >> newOwner;
+                if (!oldOwner.empty() && !newOwner.empty()) {
+                    owner.ReportConnection(
+                        false);  // handed over: the old owner's subscriptions are gone
+                }
+                owner.ReportConnection(!newOwner.empty());
+            });
+        service = std::make_unique<ServiceProxy>(connection, owner);
+        bool present = false;
+        auto dbus = sdbus::createProxy(connection, names::kDbusName, names::kDbusPath);
+        dbus->callMethod("NameHasOwner")
+            .onInterface(names::kDbusInterface)
+            .withArguments(std::string(names::kBusName))
+            .storeResultsTo(present);
+        owner.ReportConnection(present);
+    }
+
+    void Lose(ClampControlClient& owner) {
+        service.reset();
+        ownerWatch.reset();
+        if (!stopping) {
+            // Whatever we subscribed to went with the bus; a new subscription follows "connected".
+            owner.ReportConnection(false);
+        }
+    }
+
+    std::atomic<bool> stopping{false};
     sdbus::Slot ownerWatch;
     std::unique_ptr<ServiceProxy> service;
+    // Last: its thread ends before the members above go.
+    idl::BusLoop loop;
 };
 
 ClampControlClient::ClampControlClient() = default;
@@ -85,59 +132,30 @@ void ClampControlClient::Start() {
         return;
     }
     started_ = true;
-    bool present = false;
-    try {
-        auto bus = std::make_unique<Bus>();
-        bus->connection = idl::OpenBusConnection();
-        // Watch first, then ask: a change in between is not lost, only reported twice
-        // (and the second report is dropped as no change).
-        bus->ownerWatch = bus->connection->addMatch(
-            std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
-                names::kDbusInterface + "',member='NameOwnerChanged',arg0='" + names::kBusName +
-                "'",
-            [this](sdbus::Message& message) {
-                std::string name;
-                std::string oldOwner;
-                std::string newOwner;
-                message >> name >> oldOwner >> newOwner;
-                if (!oldOwner.empty() && !newOwner.empty()) {
-                    ReportConnection(false);  // handed over: the old owner's subscriptions are gone
-                }
-                ReportConnection(!newOwner.empty());
-            });
-        bus->service = std::make_unique<ServiceProxy>(*bus->connection, *this);
-        auto dbus = sdbus::createProxy(*bus->connection, names::kDbusName, names::kDbusPath);
-        dbus->callMethod("NameHasOwner")
-            .onInterface(names::kDbusInterface)
-            .withArguments(std::string(names::kBusName))
-            .storeResultsTo(present);
-        bus_ = std::move(bus);
-    } catch (const sdbus::Error& error) {
-        CSCLogging::Error("ClampControlClient: cannot use the bus " + idl::BusAddress() + ": " +
-                          error.what());
-        ReportConnection(false);
-        return;
-    }
-    ReportConnection(present);
-    bus_->connection->enterEventLoopAsync();
+    bus_ = std::make_unique<Bus>(*this);
+    // The loop tries the bus before its first task: when this returns, the
+    // state of the service has been reported, "not connected" included.
+    bus_->loop.Execute([this](sdbus::IConnection* connection) {
+        if (connection == nullptr) {
+            ReportConnection(false);
+        }
+    });
 }
 
 std::string ClampControlClient::Subscribe() {
     if (!started_) {
         throw std::logic_error("ClampControlClient: Subscribe() before Start()");
     }
-    if (!bus_) {
-        CSCLogging::Warning("ClampControlClient: cannot subscribe without a bus connection");
-        return {};
-    }
+    std::string id;
+    bool haveBus = false;
     try {
-        std::string id = bus_->service->CallSubscribe();
-        if (id.empty()) {
-            CSCLogging::Warning(
-                "ClampControlClient: the clamp control service refused the "
-                "subscription");
-        }
-        return id;
+        bus_->loop.Execute([this, &id, &haveBus](sdbus::IConnection* connection) {
+            if (connection == nullptr || !bus_->service) {
+                return;
+            }
+            haveBus = true;
+            id = bus_->service->CallSubscribe();
+        });
     } catch (const sdbus::Error& error) {
         if (!MeansServiceAbsent(error.getName())) {
             throw;
@@ -146,11 +164,20 @@ std::string ClampControlClient::Subscribe() {
                             error.getName());
         return {};
     }
+    if (!haveBus) {
+        CSCLogging::Warning("ClampControlClient: cannot subscribe without a bus connection");
+    } else if (id.empty()) {
+        CSCLogging::Warning(
+            "ClampControlClient: the clamp control service refused the "
+            "subscription");
+    }
+    return id;
 }
 
 void ClampControlClient::Stop() {
     if (bus_) {
-        bus_->connection->leaveEventLoop();
+        bus_->stopping = true;
+        bus_->loop.Stop();
         bus_.reset();
     }
     started_ = false;

@@ -11,6 +11,7 @@
 #include "clamp_control_names.hpp"
 #include "csc_logging/csc_logging.hpp"
 #include "idl/bus_connection.hpp"
+#include "idl/bus_loop.hpp"
 #include "idl/clamp_control_adaptor.h"
 
 namespace clampcontrolclient {
@@ -19,47 +20,25 @@ namespace {
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 
-// A base, so that the connection is made before the adaptor's object and
-// outlives it.
-struct ConnectionHolder {
-    std::unique_ptr<sdbus::IConnection> connection_;
-};
-
 }  // namespace
 
-class ClampControlService::Impl final
-    : private ConnectionHolder,
-      public sdbus::AdaptorInterfaces<clampcontrol::ClampControl_adaptor> {
+class ClampControlService::Impl {
 public:
-    Impl(std::unique_ptr<sdbus::IConnection> connection, bool clamp15On)
-        : ConnectionHolder{std::move(connection)}
-        , AdaptorInterfaces(*connection_, names::kObjectPath)
-        , clamp15On_(clamp15On) {
-        registerAdaptor();
-        leaverWatch_ = connection_->addMatch(
-            std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
-                names::kDbusInterface + "',member='NameOwnerChanged'",
-            [this](sdbus::Message& message) {
-                std::string name;
-                std::string oldOwner;
-                std::string newOwner;
-                message >> name >> oldOwner >> newOwner;
-                if (!name.empty() && name[0] == ':' && newOwner.empty()) {
-                    Forget(name);
-                }
-            });
-        connection_->enterEventLoopAsync();
+    explicit Impl(bool clamp15On)
+        : clamp15On_(clamp15On)
+        , loop_("ClampControlService", idl::BusAddress(),
+                idl::BusLoop::Callbacks{[this](sdbus::IConnection& c) { Connect(c); },
+                                        [this] { object_.reset(); }}) {
+        loop_.Start();
     }
 
     ~Impl() {
         try {
             StopOffer();
-        } catch (const sdbus::Error& error) {
+        } catch (const std::exception& error) {
             CSCLogging::Warning(std::string("ClampControlService: ") + error.what());
         }
-        connection_->leaveEventLoop();
-        leaverWatch_.reset();
-        unregisterAdaptor();
+        loop_.Stop();
     }
 
     void Offer() {
@@ -67,7 +46,12 @@ public:
         if (IsOffered()) {
             return;
         }
-        connection_->requestName(names::kBusName);
+        // Without a bus, the name is taken as soon as it is back.
+        loop_.Execute([](sdbus::IConnection* connection) {
+            if (connection != nullptr) {
+                connection->requestName(names::kBusName);
+            }
+        });
         std::lock_guard<std::mutex> lock(mutex_);
         offered_ = true;
     }
@@ -82,7 +66,11 @@ public:
             offered_ = false;
             subscribers_.clear();
         }
-        connection_->releaseName(names::kBusName);
+        loop_.Execute([](sdbus::IConnection* connection) {
+            if (connection != nullptr) {
+                connection->releaseName(names::kBusName);
+            }
+        });
     }
 
     bool IsOffered() const {
@@ -107,11 +95,15 @@ public:
         CSCLogging::Info(CSCLogEntry()
                          << "ClampControlService: Clamp 15 " << (clamp15On ? "on" : "off")
                          << ", telling " << destinations.size() << " subscriber(s)");
-        for (const auto& destination : destinations) {
-            auto signal = getObject().createSignal(INTERFACE_NAME, "ClampStateChanged");
-            signal << clamp15On;
-            Send(signal, destination);
-        }
+        loop_.Execute([this, &destinations, clamp15On](sdbus::IConnection*) {
+            if (!object_) {
+                return;
+            }
+            for (const auto& destination : destinations) {
+                object_->Send("ClampStateChanged", destination,
+                              [clamp15On](sdbus::Signal& signal) { signal << clamp15On; });
+            }
+        });
     }
 
     bool ClampState() const {
@@ -130,40 +122,87 @@ public:
     }
 
 private:
-    void Subscribe(sdbus::Result<std::string>&& result) override {
-        const std::string subscriber = getObject().getCurrentlyProcessedMessage()->getSender();
-        std::string id;
-        bool clamp15On = false;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            clamp15On = clamp15On_;
-            if (accept_) {
-                id = "clamp15-" + std::to_string(nextId_++);
-                subscribers_[id] = subscriber;
+    /// The service's object on one connection; made again after the bus came back.
+    class Object final : public sdbus::AdaptorInterfaces<clampcontrol::ClampControl_adaptor> {
+    public:
+        Object(sdbus::IConnection& connection, Impl& owner)
+            : AdaptorInterfaces(connection, names::kObjectPath), owner_(owner) {
+            registerAdaptor();
+            leaverWatch_ = connection.addMatch(
+                std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
+                    names::kDbusInterface + "',member='NameOwnerChanged'",
+                [this](sdbus::Message& message) {
+                    std::string name;
+                    std::string oldOwner;
+                    std::string newOwner;
+                    message >> name >> oldOwner >> newOwner;
+                    if (!name.empty() && name[0] == ':' && newOwner.empty()) {
+                        owner_.Forget(name);
+                    }
+                });
+        }
+        ~Object() {
+            leaverWatch_.reset();
+            unregisterAdaptor();
+        }
+
+        template <typename Fill>
+        void Send(const char* member, const std::string& destination, Fill fill) {
+            auto signal = getObject().createSignal(INTERFACE_NAME, member);
+            fill(signal);
+            signal.setDestination(destination);
+            try {
+                getObject().emitSignal(signal);
+            } catch (const sdbus::Error& error) {
+                CSCLogging::Warning("ClampControlService: cannot notify " + destination + ": " +
+                                    error.what());
             }
         }
-        result.returnResults(id);
-        if (id.empty()) {
-            CSCLogging::Info("ClampControlService: refused a subscription of " + subscriber);
-            return;
+
+    private:
+        void Subscribe(sdbus::Result<std::string>&& result) override {
+            const std::string subscriber = getObject().getCurrentlyProcessedMessage()->getSender();
+            bool clamp15On = false;
+            const std::string id = owner_.Admit(subscriber, clamp15On);
+            result.returnResults(id);
+            if (id.empty()) {
+                CSCLogging::Info("ClampControlService: refused a subscription of " + subscriber);
+                return;
+            }
+            CSCLogging::Info("ClampControlService: subscription " + id + " for " + subscriber);
+            // After the reply, so the subscriber knows its id before the state arrives.
+            Send("Subscribed", subscriber,
+                 [&](sdbus::Signal& signal) { signal << id << clamp15On; });
         }
-        CSCLogging::Info("ClampControlService: subscription " + id + " for " + subscriber);
-        // After the reply, so the subscriber knows its id before the state arrives.
-        auto signal = getObject().createSignal(INTERFACE_NAME, "Subscribed");
-        signal << id << clamp15On;
-        Send(signal, subscriber);
+
+        bool GetState() override { return owner_.ClampState(); }
+
+        Impl& owner_;
+        sdbus::Slot leaverWatch_;
+    };
+
+    // Loop thread: a new connection, so no subscriber of the old one is left.
+    void Connect(sdbus::IConnection& connection) {
+        object_.reset();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            subscribers_.clear();
+        }
+        object_ = std::make_unique<Object>(connection, *this);
+        if (IsOffered()) {
+            connection.requestName(names::kBusName);
+        }
     }
 
-    bool GetState() override { return ClampState(); }
-
-    void Send(sdbus::Signal& signal, const std::string& destination) {
-        signal.setDestination(destination);
-        try {
-            getObject().emitSignal(signal);
-        } catch (const sdbus::Error& error) {
-            CSCLogging::Warning("ClampControlService: cannot notify " + destination + ": " +
-                                error.what());
+    std::string Admit(const std::string& subscriber, bool& clamp15On) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        clamp15On = clamp15On_;
+        if (!accept_) {
+            return {};
         }
+        std::string id = "clamp15-" + std::to_string(nextId_++);
+        subscribers_[id] = subscriber;
+        return id;
     }
 
     void Forget(const std::string& uniqueName) {
@@ -173,7 +212,6 @@ private:
         }
     }
 
-    sdbus::Slot leaverWatch_;
     std::mutex offerMutex_;
     std::mutex sendMutex_;
     mutable std::mutex mutex_;  // guards the members below
@@ -182,10 +220,14 @@ private:
     bool accept_ = true;
     std::uint64_t nextId_ = 1;
     std::map<std::string, std::string> subscribers_;  // id -> subscriber's unique bus name
+    // Loop thread only.
+    std::unique_ptr<Object> object_;
+    // Last: its thread ends before the members above go.
+    idl::BusLoop loop_;
 };
 
 ClampControlService::ClampControlService(bool clamp15On)
-    : impl_(std::make_unique<Impl>(idl::OpenBusConnection(), clamp15On)) {}
+    : impl_(std::make_unique<Impl>(clamp15On)) {}
 
 ClampControlService::~ClampControlService() = default;
 

@@ -164,3 +164,32 @@ TEST(ClampControlClientWithoutBusTest, UnreachableBusIsReportedAsNotConnected) {
 
 }  // namespace
 }  // namespace clampcontrolclient
+
+namespace clampcontrolclient {
+namespace {
+
+TEST_F(ClampControlClientTest, BusAbsentAtStartOrLostLaterIsRetriedAndTheServiceComesBack) {
+    bus_.Stop();
+    StartClient();
+    EXPECT_EQ(callback_.WaitFor(1), (Events{"disconnected"}));
+    ClampControlService service(true);
+    service.Offer();  // taken once the bus is there
+
+    bus_.Start();
+    EXPECT_EQ(callback_.WaitFor(2), (Events{"disconnected", "connected"}));
+    EXPECT_FALSE(sut_.Subscribe().empty());
+    EXPECT_EQ(callback_.WaitFor(4).back(), "clamp15 on");
+    callback_.Take();
+
+    bus_.Stop();
+    EXPECT_EQ(callback_.WaitFor(1), (Events{"disconnected"}));
+    bus_.Start();
+    EXPECT_EQ(callback_.WaitFor(2), (Events{"disconnected", "connected"}));
+    EXPECT_FALSE(sut_.Subscribe().empty());
+    service.SetClampState(false);
+    EXPECT_EQ(callback_.WaitFor(5),
+              (Events{"disconnected", "connected", "subscribed", "clamp15 on", "clamp15 off"}));
+}
+
+}  // namespace
+}  // namespace clampcontrolclient

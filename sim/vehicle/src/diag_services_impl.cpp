@@ -1,6 +1,8 @@
 #include "diag_services_impl.hpp"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "csc_logging/csc_logging.hpp"
 
@@ -102,6 +104,10 @@ diag::GetZelkVINOutput DiagServicesImpl::GetZelkVIN() {
 void DiagServicesImpl::HandleDlc(const std::vector<std::uint8_t>& dlc) {
     FailIfArmed("HandleDlc");
     const bool failPersist = failPoints_.Take("persist").has_value();
+    if (failPoints_.Take("stall")) {
+        CSCLogging::Warning("HandleDlc: fail point stalls the call for 30 s");
+        std::this_thread::sleep_for(std::chrono::seconds(30));
+    }
     std::string detail;
     const auto verdict = vehicle_.HandleDlc(dlc, failPersist, detail);
     if (verdict != DlcVerdict::kInstalled) {

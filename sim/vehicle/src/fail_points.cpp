@@ -88,7 +88,7 @@ const Errors* ErrorsOf(std::string_view name) {
     if (name == "HandleMessage") {
         return &UdsErrors();
     }
-    if (name == "persist") {
+    if (name == "persist" || name == "stall") {
         return &NoErrors();
     }
     return nullptr;
@@ -119,7 +119,7 @@ bool FailPoints::Add(std::string_view definition, std::string& error) {
     if (errors == nullptr) {
         error = "unknown fail point '" + std::string(name) +
                 "' (HandleDlc, GetIdentityHash, GetPssHash, GetTrainingCounter, GetZelkVIN, "
-                "GetCertificate, HandleMessage or persist)";
+                "GetCertificate, HandleMessage, persist or stall)";
         return false;
     }
     Point point{std::string(name), {errors->front().first, errors->front().second}, count};

@@ -21,7 +21,10 @@ enum class ClientError : std::uint8_t {
 };
 
 /// The one way into the key-management system and the ECU identity data.
-/// None of the operations throws; failures are ClientError values.
+/// A service that is missing or answers with one of its application errors
+/// gives a ClientError value. Anything else (the bus lost mid-call, a broken
+/// binding) is thrown on to the caller: the process ends by its designed path
+/// and the service manager starts it again.
 class ZELKOnlineUpdateAPI {
 public:
     /// The process-wide client, (re)initialised on every call.

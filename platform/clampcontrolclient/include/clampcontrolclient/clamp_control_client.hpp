@@ -24,8 +24,10 @@ public:
     /// Where notifications go (not owned; null: nowhere). Set it before Start().
     virtual void RegisterCallback(ClampControlCallbackIf* callback);
     /// Connects to the bus (idl::BusAddress()), reports whether the service is
-    /// there now and follows it from then on. An unreachable bus is logged
-    /// and reported as "not connected"; Start() does not throw.
+    /// there now and follows it from then on. An unreachable or lost bus is
+    /// logged, reported as "not connected" and tried again (from 250 ms,
+    /// doubling, at most every 5 s); once back, the service's presence is
+    /// reported afresh. Start() does not throw.
     virtual void Start();
     /// Subscribes to Clamp 15: the subscription id, or an empty string when
     /// the service refused or is not there. Throws std::logic_error before

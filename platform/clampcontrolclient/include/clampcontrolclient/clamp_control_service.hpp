@@ -12,7 +12,9 @@ namespace clampcontrolclient {
 /// subscribers, about Clamp 15. Thread-safe.
 class ClampControlService {
 public:
-    /// Connects to the bus; throws sdbus::Error when it cannot be reached.
+    /// Connects to the bus in the background and stays on it: after the bus
+    /// was lost or while it cannot be reached, it tries again (from 250 ms,
+    /// doubling, at most every 5 s) and offers itself again once back.
     explicit ClampControlService(bool clamp15On = false);
     /// Stops offering and leaves the bus.
     ~ClampControlService();
@@ -21,6 +23,7 @@ public:
 
     /// Takes the bus name: clients see the service appear. Throws sdbus::Error
     /// when the name cannot be had (for example another instance owns it).
+    /// Without a bus, the name is taken once the bus is reachable.
     void Offer();
     /// Gives the bus name up: clients see the service go away and every
     /// subscription ends.

@@ -18,7 +18,9 @@ namespace vehicle_sim {
 ///     ERROR, an application error of its interface (default: the general
 ///     error of the interface);
 ///   - "persist": the next key-store write fails (HandleDlc then raises
-///     ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED and nothing changes).
+///     ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED and nothing changes);
+///   - "stall": the next HandleDlc waits 30 s before it takes the container in,
+///     so that a test can kill the simulator in the middle of the call.
 /// COUNT is how many calls it hits (default 1) or "*" for every one. Thread-safe.
 class FailPoints {
 public:

@@ -1,5 +1,5 @@
-#ifndef ARA_SRC_BUS_LOOP_HPP
-#define ARA_SRC_BUS_LOOP_HPP
+#ifndef IDL_BUS_LOOP_HPP
+#define IDL_BUS_LOOP_HPP
 
 #include <sdbus-c++/IConnection.h>
 
@@ -8,13 +8,15 @@
 #include <memory>
 #include <string>
 
-namespace ara::com::internal {
+namespace idl {
 
 /// One bus connection served by one thread of its own. Everything that touches
 /// the connection runs on that thread as a task, so sd-bus is never used from
 /// two threads at once. The thread connects on Start(), reconnects after the
-/// bus went away (retrying every `retryInterval`) and survives errors that
-/// would end sdbus-c++'s own loop.
+/// bus went away or while it cannot be reached (waiting `firstRetry`, doubled
+/// after every failed attempt up to `lastRetry`) and survives errors that
+/// would end sdbus-c++'s own loop (enterEventLoopAsync() throws them on its
+/// thread, which ends the process).
 class BusLoop {
 public:
     /// Gets the connection, or nullptr while the bus is unreachable.
@@ -27,8 +29,10 @@ public:
         std::function<void()> lost;
     };
 
-    BusLoop(std::string address, Callbacks callbacks,
-            std::chrono::milliseconds retryInterval = std::chrono::seconds(1));
+    /// `name` prefixes the log lines ("ara::com", "ClampControlClient").
+    BusLoop(std::string name, std::string address, Callbacks callbacks,
+            std::chrono::milliseconds firstRetry = std::chrono::milliseconds(250),
+            std::chrono::milliseconds lastRetry = std::chrono::seconds(5));
     /// Stops and joins the thread; the connection is closed on it.
     ~BusLoop();
     BusLoop(const BusLoop&) = delete;
@@ -55,6 +59,6 @@ private:
     std::shared_ptr<State> state_;
 };
 
-}  // namespace ara::com::internal
+}  // namespace idl
 
-#endif  // ARA_SRC_BUS_LOOP_HPP
+#endif  // IDL_BUS_LOOP_HPP

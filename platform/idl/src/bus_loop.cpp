@@ -1,4 +1,4 @@
-#include "bus_loop.hpp"
+#include "idl/bus_loop.hpp"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -6,13 +6,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -22,7 +23,7 @@
 #include "csc_logging/csc_logging.hpp"
 #include "idl/bus_connection.hpp"
 
-namespace ara::com::internal {
+namespace idl {
 
 namespace {
 
@@ -77,9 +78,11 @@ bool MayBeReachable(const std::string& address) {
 }  // namespace
 
 struct BusLoop::State {
+    std::string name;
     std::string address;
     Callbacks callbacks;
-    std::chrono::milliseconds retryInterval;
+    std::chrono::milliseconds firstRetry;
+    std::chrono::milliseconds lastRetry;
     int wakeFd = -1;
 
     std::mutex mutex;
@@ -101,11 +104,14 @@ struct BusLoop::State {
     }
 };
 
-BusLoop::BusLoop(std::string address, Callbacks callbacks, std::chrono::milliseconds retryInterval)
+BusLoop::BusLoop(std::string name, std::string address, Callbacks callbacks,
+                 std::chrono::milliseconds firstRetry, std::chrono::milliseconds lastRetry)
     : state_(std::make_shared<State>()) {
+    state_->name = std::move(name);
     state_->address = std::move(address);
     state_->callbacks = std::move(callbacks);
-    state_->retryInterval = retryInterval;
+    state_->firstRetry = std::max(firstRetry, std::chrono::milliseconds(1));
+    state_->lastRetry = std::max(lastRetry, state_->firstRetry);
     state_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (state_->wakeFd < 0) {
         throw std::system_error(errno, std::generic_category(), "BusLoop: eventfd");
@@ -179,22 +185,43 @@ void BusLoop::Execute(const Task& task) {
             throw std::logic_error("BusLoop::Execute: the loop has stopped");
         }
     }
-    auto done = std::make_shared<std::promise<void>>();
-    auto finished = done->get_future();
-    Post([task, done](sdbus::IConnection* connection) {
+    // The error crosses threads only under the mutex: the loop thread keeps no
+    // reference to it, so it is freed where it is caught.
+    struct Completion {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        std::exception_ptr error;
+    };
+    auto completion = std::make_shared<Completion>();
+    Post([task, completion](sdbus::IConnection* connection) {
+        std::exception_ptr error;
         try {
             task(connection);
-            done->set_value();
         } catch (...) {
-            done->set_exception(std::current_exception());
+            error = std::current_exception();
         }
+        std::lock_guard<std::mutex> lock(completion->mutex);
+        completion->error = std::move(error);
+        completion->done = true;
+        completion->finished.notify_all();
     });
-    finished.get();
+    std::exception_ptr error;
+    {
+        std::unique_lock<std::mutex> lock(completion->mutex);
+        completion->finished.wait(lock, [&] { return completion->done; });
+        error = std::move(completion->error);
+    }
+    if (error) {
+        std::rethrow_exception(error);
+    }
 }
 
 void BusLoop::Run(const std::shared_ptr<State>& state) {
     std::unique_ptr<sdbus::IConnection> connection;
     bool unreachableReported = false;
+    bool everLost = false;
+    auto retryDelay = state->firstRetry;
 
     auto runTasks = [&] {
         for (;;) {
@@ -211,10 +238,11 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                 task(connection.get());
             } catch (const sdbus::Error& error) {
                 // A task that found the connection broken: the next dispatch notices it too.
-                CSCLogging::Warning(CSCLogEntry() << "ara::com: bus operation failed: "
+                CSCLogging::Warning(CSCLogEntry() << state->name << ": bus operation failed: "
                                                   << error.getName() << ": " << error.getMessage());
             } catch (const std::exception& error) {
-                CSCLogging::Error(CSCLogEntry() << "ara::com: bus task failed: " << error.what());
+                CSCLogging::Error(CSCLogEntry()
+                                  << state->name << ": bus task failed: " << error.what());
             }
         }
     };
@@ -228,8 +256,8 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                 state->callbacks.lost();
             }
         } catch (const std::exception& error) {
-            CSCLogging::Error(CSCLogEntry()
-                              << "ara::com: cleanup after bus loss failed: " << error.what());
+            CSCLogging::Error(CSCLogEntry() << state->name
+                                            << ": cleanup after bus loss failed: " << error.what());
         }
         state->current = nullptr;
         connection.reset();
@@ -244,21 +272,26 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                 }
                 connection = idl::OpenBusConnection(state->address);
                 state->current = connection.get();
-                unreachableReported = false;
-                CSCLogging::Debug(CSCLogEntry() << "ara::com: connected to bus " << state->address
-                                                << " as " << connection->getUniqueName());
+                // After a loss this is news worth the default log level.
+                CSCLogging::Log(
+                    everLost ? csc_logging::LogLevel::kInfo : csc_logging::LogLevel::kDebug,
+                    (CSCLogEntry() << state->name << ": connected to bus " << state->address
+                                   << " as " << connection->getUniqueName())
+                        .str());
                 if (state->callbacks.connected) {
                     state->callbacks.connected(*connection);
                 }
-            } catch (const sdbus::Error& error) {
+                unreachableReported = false;
+                retryDelay = state->firstRetry;
+            } catch (const std::exception& error) {
                 if (connection) {
-                    CSCLogging::Error(CSCLogEntry() << "ara::com: setting up bus " << state->address
-                                                    << " failed: " << error.getMessage());
+                    CSCLogging::Error(CSCLogEntry()
+                                      << state->name << ": setting up bus " << state->address
+                                      << " failed: " << error.what());
                     disconnect();
                 } else if (!unreachableReported) {
-                    CSCLogging::Error(CSCLogEntry()
-                                      << "ara::com: bus " << state->address
-                                      << " unreachable, retrying: " << error.getMessage());
+                    CSCLogging::Error(CSCLogEntry() << state->name << ": bus " << state->address
+                                                    << " unreachable, retrying: " << error.what());
                     unreachableReported = true;
                 }
             }
@@ -271,8 +304,9 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
 
         if (!connection) {
             pollfd wake{state->wakeFd, POLLIN, 0};
-            ::poll(&wake, 1, static_cast<int>(state->retryInterval.count()));
+            ::poll(&wake, 1, static_cast<int>(retryDelay.count()));
             state->DrainWake();
+            retryDelay = std::min(retryDelay * 2, state->lastRetry);
             continue;
         }
 
@@ -292,9 +326,14 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                 state->DrainWake();
             }
         } catch (const sdbus::Error& error) {
-            CSCLogging::Error(CSCLogEntry() << "ara::com: lost bus " << state->address << ": "
-                                            << error.getMessage());
+            CSCLogging::Error(CSCLogEntry() << state->name << ": lost bus " << state->address
+                                            << ", reconnecting: " << error.getMessage());
+            everLost = true;
             disconnect();
+        } catch (const std::exception& error) {
+            // A handler that threw: the connection itself is fine, and this thread must go on.
+            CSCLogging::Error(CSCLogEntry()
+                              << state->name << ": bus message handler failed: " << error.what());
         }
     }
 
@@ -304,4 +343,4 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
     }
 }
 
-}  // namespace ara::com::internal
+}  // namespace idl
