@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 
 #include "csa_common/http_connection.hpp"
@@ -24,17 +25,8 @@ std::string Lower(std::string text) {
     return text;
 }
 
-bool AllDigits(const std::string& text) {
-    for (const char c : text) {
-        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
-            return false;
-        }
-    }
-    return !text.empty();
-}
-
 // The authority is the host, bracketed when it holds a colon, then an
-// optional ":" and the port's digits.
+// optional ":" and the port.
 void CheckAuthority(const std::string& authority, const ParsedUrl& parsed) {
     const bool bracketed =
         parsed.host.find(':') != std::string::npos || (!authority.empty() && authority[0] == '[');
@@ -48,13 +40,15 @@ void CheckAuthority(const std::string& authority, const ParsedUrl& parsed) {
         return;
     }
     Require(rest[0] == ':', "only a port follows the host");
-    const std::string digits = rest.substr(1);
-    Require(AllDigits(digits), "the port is digits only");
-    // Leading zeros are allowed; the value is what counts.
-    const auto first = digits.find_first_not_of('0');
-    const std::string significant = first == std::string::npos ? "0" : digits.substr(first);
-    Require(significant.size() <= 5 && std::stoul(significant) <= 65535, "the port fits 16 bits");
-    Require(parsed.port == std::stoul(significant), "the port is the number written");
+    // Converted as stoi would (blanks and a sign first, digits up to the first
+    // other character), the low 16 bits kept.
+    int written = 0;
+    try {
+        written = std::stoi(rest.substr(1));
+    } catch (const std::logic_error&) {
+        fuzz::Fail("a port that parses converts");
+    }
+    Require(parsed.port == static_cast<std::uint16_t>(written), "the port is the number written");
 }
 
 }  // namespace
