@@ -46,7 +46,8 @@ say() { echo "cross-build: $*" >&2; }
 die() { say "$*"; exit 1; }
 
 # The arm64 libraries and headers the build links against: everything
-# cmake/KelvaneDependencies.cmake finds, plus the C and C++ runtime. apt resolves
+# cmake/KelvaneDependencies.cmake finds (the simulators' too, which the arm64
+# packages carry), plus the C and C++ runtime. apt resolves
 # their dependencies.
 sysroot_packages=(
     libc6-dev libstdc++-12-dev
@@ -54,6 +55,7 @@ sysroot_packages=(
     libsdbus-c++-dev libmosquitto-dev libdlt-dev libsystemd-dev libssl-dev
     libboost-dev
     libgtest-dev libgmock-dev
+    libcli11-dev nlohmann-json3-dev
 )
 
 # Host tools: the native toolchain, protoc and the D-Bus glue generator come from
