@@ -44,4 +44,15 @@ std::string HostOfUrl(const std::string& url) {
     return url.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
+std::string SchemeOfUrl(const std::string& url) {
+    const auto separator = url.find("://");
+    if (separator == std::string::npos) {
+        return {};
+    }
+    std::string scheme = url.substr(0, separator);
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return scheme;
+}
+
 }  // namespace vi_connector

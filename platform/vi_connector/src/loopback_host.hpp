@@ -13,6 +13,9 @@ bool IsLoopbackHost(const std::string& host);
 /// empty when there is none.
 std::string HostOfUrl(const std::string& url);
 
+/// The scheme of a URL in lower case ("http", "https"); empty without "://".
+std::string SchemeOfUrl(const std::string& url);
+
 }  // namespace vi_connector
 
 #endif  // VI_CONNECTOR_LOOPBACK_HOST_HPP

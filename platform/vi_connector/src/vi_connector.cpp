@@ -1,6 +1,5 @@
 #include "vi_connector/vi_connector.hpp"
 
-#include <cctype>
 #include <cstdlib>
 
 #include "connector_config.hpp"
@@ -54,31 +53,13 @@ void TrimTrailingSpace(std::string& token) {
 
 void WarnAboutPlainTextUrls(const ConnectorConfig& config) {
     for (const auto& [id, transaction] : config.transactions) {
-        std::string scheme = transaction.url.substr(0, transaction.url.find("://"));
-        for (auto& c : scheme) {
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-        const bool plainHttp = scheme == "http";
-        if (plainHttp && !IsLoopbackHost(HostOfUrl(transaction.url))) {
+        if (SchemeOfUrl(transaction.url) == "http" && !IsLoopbackHost(HostOfUrl(transaction.url))) {
             CSCLogging::Warning("VIConnector: [transaction " + id + "] sends plain http to " +
                                 HostOfUrl(transaction.url) +
                                 ", which is not on loopback: its bearer token crosses the "
                                 "network unencrypted");
         }
     }
-}
-
-bool IsHttps(const std::string& url) {
-    static const std::string kScheme = "https://";
-    if (url.size() < kScheme.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < kScheme.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(url[i])) != kScheme[i]) {
-            return false;
-        }
-    }
-    return true;
 }
 
 MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
@@ -120,7 +101,7 @@ void VIConnector::Start() {
         std::shared_ptr<TlsConnector> tls;
         if (loaded) {
             for (const auto& transaction : loaded->transactions) {
-                if (IsHttps(transaction.second.url) && !tls) {
+                if (SchemeOfUrl(transaction.second.url) == "https" && !tls) {
                     tls = TlsConnector::Create(loaded->backendTls, error);
                     if (!tls) {
                         loaded.reset();
@@ -279,7 +260,7 @@ SocketResult VIConnector::SocketConnect(const std::string& transactionTypeId,
     }
     if (config) {
         const auto found = config->transactions.find(transactionTypeId);
-        if (found != config->transactions.end() && IsHttps(found->second.url)) {
+        if (found != config->transactions.end() && SchemeOfUrl(found->second.url) == "https") {
             // Never in plain text: without TLS there is no connection at all.
             if (!tls) {
                 CSCLogging::Error("VIConnector: no TLS for " + transactionTypeId);
