@@ -1,0 +1,262 @@
+#include <arpa/inet.h>
+#include <botan/base64.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "backend_sim/backend_service.hpp"
+#include "proto/TTVI_CO_zelkDlcRequest_v3.pb.h"
+#include "proto/TTVI_CT_zelkDlcChallengeResponse_v3.pb.h"
+#include "proto/TTVI_CT_zelkDlcResponse_v3.pb.h"
+#include "sim_common/dlc_container.hpp"
+#include "sim_common/hex.hpp"
+#include "sim_common/sim_defaults.hpp"
+#include "test_support/child_process.hpp"
+#include "test_support/loopback.hpp"
+#include "test_support/temporary_directory.hpp"
+
+namespace backend_sim {
+namespace {
+
+namespace pb = domain::backend::zelkDlc::proto;
+using namespace std::chrono_literals;
+using kelvane::testing::ChildProcess;
+using kelvane::testing::FindProgram;
+using kelvane::testing::ReadFile;
+
+struct Reply {
+    std::string bytes;
+    bool closed = false;
+};
+
+// Sends the bytes as they are; reads until the server closes or is `quiet` that long.
+Reply RoundTrip(std::uint16_t port, const std::string& request, std::chrono::milliseconds quiet) {
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    address.sin6_addr = in6addr_loopback;
+    Reply reply;
+    char buffer[4096];
+    pollfd readable{fd, POLLIN, 0};
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+            static_cast<ssize_t>(request.size())) {
+        while (reply.bytes.size() < 65536 &&
+               ::poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
+            const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+            if (n <= 0) {
+                reply.closed = true;
+                break;
+            }
+            reply.bytes.append(buffer, static_cast<std::size_t>(n));
+        }
+    }
+    ::close(fd);
+    return reply;
+}
+
+std::string Request(const std::string& line, const std::string& headers,
+                    const std::string& body = "") {
+    return line + " HTTP/1.1\r\nHost: [::1]\r\n" + headers +
+           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string Vehicle(const char* contentType, const std::string& token = "kelvane-demo-token") {
+    return std::string("Content-Type: ") + contentType + "\r\nAuthorization: Bearer " + token +
+           "\r\n";
+}
+
+const std::string kChallenge = Request("GET /zelk/dlc/challenge", Vehicle(kChallengeRequestType));
+const std::string kFeedback = Request("POST /zelk/dlc/feedback", Vehicle(kFeedbackRequestType));
+
+std::string Admin(const std::string& line, const std::string& body = "") {
+    return Request(line, "", body);
+}
+
+// One simulator on ::1 per test, pushing to a port where no broker listens.
+class BackendSimTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return !ReadFile(portFile_).empty(); }, 5s))
+            << ReadFile(dir_.File("output"));
+        port_ = static_cast<std::uint16_t>(std::stoi(ReadFile(portFile_)));
+    }
+    void TearDown() override { EXPECT_EQ(sut_.Stop(5000ms), 0); }
+
+    Reply Send(const std::string& request, std::chrono::milliseconds quiet = 10s) {
+        return RoundTrip(port_, request, quiet);
+    }
+
+    kelvane::testing::TemporaryDirectory dir_;
+    std::string portFile_ = dir_.File("port");
+    std::string eventLog_ = dir_.File("events.jsonl");
+    std::uint16_t mqttPort_ = kelvane::testing::FreeTcpPort();
+    ChildProcess sut_{{{FindProgram("kelvane-backend-sim"), "run", "--address", "::1", "--port",
+                        "0", "--port-file", portFile_, "--event-log", eventLog_, "--mqtt-port",
+                        std::to_string(mqttPort_)},
+                       {{"KELVANE_LOG", "console"}},
+                       dir_.File("output")}};
+    std::uint16_t port_ = 0;
+};
+
+TEST_F(BackendSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
+    const auto port = std::to_string(port_);
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string output;
+    } rows[] = {
+        {{}, sim_common::kExitUsage, "missing command (run or push)"},
+        {{"serve"}, sim_common::kExitUsage, "unknown command 'serve'"},
+        {{"run", "--bogus"}, sim_common::kExitUsage, "--bogus"},
+        {{"run", "--port", "70000"}, sim_common::kExitUsage, "70000"},
+        {{"run", "--address", "0.0.0.0"}, sim_common::kExitUsage, "0.0.0.0"},
+        {{"run", "--fault", "download=explode"}, sim_common::kExitUsage, "unknown fault 'explode'"},
+        {{"run", "--config", "/nonexistent/b.ini"}, sim_common::kExitUsage, "/nonexistent/b.ini"},
+        {{"push", "--qos", "3"}, sim_common::kExitUsage, "--qos"},
+        {{"--help"}, sim_common::kExitOk, "Commands:"},
+        {{"run", "--help"}, sim_common::kExitOk, "--fault FAULT"},
+        {{"push", "--help"}, sim_common::kExitOk, "--message TEXT"},
+        {{"run", "--address", "::1", "--port", port}, sim_common::kExitFailure, "cannot bind"},
+        {{"push", "--mqtt-port", std::to_string(mqttPort_), "--timeout", "2000"},
+         sim_common::kExitFailure,
+         "Push failed: cannot connect to MQTT broker 127.0.0.1:"},
+    };
+    for (auto row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.arguments));
+        row.arguments.insert(row.arguments.begin(), FindProgram("kelvane-backend-sim"));
+        const auto output = dir_.File("cli-output");
+        std::remove(output.c_str());
+
+        const auto exitCode =
+            ChildProcess({row.arguments, {{"KELVANE_LOG", "console"}}, output}).WaitForExit(10s);
+
+        const auto text = ReadFile(output);
+        EXPECT_EQ(exitCode, row.exitCode) << text;
+        EXPECT_NE(text.find(row.output), std::string::npos) << text;
+        if (row.exitCode == sim_common::kExitUsage) {
+            EXPECT_EQ(text.rfind("kelvane-backend-sim: ", 0), 0u) << text;
+            EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        }
+    }
+    EXPECT_NE(ReadFile(dir_.File("output"))
+                  .find("BSIM info Backend simulator listening on http://[::1]:" + port),
+              std::string::npos);
+}
+
+// In order: each request against what the simulator has been told before it.
+TEST_F(BackendSimTest, EveryEndpointAndFaultAnswersExactlyOnTheWire) {
+    const std::string wrongType = Vehicle(kDownloadRequestType);
+    const struct {
+        std::string request;
+        const char* reply;  // ECMAScript pattern for the whole reply
+        bool closes = true;
+    } rows[] = {
+        {kChallenge,
+         R"(^HTTP/1\.1 200 OK\r\nContent-Type: application/TTVI_CT_zelkDlcChallengeResponse_v3\+proto\r\nServer: kelvane-backend-sim\r\nConnection: close\r\nContent-Length: 34\r\n\r\n\n [0-9A-F]{32}$)"},
+        {Request("GET /zelk/dlc/challenge", Vehicle(kChallengeRequestType, "other")),
+         R"(^HTTP/1\.1 401 Unauthorized\r\n[\s\S]*WWW-Authenticate: Bearer\r\n[\s\S]*wrong bearer token\n$)"},
+        {Request("POST /zelk/dlc/challenge", Vehicle(kChallengeRequestType)),
+         R"(^HTTP/1\.1 405 Method Not Allowed\r\n[\s\S]*Allow: GET\r\n)"},
+        {Request("GET /zelk/dlc/challenge", wrongType), R"(^HTTP/1\.1 415 Unsupported Media)"},
+        {Request("GET /zelk/dlc/challenge",
+                 "Accept: text/html\r\n" + Vehicle(kChallengeRequestType)),
+         R"(^HTTP/1\.1 406 Not Acceptable\r\n)"},
+        {Request("POST /zelk/dlc/download", Vehicle(kDownloadRequestType), "x"),
+         R"(^HTTP/1\.1 400 Bad Request\r\n[\s\S]*body is not a zelkDlcRequestType message\n$)"},
+        {kFeedback, R"(^HTTP/1\.1 204 No Content\r\n(?![\s\S]*Content-Length)[\s\S]*\r\n\r\n$)"},
+        {Request("GET /zelk/other", ""), R"(^HTTP/1\.1 404 Not Found\r\n)"},
+        {"HELLO THERE\r\n\r\n", R"(^HTTP/1\.1 400 Bad Request\r\nContent-Length: 0\r\n)"},
+        {Admin("POST /admin/fault", "challenge=status:503\nchallenge=boom"),
+         R"(^HTTP/1\.1 400 [\s\S]*unknown fault 'boom')"},
+        {Admin("POST /admin/fault", "upload=close"), R"(^HTTP/1\.1 400 [\s\S]*unknown exchange)"},
+        {Admin("POST /admin/fault", "challenge=bad-mac"),
+         R"(^HTTP/1\.1 400 [\s\S]*download exchange)"},
+        {kChallenge, R"(^HTTP/1\.1 200 OK\r\n)"},  // nothing of a refused plan is armed
+        {Admin("POST /admin/fault", "challenge=status:999:2\nfeedback=keep-open"),
+         R"(^HTTP/1\.1 204 )"},
+        {Admin("GET /admin/faults"),
+         R"(^HTTP/1\.1 200 [\s\S]*\r\n\r\nchallenge=status:999:2\nfeedback=keep-open:1\n$)"},
+        {kChallenge, R"(^HTTP/1\.1 999 Injected Fault\r\n)"},
+        {kChallenge, R"(^HTTP/1\.1 999 Injected Fault\r\n)"},
+        {kChallenge, R"(^HTTP/1\.1 200 OK\r\n)"},
+        {kFeedback, R"(^HTTP/1\.1 204 No Content\r\n(?![\s\S]*Connection: close)[\s\S]*\r\n\r\n$)",
+         false},
+        {Admin("POST /admin/fault", "feedback=close:*"), R"(^HTTP/1\.1 204 )"},
+        {kFeedback, R"(^$)"},
+        {Admin("DELETE /admin/faults"), R"(^HTTP/1\.1 204 )"},
+        {kFeedback, R"(^HTTP/1\.1 204 )"},
+        {Admin("POST /admin/fault", "challenge=empty-body\nchallenge=garbage-body"),
+         "^HTTP/1\\.1 204 "},
+        {kChallenge, R"(^HTTP/1\.1 200 OK\r\n[\s\S]*Content-Length: 0\r\n\r\n$)"},
+        {kChallenge,
+         R"(^HTTP/1\.1 200 OK\r\n[\s\S]*\r\n\r\n\n\x7Fthis is not a protobuf message$)"},
+        {Admin("POST /admin/fault", "feedback=continue\nfeedback=no-digits"), R"(^HTTP/1\.1 204 )"},
+        {kFeedback, R"(^HTTP/1\.1 100 Continue\r\n\r\nHTTP/1\.1 204 No Content\r\n)"},
+        {kFeedback, R"(^HTTP/1\.1 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n$)"},
+        {Admin("POST /admin/fault", "challenge=hang"), R"(^HTTP/1\.1 204 )"},
+        {kChallenge, R"(^$)", false},
+        {Admin("POST /admin/push"),
+         R"(^HTTP/1\.1 502 Bad Gateway\r\n[\s\S]*cannot connect to MQTT)"},
+        {Admin("GET /admin/status"), R"(^HTTP/1\.1 200 OK\r\n[\s\S]*"faults":\[\])"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.request);
+
+        const auto reply = Send(row.request, row.closes ? 10s : 300ms);
+
+        EXPECT_TRUE(std::regex_search(reply.bytes, std::regex(row.reply))) << reply.bytes;
+        EXPECT_EQ(reply.closed, row.closes);
+    }
+    const auto events = ReadFile(eventLog_);
+    EXPECT_NE(events.find(R"("fault":"status:999","status":999)"), std::string::npos) << events;
+    EXPECT_NE(events.find("closed without answering"), std::string::npos);
+    EXPECT_NE(events.find("holding the connection"), std::string::npos);
+}
+
+TEST_F(BackendSimTest, DownloadAnswersOnceForAnIssuedChallengeHashedWithTheVehiclesKeys) {
+    const auto body = [](const std::string& reply) {
+        return reply.substr(reply.find("\r\n\r\n") + 4);
+    };
+    pb::zelkDlcChallengeResponseType issued;
+    ASSERT_TRUE(issued.ParseFromString(body(Send(kChallenge).bytes)));
+    const auto keys =
+        sim_common::DeriveVehicleKeys(sim_common::kDefaultSecret, sim_common::kDefaultVin, 0);
+    pb::zelkDlcRequestType request;
+    request.set_zelkvin(sim_common::kDefaultVin);
+    request.set_ecutrainingcounter("0000");
+    request.set_tesmochallenge(std::string(32, '0'));
+    const auto download = [&] {
+        return Send(Request("POST /zelk/dlc/download", Vehicle(kDownloadRequestType),
+                            request.SerializeAsString()))
+            .bytes;
+    };
+
+    const auto unknown = download();
+    request.set_tesmochallenge(issued.tesmochallenge());
+    const auto wrongHash = download();
+    request.set_identityhash(sim_common::ToHex(
+        sim_common::IdentityHash(keys, *sim_common::FromHex(issued.tesmochallenge()))));
+    const auto good = download();
+    const auto replay = download();
+
+    EXPECT_EQ(unknown.rfind("HTTP/1.1 400 ", 0), 0u) << unknown;
+    EXPECT_EQ(wrongHash.rfind("HTTP/1.1 403 ", 0), 0u) << wrongHash;
+    EXPECT_EQ(
+        good.rfind(
+            "HTTP/1.1 200 OK\r\nContent-Type: application/TTVI_CT_zelkDlcResponse_v3+proto\r\n", 0),
+        0u)
+        << good;
+    pb::zelkDlcResponseType response;
+    ASSERT_TRUE(response.ParseFromString(body(good)));
+    EXPECT_EQ(Botan::base64_decode(response.downloadcontainer()).size(),
+              sim_common::DlcContainer::kSize);
+    EXPECT_EQ(replay.rfind("HTTP/1.1 409 ", 0), 0u) << replay;
+}
+
+}  // namespace
+}  // namespace backend_sim
