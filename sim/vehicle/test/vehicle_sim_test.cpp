@@ -1,0 +1,225 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <mutex>
+
+#include "ac/com/runtime/component_singleton.hpp"
+#include "ac/dm/genericuds/genericuds_proxy.hpp"
+#include "sim_common/dlc_container.hpp"
+#include "sim_common/sim_defaults.hpp"
+#include "test_support/child_process.hpp"
+#include "test_support/private_dbus_daemon.hpp"
+#include "test_support/temporary_directory.hpp"
+#include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
+#include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
+
+namespace vehicle_sim {
+namespace {
+
+using namespace std::chrono_literals;
+using kelvane::testing::ChildProcess;
+using kelvane::testing::FindProgram;
+using kelvane::testing::ReadFile;
+using kelvane::testing::WaitUntil;
+using ::testing::HasSubstr;
+using zelk::interfaces::diagservices::proxy::DiagServicesProxy;
+using zelk::interfaces::typeidaccess::proxy::TypeIdAccessProxy;
+using GenericUdsProxy = ac::dm::genericuds::proxy::GenericUDSServiceProxy;
+
+/// The instances of one service as a client on the bus sees them.
+template <typename P>
+class Instances {
+public:
+    explicit Instances(const char* instance)
+        : search_(P::StartFindService(
+              [this](ara::com::ServiceHandleContainer<typename P::HandleType> handles,
+                     ara::com::FindServiceHandle) {
+                  const std::lock_guard<std::mutex> lock(mutex_);
+                  handles_ = std::move(handles);
+              },
+              ara::core::InstanceSpecifier(instance))) {}
+    ~Instances() { P::StopFindService(search_); }
+
+    /// Waits up to 10 s until the service is offered (or withdrawn).
+    bool Offered(bool wanted = true) {
+        return WaitUntil([&] { return Proxy().operator bool() == wanted; }, 10s);
+    }
+    std::unique_ptr<P> Proxy() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return handles_.empty() ? nullptr : std::make_unique<P>(handles_.front());
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<typename P::HandleType> handles_;
+    ara::com::FindServiceHandle search_;
+};
+
+struct Outcome {
+    int exitCode = -1;
+    std::string output;
+};
+
+// A vehicle made by `init` and running with a fail point armed on its command line.
+class VehicleSimTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(Cli({"init"}).exitCode, 0);
+        vehicle_ = std::make_unique<ChildProcess>(
+            ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state",
+                                   state_.Path(), "--fail", "GetZelkVIN"},
+                                  {{"KELVANE_LOG", "console"}},
+                                  state_.File("run.log")});
+        ASSERT_TRUE(WaitUntil([&] { return Cli({"status"}).exitCode == 0; }, 10s, 50ms) &&
+                    Cli({"status"}).output.find(R"("running":true)") != std::string::npos)
+            << ReadFile(state_.File("run.log"));
+    }
+
+    /// Runs a command to its end, on this vehicle's state unless it names another.
+    Outcome Cli(std::vector<std::string> arguments) {
+        if (!arguments.empty() &&
+            std::find(arguments.begin(), arguments.end(), "--state") == arguments.end()) {
+            arguments.insert(arguments.end(), {"--state", state_.Path()});
+        }
+        arguments.insert(arguments.begin(), FindProgram("kelvane-vehicle-sim"));
+        const auto output = state_.File("cli-output");
+        std::remove(output.c_str());
+        ChildProcess process({arguments, {{"KELVANE_LOG", "console"}}, output});
+        return {process.WaitForExit(20s).value_or(-1), ReadFile(output)};
+    }
+
+    kelvane::testing::PrivateDbusDaemon bus_;
+    ac::com::runtime::Component_singleton component_{false, ""};
+    kelvane::testing::TemporaryDirectory state_;
+    std::unique_ptr<ChildProcess> vehicle_;
+};
+
+// In order: each command against what the commands before it did.
+TEST_F(VehicleSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
+    const auto elsewhere = state_.File("elsewhere");
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string output;
+    } rows[] = {
+        {{}, sim_common::kExitUsage, "missing command"},
+        {{"start"}, sim_common::kExitUsage, "unknown command 'start'"},
+        {{"init", "--vin", "SHORT"}, sim_common::kExitUsage, "bad VIN 'SHORT'"},
+        {{"init", "--training-counter", "65536"}, sim_common::kExitUsage, "65536"},
+        {{"run", "--clamp", "maybe"}, sim_common::kExitUsage, "maybe"},
+        {{"run", "--fail", "Nope"}, sim_common::kExitUsage, "unknown fail point 'Nope'"},
+        {{"clamp", "dim"}, sim_common::kExitUsage, "clamp takes on or off, not 'dim'"},
+        {{"service", "pause", "DiagServices"}, sim_common::kExitUsage, "service takes stop or"},
+        {{"status", "--bogus"}, sim_common::kExitUsage, "--bogus"},
+        {{"--help"}, sim_common::kExitOk, "Commands:"},
+        {{"run", "--help"}, sim_common::kExitOk, "Fail points:"},
+        {{"init"}, sim_common::kExitFailure, "already holds a key store"},
+        {{"run"}, sim_common::kExitFailure, "another kelvane-vehicle-sim runs on"},
+        {{"run", "--state", elsewhere}, sim_common::kExitFailure, "no key store at"},
+        {{"clamp", "on", "--state", elsewhere}, sim_common::kExitFailure, "no simulator runs on"},
+        {{"service", "stop", "Radio"}, sim_common::kExitFailure, "unknown service 'Radio'"},
+        {{"fail", "Nope"}, sim_common::kExitFailure, "unknown fail point 'Nope'"},
+        {{"clamp", "on"}, sim_common::kExitOk, ""},
+        {{"fail", "GetPssHash=ZELK_ERROR_BUSY:*"}, sim_common::kExitOk, ""},
+        {{"status"}, sim_common::kExitOk, R"("clamp15":true)"},
+        {{"status"},
+         sim_common::kExitOk,
+         R"("failPoints":["GetZelkVIN=ZELK_ERROR_GENERAL:1","GetPssHash=ZELK_ERROR_BUSY:*"])"},
+        {{"fail", "clear"}, sim_common::kExitOk, ""},
+        {{"status"}, sim_common::kExitOk, R"("failPoints":[])"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.arguments));
+
+        const auto outcome = Cli(row.arguments);
+
+        EXPECT_EQ(outcome.exitCode, row.exitCode) << outcome.output;
+        EXPECT_THAT(outcome.output, HasSubstr(row.output));
+        if (row.exitCode == sim_common::kExitUsage) {
+            EXPECT_EQ(outcome.output.rfind("kelvane-vehicle-sim: ", 0), 0u) << outcome.output;
+            EXPECT_EQ(std::count(outcome.output.begin(), outcome.output.end(), '\n'), 1);
+        }
+    }
+}
+
+TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
+    Instances<DiagServicesProxy> diagServices(zelk::interfaces::diagservices::kInstance);
+    Instances<TypeIdAccessProxy> typeIdAccess(zelk::interfaces::typeidaccess::kInstance);
+    Instances<GenericUdsProxy> genericUds(ac::dm::genericuds::kInstance);
+    ASSERT_TRUE(diagServices.Offered() && typeIdAccess.Offered() && genericUds.Offered());
+    const auto diag = diagServices.Proxy();
+    const auto typeIds = typeIdAccess.Proxy();
+    const auto uds = genericUds.Proxy();
+    const DiagServicesProxy::Hash challenge = {1, 2,  3,  4,  5,  6,  7,  8,
+                                               9, 10, 11, 12, 13, 14, 15, 16};
+    const auto container = [&](std::uint16_t counter) {
+        const auto keys = [](int n) {
+            return sim_common::DeriveVehicleKeys(
+                sim_common::kDefaultSecret, sim_common::kDefaultVin, static_cast<std::uint16_t>(n));
+        };
+        return sim_common::BuildDlcContainer(sim_common::kDefaultVin, counter,
+                                             {challenge.begin(), challenge.end()}, keys(counter),
+                                             keys(counter + 1));
+    };
+    diag->GetIdentityHash(challenge).get();
+    const auto good = container(0);
+    auto badMac = good;
+    badMac.at(badMac.size() - 1) ^= 1;
+    auto version2 = good;
+    version2.at(4) = 2;
+    const struct {
+        const char* failPoint;  // armed through the command line first
+        std::function<void()> call;
+        std::string error;
+    } rows[] = {
+        {"", [&] { diag->GetZelkVIN().get(); }, "DiagServices::ZELK_ERROR_GENERAL::1"},
+        {"GetTrainingCounter=ZELK_ERROR_BUSY", [&] { diag->GetTrainingCounter().get(); },
+         "DiagServices::ZELK_ERROR_BUSY::23"},
+        {"",
+         [&] {
+             diag->HandleDlc({1, 2, 3}).get();
+         },
+         "DiagServices::ZELK_ERROR_DLC_MALFORMATTED::31"},
+        {"", [&] { diag->HandleDlc(version2).get(); },
+         "DiagServices::ZELK_ERROR_DLC_UNSUPPORTED_VERSION::34"},
+        {"", [&] { diag->HandleDlc(container(5)).get(); },
+         "DiagServices::ZELK_ERROR_DLC_VERIFICATION_MISMATCH::33"},
+        {"", [&] { diag->HandleDlc(badMac).get(); },
+         "DiagServices::ZELK_ERROR_DLC_INVALID_MAC::30"},
+        {"persist", [&] { diag->HandleDlc(good).get(); },
+         "DiagServices::ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED::29"},
+        {"", [&] { typeIds->GetCertificate(12).get(); },
+         "TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"},
+        {"",
+         [&] {
+             uds->HandleMessage(0x22, {0xF1, 0x90}).get();
+         },
+         "GenericUDSService::UDSServiceFailed::2"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.error);
+        ASSERT_EQ(*row.failPoint ? Cli({"fail", row.failPoint}).exitCode : 0, 0);
+        std::string error = "no error";
+
+        try {
+            row.call();
+        } catch (const ara::com::ApplicationErrorException& exception) {
+            error = exception.what();
+        }
+
+        EXPECT_EQ(error, row.error);
+    }
+    EXPECT_EQ(diag->GetTrainingCounter().get().trainingCounter, 0);
+    EXPECT_NO_THROW(diag->HandleDlc(good).get());
+    ASSERT_EQ(Cli({"service", "stop", "DiagServices"}).exitCode, 0);
+    EXPECT_TRUE(diagServices.Offered(false));
+    ASSERT_EQ(Cli({"service", "start", "DiagServices"}).exitCode, 0);
+    ASSERT_TRUE(diagServices.Offered());
+    EXPECT_EQ(diagServices.Proxy()->GetTrainingCounter().get().trainingCounter, 1);
+    EXPECT_EQ(vehicle_->Stop(5000ms), 0);
+    EXPECT_THAT(Cli({"status"}).output, HasSubstr(R"("running":false)"));
+}
+
+}  // namespace
+}  // namespace vehicle_sim
