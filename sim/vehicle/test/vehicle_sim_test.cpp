@@ -1,18 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <mutex>
 
 #include "ac/com/runtime/component_singleton.hpp"
-#include "ac/dm/genericuds/genericuds_proxy.hpp"
 #include "sim_common/dlc_container.hpp"
 #include "sim_common/sim_defaults.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 #include "test_support/temporary_directory.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
-#include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
 
 namespace vehicle_sim {
 namespace {
@@ -24,8 +21,6 @@ using kelvane::testing::ReadFile;
 using kelvane::testing::WaitUntil;
 using ::testing::HasSubstr;
 using zelk::interfaces::diagservices::proxy::DiagServicesProxy;
-using zelk::interfaces::typeidaccess::proxy::TypeIdAccessProxy;
-using GenericUdsProxy = ac::dm::genericuds::proxy::GenericUDSServiceProxy;
 
 /// The instances of one service as a client on the bus sees them.
 template <typename P>
@@ -68,7 +63,7 @@ protected:
         ASSERT_EQ(Cli({"init"}).exitCode, 0);
         vehicle_ = std::make_unique<ChildProcess>(
             ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state",
-                                   state_.Path(), "--fail", "GetZelkVIN"},
+                                   state_.Path(), "--fail", "HandleDlc"},
                                   {{"KELVANE_LOG", "console"}},
                                   state_.File("run.log")});
         ASSERT_TRUE(WaitUntil([&] { return Cli({"status"}).exitCode == 0; }, 10s, 50ms) &&
@@ -106,12 +101,9 @@ TEST_F(VehicleSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
         {{}, sim_common::kExitUsage, "missing command"},
         {{"start"}, sim_common::kExitUsage, "unknown command 'start'"},
         {{"init", "--vin", "SHORT"}, sim_common::kExitUsage, "bad VIN 'SHORT'"},
-        {{"init", "--training-counter", "65536"}, sim_common::kExitUsage, "65536"},
         {{"run", "--clamp", "maybe"}, sim_common::kExitUsage, "maybe"},
         {{"run", "--fail", "Nope"}, sim_common::kExitUsage, "unknown fail point 'Nope'"},
         {{"clamp", "dim"}, sim_common::kExitUsage, "clamp takes on or off, not 'dim'"},
-        {{"service", "pause", "DiagServices"}, sim_common::kExitUsage, "service takes stop or"},
-        {{"status", "--bogus"}, sim_common::kExitUsage, "--bogus"},
         {{"--help"}, sim_common::kExitOk, "Commands:"},
         {{"run", "--help"}, sim_common::kExitOk, "Fail points:"},
         {{"init"}, sim_common::kExitFailure, "already holds a key store"},
@@ -125,7 +117,7 @@ TEST_F(VehicleSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
         {{"status"}, sim_common::kExitOk, R"("clamp15":true)"},
         {{"status"},
          sim_common::kExitOk,
-         R"("failPoints":["GetZelkVIN=ZELK_ERROR_GENERAL:1","GetPssHash=ZELK_ERROR_BUSY:*"])"},
+         R"("failPoints":["HandleDlc=ZELK_ERROR_GENERAL:1","GetPssHash=ZELK_ERROR_BUSY:*"])"},
         {{"fail", "clear"}, sim_common::kExitOk, ""},
         {{"status"}, sim_common::kExitOk, R"("failPoints":[])"},
     };
@@ -145,57 +137,34 @@ TEST_F(VehicleSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
 
 TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
     Instances<DiagServicesProxy> diagServices(zelk::interfaces::diagservices::kInstance);
-    Instances<TypeIdAccessProxy> typeIdAccess(zelk::interfaces::typeidaccess::kInstance);
-    Instances<GenericUdsProxy> genericUds(ac::dm::genericuds::kInstance);
-    ASSERT_TRUE(diagServices.Offered() && typeIdAccess.Offered() && genericUds.Offered());
+    ASSERT_TRUE(diagServices.Offered());
     const auto diag = diagServices.Proxy();
-    const auto typeIds = typeIdAccess.Proxy();
-    const auto uds = genericUds.Proxy();
     const DiagServicesProxy::Hash challenge = {1, 2,  3,  4,  5,  6,  7,  8,
                                                9, 10, 11, 12, 13, 14, 15, 16};
-    const auto container = [&](std::uint16_t counter) {
-        const auto keys = [](int n) {
-            return sim_common::DeriveVehicleKeys(
-                sim_common::kDefaultSecret, sim_common::kDefaultVin, static_cast<std::uint16_t>(n));
-        };
-        return sim_common::BuildDlcContainer(sim_common::kDefaultVin, counter,
-                                             {challenge.begin(), challenge.end()}, keys(counter),
-                                             keys(counter + 1));
+    const auto keys = [](std::uint16_t counter) {
+        return sim_common::DeriveVehicleKeys(sim_common::kDefaultSecret, sim_common::kDefaultVin,
+                                             counter);
+    };
+    const auto good = sim_common::BuildDlcContainer(
+        sim_common::kDefaultVin, 0, {challenge.begin(), challenge.end()}, keys(0), keys(1));
+    const auto changed = [&good](std::size_t at) {
+        auto bytes = good;
+        bytes.at(at) ^= 3;
+        return bytes;
     };
     diag->GetIdentityHash(challenge).get();
-    const auto good = container(0);
-    auto badMac = good;
-    badMac.at(badMac.size() - 1) ^= 1;
-    auto version2 = good;
-    version2.at(4) = 2;
     const struct {
         const char* failPoint;  // armed through the command line first
-        std::function<void()> call;
+        std::vector<std::uint8_t> container;
         std::string error;
     } rows[] = {
-        {"", [&] { diag->GetZelkVIN().get(); }, "DiagServices::ZELK_ERROR_GENERAL::1"},
-        {"GetTrainingCounter=ZELK_ERROR_BUSY", [&] { diag->GetTrainingCounter().get(); },
-         "DiagServices::ZELK_ERROR_BUSY::23"},
-        {"",
-         [&] {
-             diag->HandleDlc({1, 2, 3}).get();
-         },
-         "DiagServices::ZELK_ERROR_DLC_MALFORMATTED::31"},
-        {"", [&] { diag->HandleDlc(version2).get(); },
-         "DiagServices::ZELK_ERROR_DLC_UNSUPPORTED_VERSION::34"},
-        {"", [&] { diag->HandleDlc(container(5)).get(); },
-         "DiagServices::ZELK_ERROR_DLC_VERIFICATION_MISMATCH::33"},
-        {"", [&] { diag->HandleDlc(badMac).get(); },
-         "DiagServices::ZELK_ERROR_DLC_INVALID_MAC::30"},
-        {"persist", [&] { diag->HandleDlc(good).get(); },
-         "DiagServices::ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED::29"},
-        {"", [&] { typeIds->GetCertificate(12).get(); },
-         "TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"},
-        {"",
-         [&] {
-             uds->HandleMessage(0x22, {0xF1, 0x90}).get();
-         },
-         "GenericUDSService::UDSServiceFailed::2"},
+        {"", good, "ZELK_ERROR_GENERAL::1"},  // armed by run --fail
+        {"HandleDlc=ZELK_ERROR_BUSY", good, "ZELK_ERROR_BUSY::23"},
+        {"", {1, 2, 3}, "ZELK_ERROR_DLC_MALFORMATTED::31"},
+        {"", changed(4), "ZELK_ERROR_DLC_UNSUPPORTED_VERSION::34"},
+        {"", changed(24), "ZELK_ERROR_DLC_VERIFICATION_MISMATCH::33"},
+        {"", changed(good.size() - 1), "ZELK_ERROR_DLC_INVALID_MAC::30"},
+        {"persist", good, "ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED::29"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.error);
@@ -203,12 +172,12 @@ TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
         std::string error = "no error";
 
         try {
-            row.call();
+            diag->HandleDlc(row.container).get();
         } catch (const ara::com::ApplicationErrorException& exception) {
             error = exception.what();
         }
 
-        EXPECT_EQ(error, row.error);
+        EXPECT_EQ(error, "DiagServices::" + row.error);
     }
     EXPECT_EQ(diag->GetTrainingCounter().get().trainingCounter, 0);
     EXPECT_NO_THROW(diag->HandleDlc(good).get());
