@@ -1,14 +1,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <mutex>
+#include <random>
 
 #include "ac/com/runtime/component_singleton.hpp"
+#include "sim_common/atomic_file.hpp"
 #include "sim_common/dlc_container.hpp"
 #include "sim_common/sim_defaults.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "vehicle_sim/vehicle_state.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 
 namespace vehicle_sim {
@@ -51,28 +55,24 @@ private:
     ara::com::FindServiceHandle search_;
 };
 
-struct Outcome {
-    int exitCode = -1;
-    std::string output;
-};
-
 // A vehicle made by `init` and running with a fail point armed on its command line.
 class VehicleSimTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(Cli({"init"}).exitCode, 0);
+        ASSERT_EQ(Cli({"init"}).first, 0);
         vehicle_ = std::make_unique<ChildProcess>(
             ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state",
                                    state_.Path(), "--fail", "HandleDlc"},
                                   {{"KELVANE_LOG", "console"}},
                                   state_.File("run.log")});
-        ASSERT_TRUE(WaitUntil([&] { return Cli({"status"}).exitCode == 0; }, 10s, 50ms) &&
-                    Cli({"status"}).output.find(R"("running":true)") != std::string::npos)
+        ASSERT_TRUE(WaitUntil([&] { return Cli({"status"}).first == 0; }, 10s, 50ms) &&
+                    Cli({"status"}).second.find(R"("running":true)") != std::string::npos)
             << ReadFile(state_.File("run.log"));
     }
 
-    /// Runs a command to its end, on this vehicle's state unless it names another.
-    Outcome Cli(std::vector<std::string> arguments) {
+    /// Runs a command to its end, on this vehicle's state unless it names another:
+    /// its exit code and output.
+    std::pair<int, std::string> Cli(std::vector<std::string> arguments) {
         if (!arguments.empty() &&
             std::find(arguments.begin(), arguments.end(), "--state") == arguments.end()) {
             arguments.insert(arguments.end(), {"--state", state_.Path()});
@@ -124,13 +124,13 @@ TEST_F(VehicleSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.arguments));
 
-        const auto outcome = Cli(row.arguments);
+        const auto [exitCode, output] = Cli(row.arguments);
 
-        EXPECT_EQ(outcome.exitCode, row.exitCode) << outcome.output;
-        EXPECT_THAT(outcome.output, HasSubstr(row.output));
+        EXPECT_EQ(exitCode, row.exitCode) << output;
+        EXPECT_THAT(output, HasSubstr(row.output));
         if (row.exitCode == sim_common::kExitUsage) {
-            EXPECT_EQ(outcome.output.rfind("kelvane-vehicle-sim: ", 0), 0u) << outcome.output;
-            EXPECT_EQ(std::count(outcome.output.begin(), outcome.output.end(), '\n'), 1);
+            EXPECT_EQ(output.rfind("kelvane-vehicle-sim: ", 0), 0u) << output;
+            EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1);
         }
     }
 }
@@ -168,7 +168,7 @@ TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.error);
-        ASSERT_EQ(*row.failPoint ? Cli({"fail", row.failPoint}).exitCode : 0, 0);
+        ASSERT_EQ(*row.failPoint ? Cli({"fail", row.failPoint}).first : 0, 0);
         std::string error = "no error";
 
         try {
@@ -181,13 +181,52 @@ TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
     }
     EXPECT_EQ(diag->GetTrainingCounter().get().trainingCounter, 0);
     EXPECT_NO_THROW(diag->HandleDlc(good).get());
-    ASSERT_EQ(Cli({"service", "stop", "DiagServices"}).exitCode, 0);
+    ASSERT_EQ(Cli({"service", "stop", "DiagServices"}).first, 0);
     EXPECT_TRUE(diagServices.Offered(false));
-    ASSERT_EQ(Cli({"service", "start", "DiagServices"}).exitCode, 0);
+    ASSERT_EQ(Cli({"service", "start", "DiagServices"}).first, 0);
     ASSERT_TRUE(diagServices.Offered());
     EXPECT_EQ(diagServices.Proxy()->GetTrainingCounter().get().trainingCounter, 1);
     EXPECT_EQ(vehicle_->Stop(5000ms), 0);
-    EXPECT_THAT(Cli({"status"}).output, HasSubstr(R"("running":false)"));
+    EXPECT_THAT(Cli({"status"}).second, HasSubstr(R"("running":false)"));
+}
+
+// Killed at any moment of a write, the key store holds the old or the new
+// state, complete and consistent, never a mixture or a torn file.
+TEST_F(VehicleSimTest, KeyStoreAlwaysLoadsAfterAWriterIsKilledMidWrite) {
+    std::mt19937 random(std::random_device{}());
+    std::uint16_t lastSeen = 0;
+    std::string error;
+
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        const auto target = static_cast<std::uint16_t>(lastSeen + 1 + random() % 4);
+        ChildProcess writer(
+            {{FindProgram("vehicle_state_writer"), state_.Path(), sim_common::kDefaultSecret},
+             {},
+             state_.File("writer.log")});
+        // Reading while it writes is part of the test: every read must succeed.
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                const auto state = VehicleState::Load(state_.Path(), error);
+                EXPECT_TRUE(state.has_value()) << error;
+                return state && state->trainingCounter >= target;
+            },
+            10s, 0ms));
+        writer.Signal(SIGKILL);
+        ASSERT_TRUE(writer.WaitForExit(5s).has_value());
+
+        const auto state = VehicleState::Load(state_.Path(), error);
+        ASSERT_TRUE(state.has_value()) << error;
+        EXPECT_GE(state->trainingCounter, target);
+        EXPECT_EQ(state->keys, sim_common::DeriveVehicleKeys(sim_common::kDefaultSecret, state->vin,
+                                                             state->trainingCounter));
+        lastSeen = state->trainingCounter;
+    }
+
+    sim_common::RemoveStaleTemporaries(state_.File(VehicleState::kFileName));
+    for (const auto& entry : std::filesystem::directory_iterator(state_.Path())) {
+        EXPECT_EQ(entry.path().string().find(".tmp"), std::string::npos) << entry.path();
+    }
 }
 
 }  // namespace
