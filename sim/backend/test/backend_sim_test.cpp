@@ -106,6 +106,7 @@ TEST_F(BackendSimTest, CommandLineAnswersWithItsExitCodeAndReason) {
         {{}, sim_common::kExitUsage, "missing command (run or push)"},
         {{"serve"}, sim_common::kExitUsage, "unknown command 'serve'"},
         {{"run", "--address", "0.0.0.0"}, sim_common::kExitUsage, "0.0.0.0"},
+        {{"run", "--config", "/nonexistent/b.ini"}, sim_common::kExitUsage, "/nonexistent/b.ini"},
         {{"push", "--qos", "3"}, sim_common::kExitUsage, "--qos"},
         {{"--help"}, sim_common::kExitOk, "Commands:"},
         {{"run", "--help"}, sim_common::kExitOk, "--fault FAULT"},
@@ -208,7 +209,7 @@ TEST_F(BackendSimTest, EveryEndpointAndFaultAnswersExactlyOnTheWire) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.request);
 
-        const auto reply = Send(row.request, row.closes ? 10s : 300ms);
+        const auto reply = Send(row.request, row.closes ? 10s : 500ms);
 
         EXPECT_TRUE(std::regex_search(reply.bytes, std::regex(row.reply))) << reply.bytes;
         EXPECT_EQ(reply.closed, row.closes);
