@@ -61,7 +61,7 @@ class VehicleSimTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(Cli({"init"}).first, 0);
-        vehicle_ = std::make_unique<ChildProcess>(
+        sut_ = std::make_unique<ChildProcess>(
             ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state",
                                    state_.Path(), "--fail", "HandleDlc"},
                                   {{"KELVANE_LOG", "console"}},
@@ -89,7 +89,7 @@ protected:
     kelvane::testing::PrivateDbusDaemon bus_;
     ac::com::runtime::Component_singleton component_{false, ""};
     kelvane::testing::TemporaryDirectory state_;
-    std::unique_ptr<ChildProcess> vehicle_;
+    std::unique_ptr<ChildProcess> sut_;
 };
 
 // In order: each command against what the commands before it did.
@@ -184,7 +184,7 @@ TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
     ASSERT_EQ(Cli({"service", "start", "DiagServices"}).first, 0);
     ASSERT_TRUE(diagServices.Offered());
     EXPECT_EQ(diagServices.Proxy()->GetTrainingCounter().get().trainingCounter, 1);
-    EXPECT_EQ(vehicle_->Stop(5000ms), 0);
+    EXPECT_EQ(sut_->Stop(5000ms), 0);
     EXPECT_THAT(Cli({"status"}).second, HasSubstr(R"("running":false)"));
 }
 
