@@ -2,28 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "test_support/private_dbus_daemon.hpp"
+#include "test_support/scoped_environment.hpp"
 
 namespace idl {
 namespace {
 
-TEST(BusConnectionTest, KelvaneAddressWinsOverTheSessionBus) {
-    kelvane::testing::PrivateDbusDaemon bus;
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+using kelvane::testing::ScopedEnvironment;
 
-    EXPECT_EQ(BusAddress(), bus.Address());
-    auto connection = OpenBusConnection();
-    EXPECT_FALSE(connection->getUniqueName().empty());
-    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-}
-
-TEST(BusConnectionTest, UnreachableBusIsAnError) {
-    ::setenv("KELVANE_DBUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-
+TEST(BusConnectionTest, KelvaneAddressWinsOverTheSessionBusAndAnUnreachableOneIsAnError) {
+    const ScopedEnvironment session("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
+    {
+        kelvane::testing::PrivateDbusDaemon bus;
+        EXPECT_EQ(BusAddress(), bus.Address());
+        EXPECT_FALSE(OpenBusConnection()->getUniqueName().empty());
+    }
+    const ScopedEnvironment unreachable("KELVANE_DBUS_ADDRESS", "unix:path=/nonexistent/bus");
     EXPECT_THROW(OpenBusConnection(), sdbus::Error);
-    ::unsetenv("KELVANE_DBUS_ADDRESS");
 }
 
 }  // namespace
