@@ -2,39 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "csc_logging/log_capture.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "vi_connector/vi_connector.hpp"
 
 namespace vi_connector {
 namespace {
 
 using kelvane::testing::TemporaryDirectory;
-
-TEST(ConnectorConfigTest, ReadsEverySection) {
-    TemporaryDirectory dir;
-    const auto path = dir.Write("vi.ini",
-                                "[mqtt]\n"
-                                "host = ::1\nport = 18830\nclient_id = car-1\nkeep_alive = 10\n"
-                                "[connection_state]\nmode = fixed\nstate = 3\n"
-                                "[transaction TTVI-Kelvane-C003.COzelkDlcChallenge]\n"
-                                "url = http://127.0.0.1:8080/challenge\ntoken = abc\n"
-                                "[transaction TTVI-Kelvane-C003.COzelkDlcDownload]\n"
-                                "url = http://127.0.0.1:8080/download\ntoken_file = /run/token\n");
-    std::string error;
-
-    const auto config = ConnectorConfig::Load(path, error);
-
-    ASSERT_TRUE(config.has_value()) << error;
-    EXPECT_EQ(config->mqtt.host, "::1");
-    EXPECT_EQ(config->mqtt.port, 18830);
-    EXPECT_EQ(config->mqtt.clientId, "car-1");
-    EXPECT_EQ(config->mqtt.keepAliveSeconds, 10);
-    EXPECT_EQ(config->connectionState.mode, ConnectionStateSettings::Mode::kFixed);
-    EXPECT_EQ(config->connectionState.fixedState, 3);
-    ASSERT_EQ(config->transactions.size(), 2U);
-    EXPECT_EQ(config->transactions.at("TTVI-Kelvane-C003.COzelkDlcChallenge").token, "abc");
-    EXPECT_EQ(config->transactions.at("TTVI-Kelvane-C003.COzelkDlcDownload").tokenFile,
-              "/run/token");
-}
 
 TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
     TemporaryDirectory dir;
@@ -51,14 +26,50 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
          "[transaction T] needs exactly one of token, token_file and token_credential"},
         {"[mqtt]\n", "no [transaction <id>] section"},
         {"", "cannot open file: No such file or directory"},
+        {"[transaction T]\nurl=http://h/p\ntoken_credential=../etc/shadow\n",
+         "is not a plain file name"},
+        {"[mqtt]\nhost=broker.example\n" + transaction, "allow_plaintext = true"},
+        {"[mqtt]\nhost=10.0.0.1\n" + transaction, "[mqtt] host='10.0.0.1' is not on loopback"},
+        {"[mqtt]\nhost=broker.example\nallow_plaintext=true\n" + transaction, ""},
+        {"[mqtt]\nhost=broker.example\ntls_ca_file=/etc/ca.pem\n" + transaction, ""},
+        {"[mqtt]\nhost=127.3.2.1\n" + transaction, ""},
+        {"[mqtt]\nhost=::1\n" + transaction, ""},
     };
     for (const auto& [content, problem] : cases) {
-        const auto path = content.empty() ? dir.File("none.ini") : dir.Write("bad.ini", content);
+        SCOPED_TRACE(content);
+        const auto path = content.empty() ? dir.File("none.ini") : dir.Write("vi.ini", content);
         std::string error;
 
-        EXPECT_FALSE(ConnectorConfig::Load(path, error).has_value()) << content;
-        EXPECT_EQ(error, path + ": " + problem);
+        const auto config = ConnectorConfig::Load(path, error);
+
+        EXPECT_EQ(config.has_value(), problem.empty());
+        if (!problem.empty()) {
+            EXPECT_EQ(error.rfind(path + ": ", 0), 0U) << error;
+            EXPECT_NE(error.find(problem), std::string::npos) << error;
+        }
     }
+}
+
+TEST(ConnectorConfigTest, DefaultClientIdIsThisDevicesOwnAndPlainHttpToARemoteHostWarnsAtStart) {
+    TemporaryDirectory dir;
+    const auto path = dir.Write("vi.ini",
+                                "[transaction Remote]\nurl=http://backend.example/p\ntoken=t\n"
+                                "[transaction Local]\nurl=http://[::1]:8080/p\ntoken=t\n"
+                                "[transaction Tls]\nurl=https://backend.example/p\ntoken=t\n");
+    csc_logging::LogCapture log;
+    std::string error;
+    VIConnector sut(nullptr, nullptr, path);
+
+    const auto config = ConnectorConfig::Load(path, error);
+    sut.Start();
+    sut.Stop();
+
+    ASSERT_TRUE(config.has_value()) << error;
+    EXPECT_EQ(config->mqtt.clientId, DeviceClientId());
+    EXPECT_EQ(config->mqtt.clientId.size(), std::string("kelvane-").size() + 16);
+    EXPECT_EQ(config->mqtt.clientId.rfind("kelvane-", 0), 0U);
+    EXPECT_EQ(log.Count(csc_logging::LogLevel::kWarning, "plain http"), 1U) << log.Dump();
+    EXPECT_TRUE(log.Contains("[transaction Remote] sends plain http to backend.example"));
 }
 
 }  // namespace
