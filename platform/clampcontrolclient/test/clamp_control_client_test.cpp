@@ -13,7 +13,8 @@
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 
-// The client against the service, both on a bus of the test's own.
+// The client against the service, both on a bus of the test's own. Service restarts
+// are walked through by the clamp control handler's bus tests.
 namespace clampcontrolclient {
 namespace {
 
@@ -69,23 +70,6 @@ protected:
     ClampControlClient sut_;
 };
 
-TEST_F(ClampControlClientTest, SubscriptionDeliversTheCurrentStateOnceThenEveryChange) {
-    StartClient();
-    ASSERT_EQ(callback_.WaitFor(1), Events{"disconnected"});
-    ClampControlService service(true);
-    service.Offer();
-    ASSERT_EQ(callback_.WaitFor(2), (Events{"disconnected", "connected"}));
-
-    EXPECT_FALSE(sut_.Subscribe().empty());
-    service.SetClampState(true);  // no change, no signal
-    service.SetClampState(false);
-    service.StopOffer();
-    service.Offer();
-
-    EXPECT_EQ(callback_.WaitFor(7), (Events{"disconnected", "connected", "subscribed", "clamp15 on",
-                                            "clamp15 off", "disconnected", "connected"}));
-}
-
 TEST_F(ClampControlClientTest, RefusalGivesAnEmptyIdAndOnlySubscribersHearOfChangesUntilTheyLeave) {
     ClampControlService service;
     service.SetAcceptSubscriptions(false);
@@ -101,6 +85,7 @@ TEST_F(ClampControlClientTest, RefusalGivesAnEmptyIdAndOnlySubscribersHearOfChan
     EXPECT_EQ(sut_.Subscribe(), "");
     service.SetAcceptSubscriptions(true);
     EXPECT_FALSE(sut_.Subscribe().empty());
+    service.SetClampState(false);  // no change, no signal
     service.SetClampState(true);
 
     EXPECT_EQ(callback_.WaitFor(4),
