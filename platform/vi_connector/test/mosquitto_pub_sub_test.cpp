@@ -27,82 +27,66 @@ using namespace std::chrono_literals;
 using kelvane::testing::MosquittoBroker;
 using kelvane::testing::TemporaryDirectory;
 using Bytes = std::vector<std::uint8_t>;
+using Events = std::vector<std::string>;
 
 constexpr auto kTimeout = 10s;
 
-enum class Kind { kState, kMessage, kPublishAck, kSubscribeAck, kFailed };
-
-struct Notification {
-    Kind kind;
-    std::string topic;
-    int value;  // state or subscription status
-    std::uint32_t id = 0;
-    Bytes payload = {};
-};
-
+// Every notification as one line, in arrival order; a message line ends in its payload.
 class RecordingPubSubCallback : public VIPubSubCallbackIf {
 public:
     void VIPubSubConnectionState(PubSubConnectionState state) override {
-        Add({Kind::kState, {}, state});
+        Add("state " + std::to_string(state));
     }
-    void VIPublishReceived(const std::string& topic, const Bytes& payload,
-                           std::uint32_t messageId) override {
+    void VIPublishReceived(const std::string& topic, const Bytes& payload, std::uint32_t) override {
         if (onMessage) {
             onMessage();
         }
-        Add({Kind::kMessage, topic, 0, messageId, payload});
+        Add("message " + topic + " " + std::string(payload.begin(), payload.end()));
     }
-    void VIPublishAcknowledgeReceived(const std::string& topic, std::uint16_t requestId) override {
-        Add({Kind::kPublishAck, topic, 0, requestId});
+    void VIPublishAcknowledgeReceived(const std::string& topic, std::uint16_t) override {
+        Add("puback " + topic);
     }
     void VISubscribeAcknowledgeReceived(const std::string& topic, SubscriptionStatus status,
-                                        std::uint16_t requestId) override {
-        Add({Kind::kSubscribeAck, topic, status, requestId});
+                                        std::uint16_t id) override {
+        Add("suback " + topic + " " + std::to_string(status) + " " + std::to_string(id));
     }
     void VIUnsubscribeAcknowledgeReceived(const std::string&, std::uint16_t) override {}
-    void VIPublishFailed(const std::string& topic, std::uint16_t id) override {
-        Add({Kind::kFailed, topic, 0, id});
+    void VIPublishFailed(const std::string& topic, std::uint16_t) override {
+        Add("failed " + topic);
     }
-    void VISubscribeFailed(const std::string& topic, std::uint16_t id) override {
-        Add({Kind::kFailed, topic, 0, id});
+    void VISubscribeFailed(const std::string& topic, std::uint16_t) override {
+        Add("failed " + topic);
     }
     void VIUnsubscribeFailed(const std::string&, std::uint16_t) override {}
 
-    /// The notifications of `kind` so far, once there are `count` of them.
-    std::vector<Notification> WaitFor(Kind kind, std::size_t count) {
+    /// The events starting with `prefix` so far, once there are `count` of them.
+    Events WaitFor(const std::string& prefix, std::size_t count = 0) {
         std::unique_lock<std::mutex> lock(mutex_);
-        std::vector<Notification> found;
+        Events found;
         changed_.wait_for(lock, kTimeout, [&] {
             found.clear();
-            for (const auto& notification : notifications_) {
-                if (notification.kind == kind) {
-                    found.push_back(notification);
+            for (const auto& event : events_) {
+                if (event.rfind(prefix, 0) == 0) {
+                    found.push_back(event);
                 }
             }
             return found.size() >= count;
         });
         return found;
     }
-    std::vector<int> States(std::size_t count = 0) {
-        std::vector<int> states;
-        for (const auto& notification : WaitFor(Kind::kState, count)) {
-            states.push_back(notification.value);
-        }
-        return states;
-    }
 
     std::function<void()> onMessage;
 
 private:
-    void Add(Notification notification) {
+    void Add(std::string event) {
         std::lock_guard<std::mutex> lock(mutex_);
-        notifications_.push_back(std::move(notification));
+        events_.push_back(std::move(event));
         changed_.notify_all();
     }
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<Notification> notifications_;
+    Events events_;
 };
 
 // A connector configured for `port`, started and ready.
@@ -122,17 +106,6 @@ public:
     VIConnector* operator->() { return connector_.get(); }
     void Destroy() { connector_.reset(); }
 
-    /// Connects `callback`'s session and, given a topic, subscribes to it.
-    bool Connected(RecordingPubSubCallback& callback, const std::string& topic = "") {
-        if (connector_->PubSubConnect(&callback) != pubsub_status::kInProgress ||
-            callback.States(2).size() != 2U) {
-            return false;
-        }
-        return topic.empty() ||
-               (connector_->PubSubSubscribe(topic, true).status == pubsub_status::kOk &&
-                callback.WaitFor(Kind::kSubscribeAck, 1).size() == 1U);
-    }
-
 private:
     TemporaryDirectory directory_;
     std::unique_ptr<VIConnector> connector_;
@@ -150,51 +123,7 @@ void PublishFromOtherClient(const MosquittoBroker& broker, const std::string& to
     ASSERT_EQ(publisher.WaitForExit(kTimeout), std::optional<int>(0));
 }
 
-TEST(MosquittoPubSubTest, PassesBinaryMessagesBothWaysUnchangedAndFallsSilentWhenDestroyed) {
-    MosquittoBroker broker;
-    csc_logging::LogCapture log;
-    RecordingPubSubCallback callback;
-    StartedConnector sut(broker.Port());
-
-    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
-    EXPECT_EQ(callback.States(2), (std::vector<int>{1, 0}));
-    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kAlreadyOrQueued);
-    const auto subscribed = sut->PubSubSubscribe("push/ecu", true);
-    ASSERT_EQ(subscribed.status, pubsub_status::kOk);
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
-    ASSERT_EQ(acks.size(), 1U);
-    EXPECT_EQ(acks[0].topic, "push/ecu");
-    EXPECT_EQ(acks[0].value, VIPubSubCallbackIf::kGranted);
-    EXPECT_EQ(acks[0].id, subscribed.requestId);
-    EXPECT_EQ(sut->PubSubSubscribe("bad/#/filter", true).status, pubsub_status::kFailed);
-    EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
-
-    const std::string payload("\x00\x01zelk\x00\xff", 8);
-    PublishFromOtherClient(broker, "push/ecu", payload);
-    ASSERT_EQ(callback.WaitFor(Kind::kMessage, 1).size(), 1U);
-    // Several reads long, yet under the 64 KiB the connector accepts from a broker.
-    Bytes large(60000);
-    std::iota(large.begin(), large.end(), std::uint8_t{7});
-    EXPECT_EQ(sut->PubSubPublish("push/ecu", large, 1, 60, PublishPayloadFormat::kUnspecified,
-                                 "application/octet-stream", false),
-              pubsub_status::kOk);
-    EXPECT_NE(
-        sut->PubSubPublish("push/ecu", large, 3, 0, PublishPayloadFormat::kUnspecified, "", false),
-        pubsub_status::kOk);
-
-    EXPECT_EQ(callback.WaitFor(Kind::kPublishAck, 1).size(), 1U);
-    const auto messages = callback.WaitFor(Kind::kMessage, 2);
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_EQ(messages[0].topic, "push/ecu");
-    EXPECT_EQ(messages[0].payload, Bytes(payload.begin(), payload.end()));
-    EXPECT_EQ(messages[1].payload, large);
-    // The owner of the callback may be gone before the connector is destroyed.
-    sut.Destroy();
-    EXPECT_EQ(callback.States(), (std::vector<int>{1, 0}));
-    EXPECT_TRUE(callback.WaitFor(Kind::kFailed, 0).empty());
-}
-
-TEST(MosquittoPubSubTest, SubscriptionWhileTheBrokerIsDownIsQueuedAndSentOnceItIsUp) {
+TEST(MosquittoPubSubTest, BrokerComingUpLateGetsTheQueuedSubscriptionAndBinaryMessagesBothWays) {
     MosquittoBroker broker;
     broker.Stop();
     csc_logging::LogCapture log;
@@ -206,14 +135,37 @@ TEST(MosquittoPubSubTest, SubscriptionWhileTheBrokerIsDownIsQueuedAndSentOnceItI
     // Several attempts fail before the broker comes: one warning, not one per attempt.
     ASSERT_TRUE(log.WaitFor("still unreachable", kTimeout, 2));
     broker.Start();
+    EXPECT_EQ(callback.WaitFor("state", 2), (Events{"state 1", "state 0"}));
+    EXPECT_EQ(sut->PubSubConnect(&callback), pubsub_status::kAlreadyOrQueued);
+    const auto subscribed = sut->PubSubSubscribe("push/ecu", true);
+    EXPECT_EQ(sut->PubSubSubscribe("bad/#/filter", true).status, pubsub_status::kFailed);
 
-    EXPECT_EQ(callback.States(2), (std::vector<int>{1, 0}));
-    const auto acks = callback.WaitFor(Kind::kSubscribeAck, 1);
-    ASSERT_EQ(acks.size(), 1U);
-    EXPECT_EQ(acks[0].topic, "push/queued");
-    PublishFromOtherClient(broker, "push/queued", "after the outage");
-    EXPECT_EQ(callback.WaitFor(Kind::kMessage, 1).size(), 1U);
+    const auto acks = callback.WaitFor("suback", 2);
+    ASSERT_EQ(acks.size(), 2U);
+    EXPECT_EQ(acks[0].rfind("suback push/queued 0 ", 0), 0U);
+    EXPECT_EQ(acks[1], "suback push/ecu 0 " + std::to_string(subscribed.requestId));
+    const std::string payload("\x00\x01zelk\x00\xff", 8);
+    PublishFromOtherClient(broker, "push/ecu", payload);
+    ASSERT_EQ(callback.WaitFor("message", 1).size(), 1U);
+    // Several reads long, yet under the 64 KiB the connector accepts from a broker.
+    Bytes large(60000);
+    std::iota(large.begin(), large.end(), std::uint8_t{7});
+    EXPECT_EQ(sut->PubSubPublish("push/ecu", large, 1, 60, PublishPayloadFormat::kUnspecified,
+                                 "application/octet-stream", false),
+              pubsub_status::kOk);
+    EXPECT_NE(
+        sut->PubSubPublish("push/ecu", large, 3, 0, PublishPayloadFormat::kUnspecified, "", false),
+        pubsub_status::kOk);
+    EXPECT_EQ(callback.WaitFor("puback", 1), Events{"puback push/ecu"});
+    EXPECT_EQ(callback.WaitFor("message", 2),
+              (Events{"message push/ecu " + payload,
+                      "message push/ecu " + std::string(large.begin(), large.end())}));
     EXPECT_EQ(log.Count(csc_logging::LogLevel::kWarning, "cannot connect to MQTT broker"), 1U);
+    EXPECT_TRUE(log.Contains("not a valid MQTT topic filter"));
+    // The owner of the callback may be gone before the connector is destroyed.
+    sut.Destroy();
+    EXPECT_EQ(callback.WaitFor("state").size(), 2U);
+    EXPECT_TRUE(callback.WaitFor("failed").empty());
 }
 
 TEST(MosquittoPubSubTest, ConnectBeforeStartOrWithoutItsCaFileFailsWithAClearLine) {
@@ -228,7 +180,7 @@ TEST(MosquittoPubSubTest, ConnectBeforeStartOrWithoutItsCaFileFailsWithAClearLin
     EXPECT_TRUE(
         log.Contains(csc_logging::LogLevel::kError, "PubSubConnect before a successful Start()"));
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
-    EXPECT_TRUE(callback.States().empty());
+    EXPECT_TRUE(callback.WaitFor("").empty());
 }
 
 TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
@@ -243,7 +195,9 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     };
     RecordingPubSubCallback next;
     StartedConnector sut(broker.Port());
-    ASSERT_TRUE(sut.Connected(disconnected, "push/#"));
+    ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
+    sut->PubSubSubscribe("push/#", true);
+    ASSERT_EQ(disconnected.WaitFor("suback", 1).size(), 1U);
     PublishFromOtherClient(broker, "push/1", "first");
     ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return inside.load(); }, kTimeout));
 
@@ -269,17 +223,16 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_TRUE(settled);
     EXPECT_FALSE(returnedWhileInside);
     EXPECT_TRUE(leftBeforeReturn);
-    EXPECT_EQ(disconnected.States(), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(disconnected.WaitFor("state"), (Events{"state 1", "state 0", "state 1"}));
     EXPECT_EQ(sut->PubSubPublish("a/b", {1}, 0, 0, PublishPayloadFormat::kUnspecified, "", false),
               pubsub_status::kFailed);
     // The same connector connects again: a new callback gets what follows, the old one nothing.
-    ASSERT_TRUE(sut.Connected(next, "push/#"));
+    ASSERT_EQ(sut->PubSubConnect(&next), pubsub_status::kInProgress);
+    sut->PubSubSubscribe("push/#", true);
+    ASSERT_EQ(next.WaitFor("suback", 1).size(), 1U);
     PublishFromOtherClient(broker, "push/2", "second");
-    const auto messages = next.WaitFor(Kind::kMessage, 1);
-    ASSERT_EQ(messages.size(), 1U);
-    EXPECT_EQ(messages[0].topic, "push/2");
-    EXPECT_EQ(disconnected.WaitFor(Kind::kMessage, 0).size(), 1U);
-    EXPECT_EQ(disconnected.States().size(), 3U);
+    EXPECT_EQ(next.WaitFor("message", 1), Events{"message push/2 second"});
+    EXPECT_EQ(disconnected.WaitFor("").size(), 5U);
 }
 
 }  // namespace
