@@ -87,10 +87,7 @@ TEST(AraBindingTest, SearchesFollowTheOfferAsItComesAndGoesUntilStopped) {
 
     auto earlySearch = DiagServicesProxy::StartFindService(early.Handler(), kDiagInstance);
     sut.OfferService();
-    const auto found = early.Nth(1);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found.front().BusName(), "zelk.interfaces.diagservices.DiagServices");
-    EXPECT_EQ(found.front().BusAddress(), bus.Address());
+    EXPECT_EQ(early.Nth(1).size(), 1u);
     // A search started after the offer finds it, with no empty list first.
     auto lateSearch = DiagServicesProxy::StartFindService(late.Handler(), kDiagInstance);
     EXPECT_EQ(late.Nth(1).size(), 1u);
