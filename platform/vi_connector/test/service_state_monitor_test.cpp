@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -12,8 +10,6 @@
 #include <vector>
 
 #include "test_support/child_process.hpp"
-#include "test_support/loopback.hpp"
-#include "test_support/scripted_tcp_server.hpp"
 
 // The probe behind the connector's state reports. Probing a backend that comes and
 // goes through the connector is driven end to end by the client's own tests.
@@ -21,7 +17,6 @@ namespace vi_connector {
 namespace {
 
 using namespace std::chrono_literals;
-using kelvane::testing::ScriptedTcpServer;
 using States = std::vector<std::uint8_t>;
 
 constexpr const char* kServiceId = "TTVI-Kelvane-C003";
@@ -91,20 +86,6 @@ TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestruc
 
     EXPECT_TRUE(sawCancel);
     EXPECT_EQ(callback.Reported(), (States{1, 2, 1, 2, 1}));
-}
-
-TEST(ServiceStateMonitorTest, TcpProbeSeesAListenerAndNothingBehindAClosedPort) {
-    ScriptedTcpServer listener(ScriptedTcpServer::Script().Close());
-    const int cancelFd = ::eventfd(0, EFD_CLOEXEC);
-
-    EXPECT_TRUE(TcpReachable("127.0.0.1", listener.Port(), 2000, cancelFd));
-    EXPECT_TRUE(TcpReachable("localhost", listener.Port(), 2000, -1));
-    EXPECT_FALSE(TcpReachable("127.0.0.1", kelvane::testing::FreeTcpPort(), 2000, cancelFd));
-    EXPECT_FALSE(TcpReachable("no-such-host.invalid", 80, 2000, cancelFd));
-    const std::uint64_t one = 1;
-    ASSERT_EQ(::write(cancelFd, &one, sizeof(one)), 8);
-    EXPECT_FALSE(TcpReachable("127.0.0.1", listener.Port(), 2000, cancelFd));
-    ::close(cancelFd);
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
