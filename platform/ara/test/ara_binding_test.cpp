@@ -25,7 +25,7 @@ using kelvane::testing::PrivateDbusDaemon;
 using kelvane::testing::WaitUntil;
 using zelk::interfaces::diagservices::proxy::DiagServicesProxy;
 using Bytes = std::vector<std::uint8_t>;
-using Handles = ara::com::ServiceHandleContainer<ara::com::ServiceHandle>;
+using Sizes = std::vector<std::size_t>;
 namespace diag = zelk::interfaces::diagservices;
 
 constexpr auto kTimeout = 5s;
@@ -53,57 +53,69 @@ public:
     }
 };
 
-/// Records what an availability handler was told.
+/// Records the size of each list an availability handler was given.
 class Availability {
 public:
     ara::com::FindServiceHandler<ara::com::ServiceHandle> Handler() {
-        return [this](Handles handles, ara::com::FindServiceHandle) {
+        return [this](ara::com::ServiceHandleContainer<ara::com::ServiceHandle> handles,
+                      ara::com::FindServiceHandle) {
             std::lock_guard<std::mutex> lock(mutex_);
-            calls_.push_back(handles);
+            sizes_.push_back(handles.size());
         };
     }
-    /// The last report, once there are `count` of them (empty when there are fewer).
-    Handles Nth(std::size_t count) const {
-        WaitUntil([&] { return Calls() >= count; }, kTimeout);
+    /// The sizes so far, once there are `count` of them.
+    Sizes Reported(std::size_t count = 0) const {
+        WaitUntil(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                return sizes_.size() >= count;
+            },
+            kTimeout);
         std::lock_guard<std::mutex> lock(mutex_);
-        return calls_.size() >= count ? calls_.back() : Handles{};
-    }
-    std::size_t Calls() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_.size();
+        return sizes_;
     }
 
 private:
     mutable std::mutex mutex_;
-    std::vector<Handles> calls_;
+    Sizes sizes_;
 };
 
-TEST(AraBindingTest, SearchStartedBeforeOrAfterTheOfferFindsItAndAStoppedOneHearsNoMore) {
+DiagServicesProxy ProxyOn(const PrivateDbusDaemon& bus) {
+    return DiagServicesProxy(ara::com::ServiceHandle(bus.Address(),
+                                                     "zelk.interfaces.diagservices.DiagServices",
+                                                     "/zelk/interfaces/diagservices/DiagServices"));
+}
+
+TEST(AraBindingTest, SearchesFollowTheOfferThroughALostBusUntilStopped) {
+    csc_logging::LogCapture log;
     PrivateDbusDaemon bus;
-    ac::com::runtime::Component_singleton component(false, "");
-    FakeDiagServices sut;
+    ac::com::runtime::Component_singleton component(true, "test");
+    FakeDiagServices service;
     Availability early;
     Availability late;
-
     auto earlySearch = DiagServicesProxy::StartFindService(early.Handler(), kDiagInstance);
-    sut.OfferService();
-    EXPECT_EQ(early.Nth(1).size(), 1u);
-    // A search started after the offer finds it, with no empty list first.
-    auto lateSearch = DiagServicesProxy::StartFindService(late.Handler(), kDiagInstance);
-    EXPECT_EQ(late.Nth(1).size(), 1u);
-    DiagServicesProxy::StopFindService(earlySearch);
-    sut.StopOfferService();
+    service.OfferService();
+    ASSERT_EQ(early.Reported(1), Sizes{1});
 
-    EXPECT_TRUE(late.Nth(2).empty());
-    EXPECT_EQ(early.Calls(), 1u);
+    bus.Stop();
+    EXPECT_TRUE(log.WaitFor("ara::com: lost bus", kTimeout));
+    bus.Start();
+
+    EXPECT_EQ(early.Reported(3), (Sizes{1, 0, 1}));
+    EXPECT_EQ(ProxyOn(bus).GetTrainingCounter().get().trainingCounter, 0xbeef);
+    // A search started after the offer finds it with no empty list first.
+    auto lateSearch = DiagServicesProxy::StartFindService(late.Handler(), kDiagInstance);
+    EXPECT_EQ(late.Reported(1), Sizes{1});
+    DiagServicesProxy::StopFindService(earlySearch);
+    service.StopOfferService();
+    EXPECT_EQ(late.Reported(2), (Sizes{1, 0}));
+    EXPECT_EQ(early.Reported(), (Sizes{1, 0, 1}));
     DiagServicesProxy::StopFindService(lateSearch);
 }
 
 TEST(AraBindingTest, FailuresComeBackAsApplicationOrComErrorsAndTheProxyKeepsWorking) {
     PrivateDbusDaemon bus;
-    DiagServicesProxy sut(ara::com::ServiceHandle(bus.Address(),
-                                                  "zelk.interfaces.diagservices.DiagServices",
-                                                  "/zelk/interfaces/diagservices/DiagServices"));
+    auto sut = ProxyOn(bus);
     auto comErrorOf = [](auto&& call) {
         try {
             call();
@@ -126,27 +138,6 @@ TEST(AraBindingTest, FailuresComeBackAsApplicationOrComErrorsAndTheProxyKeepsWor
     FakeDiagServices second(ara::core::InstanceSpecifier("kelvane::test::Second"));
     other->requestName("kelvane.test.Second");
     EXPECT_THROW(second.OfferService(), ara::com::ComException);
-}
-
-TEST(AraBindingTest, LostBusIsReportedAsTheServiceGoneAndRejoinedWithOffersAndSearches) {
-    csc_logging::LogCapture log;
-    PrivateDbusDaemon bus;
-    ac::com::runtime::Component_singleton component(true, "test");
-    FakeDiagServices service;
-    service.OfferService();
-    Availability availability;
-    auto search = DiagServicesProxy::StartFindService(availability.Handler(), kDiagInstance);
-    ASSERT_EQ(availability.Nth(1).size(), 1u);
-
-    bus.Stop();
-    EXPECT_TRUE(availability.Nth(2).empty());
-    EXPECT_TRUE(log.WaitFor("ara::com: lost bus", kTimeout));
-    bus.Start();
-
-    const auto found = availability.Nth(3);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(DiagServicesProxy(found.front()).GetTrainingCounter().get().trainingCounter, 0xbeef);
-    DiagServicesProxy::StopFindService(search);
 }
 
 }  // namespace
