@@ -11,7 +11,7 @@
 namespace csc_logging {
 namespace {
 
-TEST(CSCLoggingTest, EveryLevelReachesTheSinksWithIntegersInDecimalAndBoolsAsDigits) {
+TEST(CSCLoggingTest, EveryLevelReachesTheSinksWithIntegersInDecimalAndRecordsFormatAsUtc) {
     LogCapture log;
 
     CSCLogging::Verbose("v");
@@ -27,6 +27,12 @@ TEST(CSCLoggingTest, EveryLevelReachesTheSinksWithIntegersInDecimalAndBoolsAsDig
     for (std::size_t i = 0; i < records.size(); ++i) {
         EXPECT_EQ(records[i].level, static_cast<LogLevel>(i)) << records[i].text;
     }
+    EXPECT_EQ(FormatRecord({std::chrono::system_clock::time_point(
+                                std::chrono::milliseconds(1'700'000'000'123)),
+                            LogLevel::kWarning, "KV", "hello"}),
+              "2023-11-14T22:13:20.123Z KV warning hello");
+    EXPECT_EQ(ParseLogLevel("warn"), LogLevel::kWarning);
+    EXPECT_FALSE(ParseLogLevel("INFO").has_value());
 }
 
 TEST(CSCLoggingTest, RecordsFromManyThreadsArriveWholeAndNoneIsLost) {
@@ -52,17 +58,6 @@ TEST(CSCLoggingTest, RecordsFromManyThreadsArriveWholeAndNoneIsLost) {
         EXPECT_EQ(text.rfind("thread ", 0), 0U) << text;
         EXPECT_EQ(text.substr(text.size() - 4), " end") << text;
     }
-}
-
-TEST(CSCLoggingTest, LevelNamesParseAndRecordsFormatAsUtcMillisecondsAppIdLevelAndText) {
-    EXPECT_EQ(ParseLogLevel("verbose"), LogLevel::kVerbose);
-    EXPECT_EQ(ParseLogLevel("warn"), LogLevel::kWarning);
-    EXPECT_FALSE(ParseLogLevel("INFO").has_value());
-    const LogRecord record{
-        std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'123)),
-        LogLevel::kWarning, "KV", "hello"};
-
-    EXPECT_EQ(FormatRecord(record), "2023-11-14T22:13:20.123Z KV warning hello");
 }
 
 }  // namespace

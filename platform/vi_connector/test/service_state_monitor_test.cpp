@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -29,23 +28,15 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         EXPECT_EQ(update.transactionTypeId, kServiceId);
         states_.push_back(update.state);
-        changed_.notify_all();
     }
 
     States Reported() const {
         std::lock_guard<std::mutex> lock(mutex_);
         return states_;
     }
-    /// True once the latest report carries `state`.
-    bool WaitForState(std::uint8_t state) const {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, 5s,
-                                 [&] { return !states_.empty() && states_.back() == state; });
-    }
 
 private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     States states_;
 };
 
@@ -68,15 +59,18 @@ TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestruc
             return mode == kReachable;
         },
         1ms);
+    const auto reported = [&](const States& states) {
+        return kelvane::testing::WaitUntil([&] { return callback.Reported() == states; }, 5s);
+    };
     sut->Subscribe(kServiceId, &callback);
-    ASSERT_TRUE(callback.WaitForState(ServiceStateMonitor::kNotConnected));
+    ASSERT_TRUE(reported({1}));
 
     mode = kReachable;
-    ASSERT_TRUE(callback.WaitForState(ServiceStateMonitor::kConnected));
+    ASSERT_TRUE(reported({1, 2}));
     const int probesWhenConnected = probes.load();
     ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return probes > probesWhenConnected + 3; }, 5s));
     mode = kUnreachable;
-    ASSERT_TRUE(callback.WaitForState(ServiceStateMonitor::kNotConnected));
+    ASSERT_TRUE(reported({1, 2, 1}));
     sut->Force(2);
     sut->Force(2);
     sut->Force(std::nullopt);
