@@ -9,7 +9,9 @@
 #include "ac/com/runtime/component_singleton.hpp"
 #include "ara/com/com_error_domain.hpp"
 #include "csc_logging/log_capture.hpp"
+#include "error_domain.hpp"
 #include "idl/bus_connection.hpp"
+#include "service_domains.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
@@ -138,6 +140,28 @@ TEST(AraBindingTest, FailuresComeBackAsApplicationOrComErrorsAndTheProxyKeepsWor
     FakeDiagServices second(ara::core::InstanceSpecifier("kelvane::test::Second"));
     other->requestName("kelvane.test.Second");
     EXPECT_THROW(second.OfferService(), ara::com::ComException);
+}
+
+TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {
+    using namespace ara::com::internal;
+    const ErrorDomain& sut = DiagServicesDomain();
+    const auto busy = zelk::interfaces::diagservices::MakeApplicationError(
+        zelk::interfaces::diagservices::DiagServicesErrc::ZELK_ERROR_BUSY);
+
+    const sdbus::Error onTheBus = sut.ToBusError(busy);
+
+    EXPECT_EQ(onTheBus.getName(),
+              "zelk.interfaces.diagservices.DiagServices.Error.ZELK_ERROR_BUSY");
+    EXPECT_EQ(onTheBus.getMessage(), "DiagServices::ZELK_ERROR_BUSY::23");
+    EXPECT_THROW(sut.Raise(onTheBus), ara::com::ApplicationErrorException);
+    EXPECT_EQ(sut.ToBusError(TypeIdAccessDomain().Make(20)).getName(),
+              "org.freedesktop.DBus.Error.Failed");
+    EXPECT_THROW(sut.Raise(sdbus::Error(
+                     "zelk.interfaces.diagservices.DiagServices.Error.ZELK_ERROR_NEW", "")),
+                 ara::com::ComException);
+    EXPECT_THROW(sut.Raise(sdbus::Error("org.freedesktop.DBus.Error.NoReply", "")),
+                 ara::com::ComException);
+    EXPECT_THROW(sut.Make(22), std::out_of_range);
 }
 
 }  // namespace

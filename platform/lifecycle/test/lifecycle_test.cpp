@@ -21,34 +21,23 @@ using kelvane::testing::ScopedEnvironment;
 
 enum class Checkpoint : std::uint32_t { kAlive = 1, kOther = 7 };
 
-TEST(LifecycleTest, StatesAndCheckpointsBecomeTheirNotificationsInOrder) {
-    NotifySocket notifySocket;
-    const ara::exec::ExecutionClient execution;
-    const ara::phm::SupervisedEntity entity("kelvane-client/KeepAlive");
-
-    EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kRunning),
-              ExecutionReturnType::kSuccess);
-    ASSERT_TRUE(notifySocket.WaitFor("READY=1", 5000ms));
-    entity.ReportCheckpoint(Checkpoint::kAlive);
-    ASSERT_TRUE(notifySocket.WaitFor("WATCHDOG=1", 5000ms));
-    entity.ReportCheckpoint(Checkpoint::kOther);
-    ASSERT_TRUE(notifySocket.WaitFor("WATCHDOG=1", 5000ms, 2));
-    EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kTerminating),
-              ExecutionReturnType::kSuccess);
-    ASSERT_TRUE(notifySocket.WaitFor("STOPPING=1", 5000ms));
-
-    EXPECT_EQ(notifySocket.Messages(),
-              (std::vector<std::string>{"READY=1", "WATCHDOG=1", "WATCHDOG=1", "STOPPING=1"}));
-}
-
-TEST(LifecycleTest, GoneSocketIsAGeneralErrorAndAWarningOnceUntilItWorksAgain) {
+TEST(LifecycleTest, ReportsBecomeNotificationsInOrderAndAGoneSocketIsWarnedOnceUntilBack) {
     csc_logging::LogCapture log;
     const ara::exec::ExecutionClient execution;
     const ara::phm::SupervisedEntity entity("kelvane-client/KeepAlive");
     std::string path;
     {
-        const NotifySocket gone;
-        path = gone.Path();
+        NotifySocket notifySocket;
+        path = notifySocket.Path();
+        EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kRunning),
+                  ExecutionReturnType::kSuccess);
+        entity.ReportCheckpoint(Checkpoint::kAlive);
+        entity.ReportCheckpoint(Checkpoint::kOther);
+        EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kTerminating),
+                  ExecutionReturnType::kSuccess);
+        ASSERT_TRUE(notifySocket.WaitFor("STOPPING=1", 5000ms));
+        EXPECT_EQ(notifySocket.Messages(),
+                  (std::vector<std::string>{"READY=1", "WATCHDOG=1", "WATCHDOG=1", "STOPPING=1"}));
     }
     const ScopedEnvironment goneSocket("NOTIFY_SOCKET", path);
 
