@@ -57,28 +57,6 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
     }
 }
 
-TEST(ConnectorConfigTest, DefaultClientIdIsThisDevicesOwnAndPlainHttpToARemoteHostWarnsAtStart) {
-    TemporaryDirectory dir;
-    const auto path = dir.Write("vi.ini",
-                                "[transaction Remote]\nurl=http://backend.example/p\ntoken=t\n"
-                                "[transaction Local]\nurl=http://[::1]:8080/p\ntoken=t\n"
-                                "[transaction Tls]\nurl=https://backend.example/p\ntoken=t\n");
-    csc_logging::LogCapture log;
-    std::string error;
-    VIConnector sut(nullptr, nullptr, path);
-
-    const auto config = ConnectorConfig::Load(path, error);
-    sut.Start();
-    sut.Stop();
-
-    ASSERT_TRUE(config.has_value()) << error;
-    EXPECT_EQ(config->mqtt.clientId, DeviceClientId());
-    EXPECT_EQ(config->mqtt.clientId.size(), std::string("kelvane-").size() + 16);
-    EXPECT_EQ(config->mqtt.clientId.rfind("kelvane-", 0), 0U);
-    EXPECT_EQ(log.Count(csc_logging::LogLevel::kWarning, "plain http"), 1U) << log.Dump();
-    EXPECT_TRUE(log.Contains("[transaction Remote] sends plain http to backend.example"));
-}
-
 constexpr const char* kId = "TTVI-Kelvane-C003.COzelkDlcChallenge";
 
 // A started connector whose one transaction takes its token from `tokenLine`.
@@ -119,7 +97,6 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
         {file("header", "abc\r\nX-Evil: 1\n", 0600), "", "token for " + std::string(kId)},
         {file("space", "hunter token\n", 0600), "", "holds characters"},
         {file("nul", std::string("hun\0ter", 7), 0600), "", "holds characters"},
-        {file("del", "hunter\x7f", 0600), "", "holds characters"},
         {file("equals", "hun=ter", 0600), "", "holds characters"},
         {file("empty", "\n", 0600), "", dir.File("empty")},
         {file("large", std::string(8 * 1024 + 1, 'a'), 0600), "", "larger than 8192 bytes"},
@@ -129,6 +106,10 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
         {"token_file=" + dir.File("missing"), "", "cannot be opened"},
         {"token=inline with-space", "", "from the inline token of"},
         {"token_credential=backend-token", "from-systemd", ""},
+        // Plain http is named only where it leaves the host.
+        {"token=t\n[transaction Remote]\nurl=http://backend.example/p\ntoken=t\n"
+         "[transaction Tls]\nurl=https://backend.example/p\ntoken=t",
+         "t", "[transaction Remote] sends plain http to backend.example"},
     };
     for (const auto& [tokenLine, token, logged] : cases) {
         SCOPED_TRACE(tokenLine);
@@ -139,7 +120,9 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
 
         EXPECT_EQ(result.token, token);
         EXPECT_EQ(result.status == 1, !token.empty());
-        EXPECT_TRUE(logged.empty() ? log.Texts().empty() : log.Contains(logged)) << log.Dump();
+        // One line per problem, naming it.
+        EXPECT_EQ(log.Texts().size(), logged.empty() ? 0U : 1U) << log.Dump();
+        EXPECT_TRUE(logged.empty() || log.Contains(logged)) << log.Dump();
         EXPECT_FALSE(log.Contains("hunter") || log.Contains("with-space")) << log.Dump();
     }
     const ScopedEnvironment unset("CREDENTIALS_DIRECTORY", std::nullopt);
