@@ -54,28 +54,20 @@ private:
     Events events_;
 };
 
-class ClampControlClientTest : public testing::Test {
-protected:
-    void StartClient() {
-        sut_.RegisterCallback(&callback_);
-        sut_.Start();
-    }
-
-    PrivateDbusDaemon bus_;
-    RecordingCallback callback_;
-    ClampControlClient sut_;
-};
-
-TEST_F(ClampControlClientTest, SubscribesOnlyWithABusAndAnAcceptingServiceAndOnlySubscribersHear) {
-    bus_.Stop();
-    StartClient();
-    EXPECT_EQ(sut_.Subscribe(), "");
+TEST(ClampControlClientTest, SubscribesOnlyWithABusAndAnAcceptingServiceAndOnlySubscribersHear) {
+    PrivateDbusDaemon bus;
+    bus.Stop();
+    RecordingCallback callback;
+    ClampControlClient sut;
+    sut.RegisterCallback(&callback);
+    sut.Start();
+    EXPECT_EQ(sut.Subscribe(), "");
     ClampControlService service;
     service.SetAcceptSubscriptions(false);
     service.Offer();  // taken once the bus is there
-    bus_.Start();
-    ASSERT_EQ(callback_.WaitFor(2).size(), 2U);
-    EXPECT_EQ(sut_.Subscribe(), "");
+    bus.Start();
+    ASSERT_EQ(callback.WaitFor(2).size(), 2U);
+    EXPECT_EQ(sut.Subscribe(), "");
     service.SetAcceptSubscriptions(true);
     RecordingCallback otherCallback;
     ClampControlClient other;
@@ -83,23 +75,23 @@ TEST_F(ClampControlClientTest, SubscribesOnlyWithABusAndAnAcceptingServiceAndOnl
     other.RegisterCallback(&otherCallback);
     other.Start();
 
-    EXPECT_FALSE(sut_.Subscribe().empty());
+    EXPECT_FALSE(sut.Subscribe().empty());
     service.SetClampState(false);  // no change, no signal
     service.SetClampState(true);
-    ASSERT_EQ(callback_.WaitFor(5).size(), 5U);
-    bus_.Stop();
-    ASSERT_EQ(callback_.WaitFor(6).size(), 6U);
-    bus_.Start();
-    ASSERT_EQ(callback_.WaitFor(7).size(), 7U);
-    EXPECT_FALSE(sut_.Subscribe().empty());
+    ASSERT_EQ(callback.WaitFor(5).size(), 5U);
+    bus.Stop();
+    ASSERT_EQ(callback.WaitFor(6).size(), 6U);
+    bus.Start();
+    ASSERT_EQ(callback.WaitFor(7).size(), 7U);
+    EXPECT_FALSE(sut.Subscribe().empty());
     service.SetClampState(false);
 
-    EXPECT_EQ(callback_.WaitFor(10),
+    EXPECT_EQ(callback.WaitFor(10),
               (Events{"disconnected", "connected", "subscribed", "clamp15 off", "clamp15 on",
                       "disconnected", "connected", "subscribed", "clamp15 on", "clamp15 off"}));
     EXPECT_EQ(otherCallback.WaitFor(3), (Events{"connected", "disconnected", "connected"}));
     EXPECT_EQ(service.SubscriberCount(), 1U);
-    sut_.Stop();
+    sut.Stop();
     EXPECT_TRUE(WaitUntil([&] { return service.SubscriberCount() == 0; }, kTimeout));
 }
 
