@@ -86,16 +86,22 @@ DiagServicesProxy ProxyOn(const PrivateDbusDaemon& bus) {
                                                      "/zelk/interfaces/diagservices/DiagServices"));
 }
 
-TEST(AraBindingTest, SearchesFollowTheOfferThroughALostBusUntilStopped) {
+TEST(AraBindingTest, SearchesAndCallsFollowTheOfferThroughALostBusUntilStopped) {
     csc_logging::LogCapture log;
     PrivateDbusDaemon bus;
     ac::com::runtime::Component_singleton component(true, "test");
     FakeDiagServices service;
     Availability early;
     Availability late;
+    auto proxy = ProxyOn(bus);
+    EXPECT_THROW(proxy.GetTrainingCounter().get(), ara::com::ComException);
     auto earlySearch = DiagServicesProxy::StartFindService(early.Handler(), kDiagInstance);
     service.OfferService();
     ASSERT_EQ(early.Reported(1), Sizes{1});
+    // Failures in the service come back as application or binding errors; the proxy goes on.
+    EXPECT_THROW(proxy.HandleDlc(Bytes{}).get(), ara::com::ApplicationErrorException);
+    EXPECT_THROW(proxy.HandleDlc(Bytes{0xee}).get(), ara::com::ComException);
+    EXPECT_EQ(proxy.GetTrainingCounter().get().trainingCounter, 0xbeef);
 
     bus.Stop();
     EXPECT_TRUE(log.WaitFor("ara::com: lost bus", kTimeout));
@@ -111,18 +117,6 @@ TEST(AraBindingTest, SearchesFollowTheOfferThroughALostBusUntilStopped) {
     EXPECT_EQ(late.Reported(2), (Sizes{1, 0}));
     EXPECT_EQ(early.Reported(), (Sizes{1, 0, 1}));
     DiagServicesProxy::StopFindService(lateSearch);
-}
-
-TEST(AraBindingTest, FailuresComeBackAsApplicationOrComErrorsAndTheProxyKeepsWorking) {
-    PrivateDbusDaemon bus;
-    auto sut = ProxyOn(bus);
-
-    EXPECT_THROW(sut.GetTrainingCounter().get(), ara::com::ComException);
-    FakeDiagServices service;
-    service.OfferService();
-    EXPECT_THROW(sut.HandleDlc(Bytes{}).get(), ara::com::ApplicationErrorException);
-    EXPECT_THROW(sut.HandleDlc(Bytes{0xee}).get(), ara::com::ComException);
-    EXPECT_EQ(sut.GetTrainingCounter().get().trainingCounter, 0xbeef);
 }
 
 TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {

@@ -93,17 +93,14 @@ TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestruc
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
-    struct Case {
-        const char* url;
-        std::optional<std::pair<std::string, std::uint16_t>> target;
-    };
-    const std::vector<Case> cases = {
-        {"http://127.0.0.1:8080/zelk/dlc/challenge", {{"127.0.0.1", 8080}}},
-        {"https://backend.example/path?q=1", {{"backend.example", 443}}},
-        {"http://[::1]:9000/x", {{"::1", 9000}}},
-        {"http://host:99999/", std::nullopt},
-        {"http://[::1/", std::nullopt},
-    };
+    const std::vector<std::pair<const char*, std::optional<std::pair<std::string, std::uint16_t>>>>
+        cases = {
+            {"http://127.0.0.1:8080/zelk/dlc/challenge", {{"127.0.0.1", 8080}}},
+            {"https://backend.example/path?q=1", {{"backend.example", 443}}},
+            {"http://[::1]:9000/x", {{"::1", 9000}}},
+            {"http://host:99999/", std::nullopt},
+            {"http://[::1/", std::nullopt},
+        };
     for (const auto& [url, expected] : cases) {
         const auto target = ProbeTargetFromUrl(url);
 
