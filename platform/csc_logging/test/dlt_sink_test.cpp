@@ -12,8 +12,6 @@ namespace {
 using namespace std::chrono_literals;
 using kelvane::testing::ChildProcess;
 using kelvane::testing::ReadFile;
-using kelvane::testing::TemporaryDirectory;
-using kelvane::testing::WaitUntil;
 
 // A dlt-daemon of the test's own on ::1 (no multicast), a receiver, and a
 // program that logs through the DLT sink: the lines arrive under app id KV.
@@ -25,7 +23,11 @@ TEST(DltSinkTest, RecordsReachADltDaemonUnderTheApplicationId) {
     if (std::system("pgrep -x dlt-daemon >/dev/null") == 0) {
         GTEST_SKIP() << "another dlt-daemon owns /tmp/dlt and port 3490";
     }
-    TemporaryDirectory dir;
+    kelvane::testing::TemporaryDirectory dir;
+    const auto shows = [&](const std::string& file, const std::string& text) {
+        return kelvane::testing::WaitUntil(
+            [&] { return ReadFile(dir.File(file)).find(text) != std::string::npos; }, 5s);
+    };
     const std::string config = dir.Write("dlt.conf",
                                          "Daemonize = 0\nSendSerialHeader = 0\nECUId = ECU1\n"
                                          "SharedMemorySize = 100000\nPersistanceStoragePath = " +
@@ -33,29 +35,17 @@ TEST(DltSinkTest, RecordsReachADltDaemonUnderTheApplicationId) {
                                              "\nLoggingMode = 0\nContextLogLevel = 4\n"
                                              "UDPConnectionSetup = 0\nBindAddress = ::1\n");
     ChildProcess daemon({{"dlt-daemon", "-c", config}, {}, dir.File("daemon.log")});
-    ASSERT_TRUE(WaitUntil(
-        [&] { return ReadFile(dir.File("daemon.log")).find("Switched to") != std::string::npos; },
-        5s))
-        << ReadFile(dir.File("daemon.log"));
+    ASSERT_TRUE(shows("daemon.log", "Switched to")) << ReadFile(dir.File("daemon.log"));
     ChildProcess receiver(
         {{"stdbuf", "-oL", "dlt-receive", "-a", "::1"}, {}, dir.File("received.txt")});
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            return ReadFile(dir.File("received.txt")).find("Daemon launched") != std::string::npos;
-        },
-        5s));
+    ASSERT_TRUE(shows("received.txt", "Daemon launched"));
 
     ChildProcess program({{KELVANE_DLT_LOG_PROGRAM, "KV", "Kelvane Client Ready"},
                           {{"KELVANE_LOG", "dlt"}},
                           dir.File("program.log")});
     ASSERT_EQ(program.WaitForExit(5s), 0) << ReadFile(dir.File("program.log"));
 
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            return ReadFile(dir.File("received.txt"))
-                       .find("KV-- KVCL log info V 1 [Kelvane Client Ready]") != std::string::npos;
-        },
-        5s))
+    EXPECT_TRUE(shows("received.txt", "KV-- KVCL log info V 1 [Kelvane Client Ready]"))
         << ReadFile(dir.File("received.txt"));
 }
 

@@ -1,40 +1,22 @@
 #include "connector_config.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <string>
+#include <vector>
+
+#include "csc_logging/log_capture.hpp"
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "vi_connector/vi_connector.hpp"
 
 namespace vi_connector {
 namespace {
 
+using kelvane::testing::ScopedEnvironment;
 using kelvane::testing::TemporaryDirectory;
-
-TEST(ConnectorConfigTest, ReadsEverySection) {
-    TemporaryDirectory dir;
-    const auto path = dir.Write("vi.ini",
-                                "[mqtt]\n"
-                                "host = ::1\nport = 18830\nclient_id = car-1\nkeep_alive = 10\n"
-                                "[connection_state]\nmode = fixed\nstate = 3\n"
-                                "[transaction TTVI-Kelvane-C003.COzelkDlcChallenge]\n"
-                                "url = http://127.0.0.1:8080/challenge\ntoken = abc\n"
-                                "[transaction TTVI-Kelvane-C003.COzelkDlcDownload]\n"
-                                "url = http://127.0.0.1:8080/download\ntoken_file = /run/token\n");
-    std::string error;
-
-    const auto config = ConnectorConfig::Load(path, error);
-
-    ASSERT_TRUE(config.has_value()) << error;
-    EXPECT_EQ(config->mqtt.host, "::1");
-    EXPECT_EQ(config->mqtt.port, 18830);
-    EXPECT_EQ(config->mqtt.clientId, "car-1");
-    EXPECT_EQ(config->mqtt.keepAliveSeconds, 10);
-    EXPECT_EQ(config->connectionState.mode, ConnectionStateSettings::Mode::kFixed);
-    EXPECT_EQ(config->connectionState.fixedState, 3);
-    ASSERT_EQ(config->transactions.size(), 2U);
-    EXPECT_EQ(config->transactions.at("TTVI-Kelvane-C003.COzelkDlcChallenge").token, "abc");
-    EXPECT_EQ(config->transactions.at("TTVI-Kelvane-C003.COzelkDlcDownload").tokenFile,
-              "/run/token");
-}
 
 TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
     TemporaryDirectory dir;
@@ -51,14 +33,106 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
          "[transaction T] needs exactly one of token, token_file and token_credential"},
         {"[mqtt]\n", "no [transaction <id>] section"},
         {"", "cannot open file: No such file or directory"},
+        {"[transaction T]\nurl=http://h/p\ntoken_credential=../etc/shadow\n",
+         "is not a plain file name"},
+        {"[mqtt]\nhost=broker.example\n" + transaction, "allow_plaintext = true"},
+        {"[mqtt]\nhost=10.0.0.1\n" + transaction, "[mqtt] host='10.0.0.1' is not on loopback"},
+        {"[mqtt]\nhost=broker.example\nallow_plaintext=true\n" + transaction, ""},
+        {"[mqtt]\nhost=broker.example\ntls_ca_file=/etc/ca.pem\n" + transaction, ""},
+        {"[mqtt]\nhost=127.3.2.1\n" + transaction, ""},
+        {"[mqtt]\nhost=::1\n" + transaction, ""},
     };
     for (const auto& [content, problem] : cases) {
-        const auto path = content.empty() ? dir.File("none.ini") : dir.Write("bad.ini", content);
+        SCOPED_TRACE(content);
+        const auto path = content.empty() ? dir.File("none.ini") : dir.Write("vi.ini", content);
         std::string error;
 
-        EXPECT_FALSE(ConnectorConfig::Load(path, error).has_value()) << content;
-        EXPECT_EQ(error, path + ": " + problem);
+        const auto config = ConnectorConfig::Load(path, error);
+
+        EXPECT_EQ(config.has_value(), problem.empty());
+        if (!problem.empty()) {
+            EXPECT_EQ(error.rfind(path + ": ", 0), 0U) << error;
+            EXPECT_NE(error.find(problem), std::string::npos) << error;
+        }
     }
+}
+
+constexpr const char* kId = "TTVI-Kelvane-C003.COzelkDlcChallenge";
+
+// A started connector whose one transaction takes its token from `tokenLine`.
+struct TokenSource {
+    explicit TokenSource(const std::string& tokenLine)
+        : sut(nullptr, nullptr,
+              dir.Write("vi.ini", std::string("[transaction ") + kId +
+                                      "]\nurl=http://127.0.0.1:1/c\n" + tokenLine + "\n")) {
+        sut.Start();
+        sut.Stop();  // joins the start, keeps the configuration
+    }
+
+    TemporaryDirectory dir;
+    VIConnector sut;
+};
+
+TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrorsNeverShowIt) {
+    TemporaryDirectory dir;
+    const auto file = [&](const std::string& name, const std::string& content, mode_t mode) {
+        const auto path = dir.Write(name, content);
+        ::chmod(path.c_str(), mode);
+        return "token_file=" + path;
+    };
+    ASSERT_EQ(::symlink(dir.Write("real", "abc\n").c_str(), dir.File("link").c_str()), 0);
+    ASSERT_EQ(::mkfifo(dir.File("fifo").c_str(), 0600), 0);
+    TemporaryDirectory credentials;
+    ::chmod(credentials.Write("backend-token", "from-systemd\n").c_str(), 0400);
+    const ScopedEnvironment credentialsDirectory("CREDENTIALS_DIRECTORY", credentials.Path());
+    struct Case {
+        std::string tokenLine;
+        std::string token;  // empty: refused
+        std::string logged;
+    };
+    const std::vector<Case> cases = {
+        {file("good", "abc-._~+/XYZ09==\n", 0600), "abc-._~+/XYZ09==", ""},
+        {file("crlf", "abc\r\n", 0600), "abc", ""},  // the file's own line end is not part of it
+        {file("shared", "abc\n", 0644), "abc", "can be read by group or others"},
+        {file("header", "abc\r\nX-Evil: 1\n", 0600), "", "token for " + std::string(kId)},
+        {file("space", "hunter token\n", 0600), "", "holds characters"},
+        {file("nul", std::string("hun\0ter", 7), 0600), "", "holds characters"},
+        {file("equals", "hun=ter", 0600), "", "holds characters"},
+        {file("empty", "\n", 0600), "", dir.File("empty")},
+        {file("large", std::string(8 * 1024 + 1, 'a'), 0600), "", "larger than 8192 bytes"},
+        {"token_file=" + dir.File("link"), "", "symbolic link"},
+        {"token_file=" + dir.File("fifo"), "", "not a regular file"},
+        {"token_file=" + dir.Path(), "", "not a regular file"},
+        {"token_file=" + dir.File("missing"), "", "cannot be opened"},
+        {"token=inline with-space", "", "from the inline token of"},
+        {"token_credential=backend-token", "from-systemd", ""},
+        // Plain http is named only where it leaves the host.
+        {"token=t\n[transaction Remote]\nurl=http://backend.example/p\ntoken=t\n"
+         "[transaction Tls]\nurl=https://backend.example/p\ntoken=t",
+         "t", "[transaction Remote] sends plain http to backend.example"},
+    };
+    for (const auto& [tokenLine, token, logged] : cases) {
+        SCOPED_TRACE(tokenLine);
+        csc_logging::LogCapture log;
+        TokenSource source(tokenLine);
+
+        const auto result = source.sut.GetToken(kId);
+
+        EXPECT_EQ(result.token, token);
+        EXPECT_EQ(result.status == 1, !token.empty());
+        // One line per problem, naming it.
+        EXPECT_EQ(log.Texts().size(), logged.empty() ? 0U : 1U) << log.Dump();
+        EXPECT_TRUE(logged.empty() || log.Contains(logged)) << log.Dump();
+        EXPECT_FALSE(log.Contains("hunter") || log.Contains("with-space")) << log.Dump();
+    }
+    const ScopedEnvironment unset("CREDENTIALS_DIRECTORY", std::nullopt);
+    csc_logging::LogCapture log;
+    TokenSource source("token_credential=backend-token");
+    EXPECT_NE(source.sut.GetToken(kId).status, 1U);
+    EXPECT_TRUE(log.Contains("CREDENTIALS_DIRECTORY is not set")) << log.Dump();
+    EXPECT_EQ(source.sut.GetInvocationUrl(kId).url, "http://127.0.0.1:1/c");
+    EXPECT_NE(source.sut.GetInvocationUrl("unknown").status, 0U);
+    EXPECT_NE(source.sut.GetToken("unknown").status, 1U);
 }
 
 }  // namespace

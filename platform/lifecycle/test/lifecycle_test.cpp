@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "ara/exec/execution_client.h"
+#include "ara/phm/supervised_entity.h"
+#include "csc_logging/log_capture.hpp"
+#include "test_support/notify_socket.hpp"
+#include "test_support/scoped_environment.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ara::exec::ExecutionReturnType;
+using ara::exec::ExecutionState;
+using csc_logging::LogLevel;
+using kelvane::testing::NotifySocket;
+using kelvane::testing::ScopedEnvironment;
+
+enum class Checkpoint : std::uint32_t { kAlive = 1, kOther = 7 };
+
+TEST(LifecycleTest, ReportsBecomeNotificationsInOrderAndAGoneSocketIsWarnedOnceUntilBack) {
+    csc_logging::LogCapture log;
+    const ara::exec::ExecutionClient execution;
+    const ara::phm::SupervisedEntity entity("kelvane-client/KeepAlive");
+    std::string path;
+    {
+        NotifySocket notifySocket;
+        path = notifySocket.Path();
+        EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kRunning),
+                  ExecutionReturnType::kSuccess);
+        entity.ReportCheckpoint(Checkpoint::kAlive);
+        entity.ReportCheckpoint(Checkpoint::kOther);
+        EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kTerminating),
+                  ExecutionReturnType::kSuccess);
+        ASSERT_TRUE(notifySocket.WaitFor("STOPPING=1", 5000ms));
+        EXPECT_EQ(notifySocket.Messages(),
+                  (std::vector<std::string>{"READY=1", "WATCHDOG=1", "WATCHDOG=1", "STOPPING=1"}));
+    }
+    const ScopedEnvironment goneSocket("NOTIFY_SOCKET", path);
+
+    EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kRunning),
+              ExecutionReturnType::kGeneralError);
+    entity.ReportCheckpoint(Checkpoint::kAlive);
+    entity.ReportCheckpoint(Checkpoint::kAlive);
+    NotifySocket back;
+    entity.ReportCheckpoint(Checkpoint::kAlive);
+
+    EXPECT_TRUE(back.WaitFor("WATCHDOG=1", 5000ms));
+    EXPECT_EQ(log.Count(LogLevel::kWarning, "ExecutionClient: cannot send READY=1"), 1U);
+    EXPECT_EQ(log.Count(LogLevel::kWarning,
+                        "SupervisedEntity: kelvane-client/KeepAlive checkpoint 1 not reported"),
+              1U);
+    EXPECT_EQ(log.Count("checkpoints reported again"), 1U);
+}
+
+}  // namespace
