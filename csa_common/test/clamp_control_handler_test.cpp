@@ -37,7 +37,6 @@ public:
     MOCK_METHOD(void, RegisterCallback, (clampcontrolclient::ClampControlCallbackIf*), (override));
     MOCK_METHOD(void, Start, (), (override));
     MOCK_METHOD(std::string, Subscribe, (), (override));
-    MOCK_METHOD(void, Stop, (), (override));
 };
 
 class MockOwner : public ClampControlHandlerCbIf {

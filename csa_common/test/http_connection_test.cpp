@@ -238,7 +238,8 @@ TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
 }
 
 TEST_F(HttpConnectionTest, StatusWithoutDigitsEscapesButTheSocketIsClosed) {
-    ScriptedTcpServer server(Script().ReceiveRequest().Send("HTTP/1.1 OK\r\n\r\n").Close());
+    // Without a blank the code is read from the first three bytes ("HTT").
+    ScriptedTcpServer server(Script().ReceiveRequest().Send("HTTP/1.1\r\nX:1\r\n\r\n").Close());
     HttpProtocol protocol;
     const TimeScaledHttpConnection sut(connector);
 
@@ -250,31 +251,24 @@ TEST_F(HttpConnectionTest, StatusWithoutDigitsEscapesButTheSocketIsClosed) {
 TEST(UrlParserTest, SplitsTheUrlOrNamesWhatIsMissing) {
     const struct {
         std::string url;
-        ParsedUrl expected;  // an empty host for a failure
+        std::string parts;  // protocol, host, port and path; empty for a failure
         std::string message;
     } cases[] = {
-        {"http://10.0.0.1:8443/a/b?x=1", {"http", "10.0.0.1", 8443, "/a/b?x=1"}, ""},
-        {"HTTPS://h/p",
-         {"HTTPS", "h", 443, "/p"},
+        {"http://10.0.0.1:8443/a/b?x=1", "http|10.0.0.1|8443|/a/b?x=1", ""},
+        {"HTTPS://h/p", "HTTPS|h|443|/p",
          "Received URL missing port number. Default HTTPS port used: 443"},
-        {"http://h",
-         {"http", "h", 80, ""},
-         "Received URL missing port number. Default HTTP port used: 80"},
-        {"http://[::1]:8080/x", {"http", "::1", 8080, "/x"}, ""},
-        {"http://h:80x/p", {"http", "h", 80, "/p"}, ""},
-        {"http://[::1/x?a=]", {}, "URL parsing failed! Domain not found!"},
-        {"http://[::1]x/", {}, "URL parsing failed! Domain not found!"},
-        {"http://:80/p", {}, "URL parsing failed! Domain not found!"},
-        {"backend.example/p", {}, "URL parsing failed! URL prefix not found!"},
-        {"http://h:", {}, "URL parsing failed! Port number not found!"},
-        {"http://h:abc/p", {}, "URL parsing failed! Not able to parse port number: abc"},
-        {"http://h:99999999999/p",
-         {},
+        {"http://h", "http|h|80|", "Received URL missing port number. Default HTTP port used: 80"},
+        {"http://[::1]:8080/x", "http|::1|8080|/x", ""},
+        {"http://h:80x/p", "http|h|80|/p", ""},
+        {"http://[::1/x?a=]", "", "URL parsing failed! Domain not found!"},
+        {"http://[::1]x/", "", "URL parsing failed! Domain not found!"},
+        {"http://:80/p", "", "URL parsing failed! Domain not found!"},
+        {"backend.example/p", "", "URL parsing failed! URL prefix not found!"},
+        {"http://h:", "", "URL parsing failed! Port number not found!"},
+        {"http://h:abc/p", "", "URL parsing failed! Not able to parse port number: abc"},
+        {"http://h:99999999999/p", "",
          "URL parsing failed! Not able to parse port number: 99999999999"},
-        {"ftp://h/p", {}, "URL parsing failed! Unsupported protocol: ftp"},
-    };
-    const auto fields = [](const ParsedUrl& url) {
-        return url.protocol + " " + url.host + " " + std::to_string(url.port) + " " + url.path;
+        {"ftp://h/p", "", "URL parsing failed! Unsupported protocol: ftp"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.url);
@@ -282,7 +276,10 @@ TEST(UrlParserTest, SplitsTheUrlOrNamesWhatIsMissing) {
 
         const ParsedUrl parsed = HttpConnection::UrlParser(c.url);
 
-        EXPECT_EQ(fields(parsed), fields(c.expected));
+        EXPECT_EQ(parsed.host.empty() ? ""
+                                      : parsed.protocol + "|" + parsed.host + "|" +
+                                            std::to_string(parsed.port) + "|" + parsed.path,
+                  c.parts);
         EXPECT_EQ(log.Count(c.message), c.message.empty() ? 0U : 1U);
     }
 }
