@@ -67,7 +67,7 @@ TEST_F(HttpConnectionTest, ExchangeSendsTheRequestAndReadsTheAnswerUntilThePeerC
                                  .Send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello")
                                  .Close());
     HttpProtocol protocol;
-    const HttpConnection sut("127.0.0.1", server.Port(), kTransaction, connector);
+    const HttpConnection sut(connector);
     const auto started = std::chrono::steady_clock::now();
 
     EXPECT_EQ(sut.Get(protocol, kTransaction, server.Url("/c/1?x=y")), 0);
@@ -91,7 +91,7 @@ TEST_F(HttpConnectionTest, ExchangeSendsTheRequestAndReadsTheAnswerUntilThePeerC
     EXPECT_EQ(log.Texts(), expected);
 
     // Test only opens and closes a connection.
-    EXPECT_TRUE(sut.Test());
+    EXPECT_EQ(sut.Test("other", server.Url()), 0);
     ASSERT_TRUE(server.WaitForFinished(2, 5s));
     EXPECT_EQ(server.Received(1), "");
     EXPECT_EQ(log.Count(LogLevel::kInfo, "HttpConnection: Connection succeeded!"), 1U);
