@@ -70,11 +70,9 @@ protected:
 };
 
 TEST_F(ClampControlHandlerTest, InitRegistersBeforeStartingAndBlockingSubscribeIsTrueOnlyWithAnId) {
-    {
-        InSequence order;
-        EXPECT_CALL(*client_, RegisterCallback(sut.get()));
-        EXPECT_CALL(*client_, Start());
-    }
+    InSequence order;
+    EXPECT_CALL(*client_, RegisterCallback(sut.get()));
+    EXPECT_CALL(*client_, Start());
     EXPECT_CALL(*client_, Subscribe())
         .WillOnce(Return("clamp15-1"))
         .WillOnce(Return(""))

@@ -1,13 +1,14 @@
 #include "csa_common/http_connection.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -216,20 +217,18 @@ TEST_F(HttpConnectionTest, ResponseEndsWhenThePeerClosesOrFallsSilentAndContinue
 }
 
 TEST_F(HttpConnectionTest, PollErrorsGiveCode3AndLeaveTheSocketOpen) {
-    struct Case {
-        std::vector<int> polls;
-        std::string error;
-    };
-    for (const auto& c : {Case{{-1}, "HttpConnection: Receive Timeout!"},
-                          Case{{1, -1}, "HttpConnection: Receive Timeout!!"}}) {
-        connector->fixedResult = vi_connector::SocketResult{0, ::eventfd(0, EFD_CLOEXEC)};
+    const std::pair<std::vector<int>, std::string> cases[] = {
+        {{-1}, "HttpConnection: Receive Timeout!"}, {{1, -1}, "HttpConnection: Receive Timeout!!"}};
+    for (const auto& [polls, error] : cases) {
+        connector->fixedResult =
+            vi_connector::SocketResult{0, ::open("/dev/null", O_WRONLY | O_CLOEXEC)};
         HttpProtocol protocol;
-        const TimeScaledHttpConnection sut(connector, c.polls);
+        const TimeScaledHttpConnection sut(connector, polls);
 
         EXPECT_EQ(sut.Get(protocol, kTransaction, "http://h:80/"), 3);
 
         EXPECT_TRUE(sut.closed.empty());
-        EXPECT_EQ(log.Texts().back(), c.error);
+        EXPECT_EQ(log.Texts().back(), error);
         ::close(connector->fixedResult->fd);
     }
 }
