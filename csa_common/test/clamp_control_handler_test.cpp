@@ -63,9 +63,9 @@ protected:
     std::promise<void> openGate_;
     std::shared_future<void> gate_ = openGate_.get_future().share();
     std::unique_ptr<ClampControlHandler> sut =
-        std::make_unique<ClampControlHandler>(&owner_, client_, [this] {
+        std::make_unique<ClampControlHandler>(&owner_, client_, [this, gate = gate_] {
             ++pauses_;
-            gate_.wait();
+            gate.wait();
         });
 };
 
