@@ -3,10 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "csc_logging/log_capture.hpp"
 #include "mock_proxies.hpp"
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
 
 namespace qervo::tee {
@@ -27,94 +26,87 @@ protected:
     FakeDiscovery<GenericUdsServices::Proxy> discovery_{proxy_};
 };
 
+TEST(GenericUdsServicesLifetimeTest, ReadinessFollowsTheSearchThatEndsWithTheAccessor) {
+    ExpectReadinessFollowsTheSearch<GenericUdsServices, MockGenericUDSServiceProxy>(
+        "GenericUdsServices::Initialize()", "GenericUdsService", std::string(TESMO_ID_PATH));
+}
+
 TEST_F(GenericUdsServicesTest, IdentityFileIsReadWholeAndByteForByte) {
-    const std::string withLineFeed = "TESMO-4711\n";
-    const std::string binary("\x00\x01 \r\n\xff\x00", 7);
-    const std::string large(100000, 'x');
-    GenericUdsServices sut(directory_.Write("a.bin", withLineFeed), discovery_.Binding());
-    GenericUdsServices sutBinary(directory_.Write("b.bin", binary), discovery_.Binding());
-    GenericUdsServices sutEmpty(directory_.Write("c.bin", ""), discovery_.Binding());
-    GenericUdsServices sutLarge(directory_.Write("d.bin", large), discovery_.Binding());
-    std::string text = "old";
+    for (const std::string& content :
+         {std::string("TESMO-4711\n"), std::string("\x00\x01 \r\n\xff\x00", 7), std::string(),
+          std::string(100000, 'x')}) {
+        GenericUdsServices sut(directory_.Write("tesmo.bin", content), discovery_.Binding());
+        std::string text = "old";
 
-    EXPECT_EQ(sut.ecu_get_tesmo_id_string(text), 100);
-    EXPECT_EQ(text, withLineFeed);
-    EXPECT_EQ(sutBinary.ecu_get_tesmo_id_string(text), 100);
-    EXPECT_EQ(text, binary);
-    EXPECT_EQ(sutLarge.ecu_get_tesmo_id_string(text), 100);
-    EXPECT_EQ(text, large);
-    EXPECT_EQ(sutEmpty.ecu_get_tesmo_id_string(text), 100);
-    EXPECT_EQ(text, "");
+        EXPECT_EQ(sut.ecu_get_tesmo_id_string(text), 100);
+        EXPECT_EQ(text, content) << content.size();
+    }
 }
 
-TEST_F(GenericUdsServicesTest, MissingIdentityFileGives102WithOneErrorNamingIt) {
-    LogCapture log;
-    GenericUdsServices sut(TESMO_ID_PATH, discovery_.Binding());
-    GenericUdsServices sutDirectory(directory_.Path(), discovery_.Binding());
-    std::string text = "kept";
+TEST_F(GenericUdsServicesTest, UnreadableIdentityFileGives102WithOneErrorNamingIt) {
+    for (const std::string& path : {std::string(TESMO_ID_PATH), directory_.Path()}) {
+        LogCapture log;
+        GenericUdsServices sut(path, discovery_.Binding());
+        std::string text = "kept";
 
-    EXPECT_EQ(sut.ecu_get_tesmo_id_string(text), 102);
-    EXPECT_EQ(text, "kept");
+        EXPECT_EQ(sut.ecu_get_tesmo_id_string(text), 102);
+        EXPECT_EQ(text, "kept");
+        EXPECT_EQ(
+            log.Count(LogLevel::kError, "ecu_get_tesmo_id_string() Error! can't open file " + path),
+            1u);
+    }
+}
+
+TEST_F(GenericUdsServicesTest,
+       PartNumberIsReadByIdentifierF187WithoutPaddingAndDiagnosticIdIsFixed) {
+    GenericUdsServices sut(TESMO_ID_PATH, discovery_.Binding());
+    sut.Initialize();
+    LogCapture log;
+    std::string text;
+    EXPECT_EQ(sut.ecu_get_diagnostic_id(text), 100);
+    EXPECT_EQ(text, "C003");
+    EXPECT_EQ(sut.ecu_get_part_number(text), 101);
     EXPECT_EQ(log.Count(LogLevel::kError,
-                        "ecu_get_tesmo_id_string() Error! can't open file "
-                        "/data/target/yelt_ids/tesmo_string.bin"),
+                        "ecu_get_part_number_from_dm() Error! genericuds service is not ready"),
               1u);
-    EXPECT_EQ(sutDirectory.ecu_get_tesmo_id_string(text), 102);
-    EXPECT_EQ(text, "kept");
-}
-
-TEST_F(GenericUdsServicesTest, DiagnosticIdIsFixedWhetherOrNotTheServiceIsThere) {
-    GenericUdsServices sut(TESMO_ID_PATH, discovery_.Binding());
-    sut.Initialize();
-    std::string id;
-
-    EXPECT_EQ(sut.ecu_get_diagnostic_id(id), 100);
-    EXPECT_EQ(id, "C003");
     discovery_.Appear();
-    id.clear();
-    EXPECT_EQ(sut.ecu_get_diagnostic_id(id), 100);
-    EXPECT_EQ(id, "C003");
-}
+    const struct {
+        Bytes response;
+        std::string partNumber;
+    } rows[] = {
+        {{0xF1, 0x87, 'V', '0', '4', '0', '0', '7', ' ', 0x00}, "V04007"},
+        {{'V', '0', '4', ' ', '7'}, "V04 7"},
+        {{0xF1, 0x87, ' ', 0x00, ' '}, ""},
+        {{0xF1}, "\xF1"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_CALL(*proxy_, CallHandleMessage(0x22, ElementsAre(0xF1, 0x87)))
+            .WillOnce(Answers(HandleMessageOutput{row.response}));
 
-TEST_F(GenericUdsServicesTest, PartNumberIsReadByIdentifierF187AndItsPaddingDropped) {
-    GenericUdsServices sut(TESMO_ID_PATH, discovery_.Binding());
-    sut.Initialize();
-    LogCapture log;
-    std::string partNumber = "kept";
-    EXPECT_EQ(sut.ecu_get_part_number(partNumber), 101);
-    EXPECT_TRUE(log.Contains(
-        LogLevel::kError, "ecu_get_part_number_from_dm() Error! genericuds service is not ready"));
-    discovery_.Appear();
-    EXPECT_CALL(*proxy_, CallHandleMessage(0x22, ElementsAre(0xF1, 0x87)))
-        .WillOnce([](auto, const auto&) {
-            return ara::core::MakeReadyFuture([] {
-                return HandleMessageOutput{{0xF1, 0x87, 'V', '0', '4', '0', '0', '7', ' ', 0x00}};
-            });
-        })
-        .WillOnce([](auto, const auto&) {
-            return ara::core::MakeReadyFuture([]() -> HandleMessageOutput {
-                throw ac::dm::genericuds::MakeApplicationError(
-                    ac::dm::genericuds::GenericUDSServiceErrc::UDSServiceFailed);
-            });
-        });
-
-    EXPECT_EQ(sut.ecu_get_part_number(partNumber), 100);
-    EXPECT_EQ(partNumber, "V04007");
+        EXPECT_EQ(sut.ecu_get_part_number(text), 100);
+        EXPECT_EQ(text, row.partNumber);
+    }
+    EXPECT_CALL(*proxy_, CallHandleMessage)
+        .WillOnce(Raises<HandleMessageOutput>(ac::dm::genericuds::MakeApplicationError(
+            ac::dm::genericuds::GenericUDSServiceErrc::UDSServiceFailed)));
+    EXPECT_EQ(sut.ecu_get_part_number(text), 2);
+    EXPECT_EQ(text, "\xF1");
     EXPECT_TRUE(log.Contains("ecu_get_part_number_from_dm(2) part number: V04007"));
-    EXPECT_EQ(sut.ecu_get_part_number(partNumber), 2);
-    EXPECT_EQ(partNumber, "V04007");
     EXPECT_TRUE(log.Contains(
         "ecu_get_part_number_from_dm() Exception=GenericUDSService::UDSServiceFailed::2"));
 }
 
 TEST(TesmoIdPathTest, DevelopmentHostsMayPointElsewhere) {
-    ::unsetenv("KELVANE_TESMO_ID_PATH");
-    EXPECT_EQ(TesmoIdPath(), "/data/target/yelt_ids/tesmo_string.bin");
-    ::setenv("KELVANE_TESMO_ID_PATH", "/tmp/tesmo.bin", 1);
-    EXPECT_EQ(TesmoIdPath(), "/tmp/tesmo.bin");
-    ::setenv("KELVANE_TESMO_ID_PATH", "", 1);
-    EXPECT_EQ(TesmoIdPath(), "/data/target/yelt_ids/tesmo_string.bin");
-    ::unsetenv("KELVANE_TESMO_ID_PATH");
+    const struct {
+        std::optional<std::string> variable;
+        std::string path;
+    } rows[] = {
+        {std::nullopt, TESMO_ID_PATH}, {"/tmp/tesmo.bin", "/tmp/tesmo.bin"}, {"", TESMO_ID_PATH}};
+    for (const auto& row : rows) {
+        kelvane::testing::ScopedEnvironment environment("KELVANE_TESMO_ID_PATH", row.variable);
+
+        EXPECT_EQ(TesmoIdPath(), row.path);
+    }
 }
 
 }  // namespace

@@ -2,11 +2,14 @@
 #define TEE_TEST_MOCK_PROXIES_HPP
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "ac/dm/genericuds/genericuds_proxy.hpp"
+#include "csc_logging/log_capture.hpp"
 #include "tee/service_binding.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
@@ -21,9 +24,6 @@ inline ara::com::ServiceHandle TestHandle() {
 class MockDiagServicesProxy : public zelk::interfaces::diagservices::proxy::DiagServicesProxy {
 public:
     MockDiagServicesProxy() : DiagServicesProxy(TestHandle()) {}
-    MOCK_METHOD(ara::core::Future<void>, CallCheckVerificationHash, (const Hash&), (override));
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::DebugOutput>, CallDebug,
-                (const std::vector<std::uint8_t>&), (override));
     MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetIdentityHashOutput>,
                 CallGetIdentityHash, (const Hash&), (override));
     MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetPssHashOutput>, CallGetPssHash,
@@ -49,6 +49,23 @@ public:
     MOCK_METHOD(ara::core::Future<ac::dm::genericuds::HandleMessageOutput>, CallHandleMessage,
                 (std::uint8_t, const std::vector<std::uint8_t>&), (override));
 };
+
+/// A proxy call's action that answers `output` (nothing, for a call without one).
+template <typename Output>
+auto Answers(Output output) {
+    return [output](auto&&...) { return ara::core::MakeReadyFuture([output] { return output; }); };
+}
+inline auto Answers() {
+    return [](auto&&...) { return ara::core::MakeReadyFuture([] {}); };
+}
+
+/// A proxy call's action whose answer is the exception `error`.
+template <typename Output, typename Error>
+auto Raises(Error error) {
+    return [error](auto&&...) {
+        return ara::core::MakeReadyFuture([error]() -> Output { throw error; });
+    };
+}
 
 /// Stands in for service discovery: keeps the handler the accessor registers
 /// so that a test can announce or withdraw the service, and hands out `proxy`.
@@ -77,6 +94,32 @@ private:
     int searches_ = 0;
     int stops_ = 0;
 };
+
+/// Walks an accessor (made from `arguments` and a fake discovery) through its
+/// life: readiness follows the service, a second Initialize() replaces the
+/// search, destruction ends it. `service` is how its availability lines name it.
+template <typename Accessor, typename Mock, typename... Arguments>
+void ExpectReadinessFollowsTheSearch(const std::string& initializeLine, const std::string& service,
+                                     Arguments... arguments) {
+    FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>());
+    csc_logging::LogCapture log;
+    {
+        Accessor sut(arguments..., discovery.Binding());
+        sut.Initialize();
+        EXPECT_FALSE(sut.IsReady());
+        discovery.Appear();
+        EXPECT_TRUE(sut.IsReady());
+        discovery.Disappear();
+        EXPECT_FALSE(sut.IsReady());
+        sut.Initialize();
+        EXPECT_EQ(discovery.Stops(), 1);
+    }
+    EXPECT_EQ(discovery.Searches(), 2);
+    EXPECT_EQ(discovery.Stops(), 2);
+    EXPECT_EQ(log.Texts(),
+              (std::vector<std::string>{initializeLine, service + " service found",
+                                        service + " service stopped", initializeLine}));
+}
 
 }  // namespace qervo::tee
 
