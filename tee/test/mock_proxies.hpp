@@ -68,31 +68,31 @@ auto Raises(Error error) {
 }
 
 /// Stands in for service discovery: keeps the handler the accessor registers
-/// so that a test can announce or withdraw the service, and hands out `proxy`.
+/// so that a test can announce or withdraw the service, hands out `proxy`, and
+/// notes "search <name>" and "stop <name>" in `journal` as searches come and go.
 template <typename Proxy>
 class FakeDiscovery {
 public:
-    explicit FakeDiscovery(std::shared_ptr<Proxy> proxy) : proxy_(std::move(proxy)) {}
+    FakeDiscovery(std::shared_ptr<Proxy> proxy, std::vector<std::string>& journal, std::string name)
+        : proxy_(std::move(proxy)), journal_(journal), name_(std::move(name)) {}
 
     ServiceBinding<Proxy> Binding() {
         return {[this](ara::com::FindServiceHandler<ara::com::ServiceHandle> handler) {
                     handler_ = std::move(handler);
-                    ++searches_;
+                    journal_.push_back("search " + name_);
                     return ara::com::FindServiceHandle();
                 },
-                [this](ara::com::FindServiceHandle) { ++stops_; },
+                [this](ara::com::FindServiceHandle) { journal_.push_back("stop " + name_); },
                 [this](const ara::com::ServiceHandle&) { return proxy_; }};
     }
     void Appear() { handler_({TestHandle()}, ara::com::FindServiceHandle()); }
     void Disappear() { handler_({}, ara::com::FindServiceHandle()); }
-    int Searches() const { return searches_; }
-    int Stops() const { return stops_; }
 
 private:
     std::shared_ptr<Proxy> proxy_;
+    std::vector<std::string>& journal_;
+    std::string name_;
     ara::com::FindServiceHandler<ara::com::ServiceHandle> handler_;
-    int searches_ = 0;
-    int stops_ = 0;
 };
 
 /// Walks an accessor (made from `arguments` and a fake discovery) through its
@@ -101,7 +101,8 @@ private:
 template <typename Accessor, typename Mock, typename... Arguments>
 void ExpectReadinessFollowsTheSearch(const std::string& initializeLine, const std::string& service,
                                      Arguments... arguments) {
-    FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>());
+    std::vector<std::string> journal;
+    FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>(), journal, "it");
     csc_logging::LogCapture log;
     {
         Accessor sut(arguments..., discovery.Binding());
@@ -112,10 +113,8 @@ void ExpectReadinessFollowsTheSearch(const std::string& initializeLine, const st
         discovery.Disappear();
         EXPECT_FALSE(sut.IsReady());
         sut.Initialize();
-        EXPECT_EQ(discovery.Stops(), 1);
     }
-    EXPECT_EQ(discovery.Searches(), 2);
-    EXPECT_EQ(discovery.Stops(), 2);
+    EXPECT_EQ(journal, (std::vector<std::string>{"search it", "stop it", "search it", "stop it"}));
     EXPECT_EQ(log.Texts(),
               (std::vector<std::string>{initializeLine, service + " service found",
                                         service + " service stopped", initializeLine}));

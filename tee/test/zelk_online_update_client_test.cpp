@@ -6,40 +6,57 @@
 
 #include <atomic>
 #include <chrono>
-#include <string>
+#include <numeric>
 #include <thread>
-#include <vector>
 
+#include "ara/com/com_error_domain.hpp"
 #include "csc_logging/log_capture.hpp"
-#include "mock_accessors.hpp"
+#include "mock_proxies.hpp"
+#include "tee/diagnostic_services.hpp"
+#include "tee/generic_uds_services.hpp"
 #include "tee/monotonic_sleep.hpp"
+#include "tee/typeid_access_service.hpp"
+#include "test_support/temporary_directory.hpp"
 
 namespace qervo::tee {
 namespace {
 
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::NiceMock;
-using ::testing::Return;
-using ::testing::SetArgReferee;
+using ::testing::StrictMock;
 using Bytes = std::vector<std::uint8_t>;
 using E = ClientError;
+namespace diag = zelk::interfaces::diagservices;
+namespace typeid_access = zelk::interfaces::typeidaccess;
 
-/// A client over mock accessors whose sleep only records.
+/// The client over its real accessors, their services behind fake discoveries
+/// and mock proxies, and a sleep that only records.
 class ClientTest : public ::testing::Test {
 protected:
-    std::shared_ptr<NiceMock<MockDiagnosticServices>> diag_ =
-        std::make_shared<NiceMock<MockDiagnosticServices>>();
-    std::shared_ptr<NiceMock<MockTypeidAccessService>> typeId_ =
-        std::make_shared<NiceMock<MockTypeidAccessService>>();
-    std::shared_ptr<NiceMock<MockGenericUdsServices>> uds_ =
-        std::make_shared<NiceMock<MockGenericUdsServices>>();
+    ZELKOnlineUpdateClient::Dependencies Dependencies() {
+        return {
+            [this] { return std::make_shared<DiagnosticServices>(diag_.Binding()); },
+            [this] { return std::make_shared<TypeidAccessService>(typeId_.Binding()); },
+            [this] { return std::make_shared<GenericUdsServices>(tesmoIdPath_, uds_.Binding()); },
+            [this](std::chrono::seconds duration) {
+                sleeps_.push_back(duration);
+                onSleep_();
+            }};
+    }
+
+    std::shared_ptr<StrictMock<MockDiagServicesProxy>> diagProxy_ =
+        std::make_shared<StrictMock<MockDiagServicesProxy>>();
+    std::shared_ptr<StrictMock<MockTypeIdAccessProxy>> typeIdProxy_ =
+        std::make_shared<StrictMock<MockTypeIdAccessProxy>>();
+    std::vector<std::string> journal_;
+    FakeDiscovery<DiagnosticServices::Proxy> diag_{diagProxy_, journal_, "diag"};
+    FakeDiscovery<TypeidAccessService::Proxy> typeId_{typeIdProxy_, journal_, "typeid"};
+    FakeDiscovery<GenericUdsServices::Proxy> uds_{nullptr, journal_, "uds"};
+    kelvane::testing::TemporaryDirectory directory_;
+    std::string tesmoIdPath_ = directory_.File("tesmo.bin");
     std::vector<std::chrono::seconds> sleeps_;
-    ZELKOnlineUpdateClient sut_{
-        {[this] { return diag_; }, [this] { return typeId_; }, [this] { return uds_; },
-         [this](std::chrono::seconds duration) { sleeps_.push_back(duration); }}};
+    std::function<void()> onSleep_ = [] {};
+    ZELKOnlineUpdateClient sut_{Dependencies()};
 };
 
 TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSuccess) {
@@ -77,33 +94,17 @@ TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSucces
     }
 }
 
-/// An accessor that records when it is made, started and released.
-template <typename Mock>
-struct Recorded : NiceMock<Mock> {
-    Recorded(std::vector<std::string>& events, std::string name)
-        : events_(events), name_(std::move(name)) {
-        events_.push_back("make " + name_);
-        ON_CALL(*this, Initialize).WillByDefault([this] { events_.push_back("start " + name_); });
-    }
-    ~Recorded() override { events_.push_back("release " + name_); }
-    std::vector<std::string>& events_;
-    std::string name_;
-};
-
-TEST(ClientLifetimeTest, AccessorsAreMadeAndStartedInTurnAndReleasedInReverse) {
-    std::vector<std::string> events;
+TEST_F(ClientTest, EveryInitSearchesAnewInTurnAndDestructionEndsTheSearchesInReverse) {
     {
-        ZELKOnlineUpdateClient sut(
-            {[&] { return std::make_shared<Recorded<MockDiagnosticServices>>(events, "diag"); },
-             [&] { return std::make_shared<Recorded<MockTypeidAccessService>>(events, "typeid"); },
-             [&] { return std::make_shared<Recorded<MockGenericUdsServices>>(events, "uds"); },
-             [](std::chrono::seconds) {}});
+        ZELKOnlineUpdateClient sut(Dependencies());
+        sut.init();
         sut.init();
     }
 
-    EXPECT_EQ(events, (std::vector<std::string>{"make diag", "start diag", "make typeid",
-                                                "start typeid", "make uds", "start uds",
-                                                "release uds", "release typeid", "release diag"}));
+    EXPECT_EQ(journal_,
+              (std::vector<std::string>{"search diag", "search typeid", "search uds", "stop diag",
+                                        "search diag", "stop typeid", "search typeid", "stop uds",
+                                        "search uds", "stop uds", "stop typeid", "stop diag"}));
 }
 
 TEST_F(ClientTest, CallsWithoutTheirServiceReturnNotReadyAtOnce) {
@@ -137,68 +138,147 @@ TEST_F(ClientTest, CallsWithoutTheirServiceReturnNotReadyAtOnce) {
     EXPECT_TRUE(sleeps_.empty());
 }
 
-TEST_F(ClientTest, CallsForwardTheirArgumentsAndMapTheStatusThroughTheirAccessorsTable) {
-    std::string text;
-    EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
-    EXPECT_EQ(text, "V04007000TB");
+TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavingTheOutput) {
     sut_.init();
-    ON_CALL(*diag_, IsReady).WillByDefault(Return(true));
-    ON_CALL(*typeId_, IsReady).WillByDefault(Return(true));
-    const Bytes dlc{0x00, 0xff, 0x10};
-    const Bytes challenge(16, 0xab);
-    const std::string der("\x30\x82", 2);
-    // 102 means something else to each accessor.
-    EXPECT_CALL(*diag_, zelk_handle_dlc(dlc)).WillOnce(Return(102));
-    EXPECT_CALL(*diag_, zelk_get_identity_hash(_, challenge))
-        .WillOnce(DoAll(SetArgReferee<0>(Bytes(16, 0x5a)), Return(100)));
-    EXPECT_CALL(*diag_, zelk_get_pss_hash(_)).WillOnce(Return(103));
-    EXPECT_CALL(*diag_, zelk_get_training_counter(_))
-        .WillOnce(DoAll(SetArgReferee<0>(std::uint16_t{513}), Return(22)));
-    EXPECT_CALL(*diag_, zelk_get_zelk_vin(_)).WillOnce(Return(30));
-    EXPECT_CALL(*typeId_, zelk_get_certificate("ZELK", _))
-        .WillOnce(DoAll(SetArgReferee<1>(der), Return(100)));
-    EXPECT_CALL(*typeId_, zelk_get_certificate("base", _)).WillOnce(Return(102));
-    EXPECT_CALL(*uds_, ecu_get_diagnostic_id)
-        .WillOnce(DoAll(SetArgReferee<0>(std::string("C003")), Return(100)));
-    EXPECT_CALL(*uds_, ecu_get_tesmo_id_string).WillOnce(Return(102));
-    EXPECT_CALL(*uds_, ecu_get_part_number).Times(0);
-    Bytes identity;
-    Bytes bytes;
+    diag_.Appear();
+    LogCapture log;
+    DiagnosticServices::Proxy::Hash challenge{};
+    std::iota(challenge.begin(), challenge.end(), 0xf0);
+    diag::GetIdentityHashOutput identityOut{};
+    identityOut.identityHash.fill(0x11);
+    diag::GetPssHashOutput pssOut{};
+    pssOut.pssHash.fill(0x22);
+    diag::GetZelkVINOutput vinOut{};
+    vinOut.vin.fill('V');
+    const Bytes dlc{0xde, 0xad};
+    const auto error = [](diag::DiagServicesErrc errc) { return diag::MakeApplicationError(errc); };
+    EXPECT_CALL(*diagProxy_, CallHandleDlc(dlc))
+        .WillOnce(Answers())
+        .WillOnce(Raises<void>(error(diag::DiagServicesErrc::ZELK_ERROR_DLC_INVALID_MAC)));
+    EXPECT_CALL(*diagProxy_, CallGetIdentityHash(challenge))
+        .WillOnce(Answers(identityOut))
+        .WillOnce(
+            Raises<diag::GetIdentityHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_GENERAL)));
+    EXPECT_CALL(*diagProxy_, CallGetPssHash())
+        .WillOnce(Answers(pssOut))
+        .WillOnce(Raises<diag::GetPssHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_BUSY)));
+    EXPECT_CALL(*diagProxy_, CallGetZelkVIN())
+        .WillOnce(Answers(vinOut))
+        .WillOnce(Raises<diag::GetZelkVINOutput>(
+            error(diag::DiagServicesErrc::ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH)));
+    EXPECT_CALL(*diagProxy_, CallGetTrainingCounter())
+        .WillOnce(Answers(diag::GetTrainingCounterOutput{65535}))
+        .WillOnce(Raises<diag::GetTrainingCounterOutput>(
+            error(diag::DiagServicesErrc::ZELK_ERROR_NVM_WRITE_FAILED)));
+    const Bytes challengeBytes(challenge.begin(), challenge.end());
+    Bytes identity(40, 0xee);
+    Bytes pss;
+    Bytes vin(3, 0xee);
     std::uint16_t counter = 0;
+
+    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_ZELK);
+
+    EXPECT_EQ(identity, Bytes(16, 0x11));
+    EXPECT_EQ(pss, Bytes(16, 0x22));
+    EXPECT_EQ(vin, Bytes(17, 'V'));
+    EXPECT_EQ(counter, 65535);
+    EXPECT_EQ(log.Count(LogLevel::kError,
+                        "DiagnosticServices: zelk_handle_dlc() "
+                        "exception=DiagServices::ZELK_ERROR_DLC_INVALID_MAC::30"),
+              1u);
+    EXPECT_TRUE(sleeps_.empty());
+}
+
+TEST_F(ClientTest, ChallengeNotSixteenBytesLongIsAParameterErrorAndBusFailuresPassThrough) {
+    sut_.init();
+    diag_.Appear();
+    LogCapture log;
+    EXPECT_CALL(*diagProxy_, CallGetPssHash())
+        .WillOnce(Raises<diag::GetPssHashOutput>(
+            ara::com::ComException(ara::com::ComErrc::kCommunicationLinkError, "gone")));
+    Bytes bytes{1, 2, 3};
+
+    for (const std::size_t length : {0, 15, 17}) {
+        EXPECT_EQ(sut_.zelk_get_identity_hash(bytes, Bytes(length, 0xaa)),
+                  E::CLIENT_ERROR_PARAMETER)
+            << length;
+    }
+    EXPECT_THROW(sut_.zelk_get_pss_hash(bytes), ara::com::ComException);
+
+    EXPECT_EQ(bytes, (Bytes{1, 2, 3}));
+    EXPECT_EQ(log.Count(LogLevel::kError,
+                        "DiagnosticServices: zelk_get_identity_hash() Error! challenge parameter "
+                        "size isn't 16"),
+              3u);
+}
+
+TEST_F(ClientTest, CertificateIsReadByItsTypeIdAndTheServiceErrorsMapped) {
+    sut_.init();
+    typeId_.Appear();
+    LogCapture log;
+    const Bytes der{0x30, 0x82, 0x00, 0x0a, 0xff, 0x00, 0x0d};
+    const auto error = [](typeid_access::TypeIdAccessErrc errc) {
+        return typeid_access::MakeApplicationError(errc);
+    };
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
+        .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
+        .WillOnce(Answers(typeid_access::GetCertificateOutput{}));
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
+        .WillOnce(Raises<typeid_access::GetCertificateOutput>(
+            error(typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)))
+        .WillOnce(Raises<typeid_access::GetCertificateOutput>(
+            error(typeid_access::TypeIdAccessErrc::ZELK_ERROR_CRYPTO_E_BUSY)));
     std::string certificate;
 
-    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_TYPEID_ACCESS);
-    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challenge), E::CLIENT_OK);
-    EXPECT_EQ(identity, Bytes(16, 0x5a));
-    EXPECT_EQ(sut_.zelk_get_pss_hash(bytes), E::CLIENT_ERROR_PARAMETER);
-    EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_OK);
-    EXPECT_EQ(counter, 513);
-    EXPECT_EQ(sut_.zelk_get_zelk_vin(bytes), E::CLIENT_ERROR_ZELK);
-    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_OK);
-    EXPECT_EQ(certificate, der);
-    EXPECT_EQ(sut_.zelk_get_certificate("base", certificate), E::CLIENT_ERROR_PARAMETER);
-    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_OK);
-    EXPECT_EQ(text, "C003");
-    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_ECU_DATA);
-    EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
-    EXPECT_EQ(text, "V04007000TB");
+    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
+    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
+    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
+    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
+    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
+        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
+            << unknown;
+    }
+    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
+    EXPECT_EQ(certificate, "");
+    EXPECT_EQ(log.Count("zelk_get_certificate() Exception="), 2u);
+    EXPECT_TRUE(log.Contains(
+        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
     EXPECT_TRUE(sleeps_.empty());
 }
 
 TEST_F(ClientTest, CertificateWaitsASecondAtATimeForTheTypeIdServiceFiveTimesAtMost) {
     sut_.init();
-    ON_CALL(*typeId_, zelk_get_certificate).WillByDefault(Return(100));
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
+        .Times(3)
+        .WillRepeatedly(Answers(typeid_access::GetCertificateOutput{}));
     const struct {
-        int failedChecks;
+        int appearsAfterWaits;
         std::size_t waits;
         ClientError expected;
-    } rows[] = {{0, 0, E::CLIENT_OK}, {2, 2, E::CLIENT_OK}, {6, 5, E::CLIENT_ERROR_NOT_READY}};
+    } rows[] = {{0, 0, E::CLIENT_OK},
+                {2, 2, E::CLIENT_OK},
+                {5, 5, E::CLIENT_OK},
+                {-1, 5, E::CLIENT_ERROR_NOT_READY}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.failedChecks);
+        SCOPED_TRACE(row.appearsAfterWaits);
         LogCapture log;
         sleeps_.clear();
-        int checks = 0;
-        ON_CALL(*typeId_, IsReady).WillByDefault([&] { return ++checks > row.failedChecks; });
+        row.appearsAfterWaits == 0 ? typeId_.Appear() : typeId_.Disappear();
+        onSleep_ = [&] {
+            if (static_cast<int>(sleeps_.size()) == row.appearsAfterWaits) {
+                typeId_.Appear();
+            }
+        };
         std::string certificate;
 
         EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), row.expected);
@@ -212,6 +292,35 @@ TEST_F(ClientTest, CertificateWaitsASecondAtATimeForTheTypeIdServiceFiveTimesAtM
                             "zelk_get_certificate() Error! typeidaccess service isn't ready"),
                   row.expected == E::CLIENT_OK ? 0u : 1u);
     }
+}
+
+TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnyService) {
+    std::string text = "kept";
+    EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
+    EXPECT_EQ(text, "V04007000TB");
+    for (const std::string& unreadable : {directory_.File("missing.bin"), directory_.Path()}) {
+        LogCapture log;
+        tesmoIdPath_ = unreadable;
+        sut_.init();
+        text = "kept";
+
+        EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_ECU_DATA);
+        EXPECT_EQ(text, "kept");
+        EXPECT_EQ(log.Count(LogLevel::kError,
+                            "ecu_get_tesmo_id_string() Error! can't open file " + unreadable),
+                  1u);
+    }
+    for (const std::string& content :
+         {std::string("TESMO-4711\n"), std::string("\x00\x01 \r\n\xff\x00", 7), std::string(),
+          std::string(100000, 'x')}) {
+        tesmoIdPath_ = directory_.Write("tesmo.bin", content);
+        sut_.init();
+
+        EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_OK);
+        EXPECT_EQ(text, content) << content.size();
+    }
+    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_OK);
+    EXPECT_EQ(text, "C003");
 }
 
 std::atomic<int> signalsSeen{0};
