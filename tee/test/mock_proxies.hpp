@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,9 +68,8 @@ auto Raises(Error error) {
     };
 }
 
-/// Stands in for service discovery: keeps the handler the accessor registers
-/// so that a test can announce or withdraw the service, hands out `proxy`, and
-/// notes "search <name>" and "stop <name>" in `journal` as searches come and go.
+/// Stands in for service discovery: a test announces or withdraws the service,
+/// and each search started or stopped is noted in `journal` ("search <name>").
 template <typename Proxy>
 class FakeDiscovery {
 public:
@@ -95,19 +95,20 @@ private:
     ara::com::FindServiceHandler<ara::com::ServiceHandle> handler_;
 };
 
-/// Walks an accessor (made from `arguments` and a fake discovery) through its
-/// life: readiness follows the service, a second Initialize() replaces the
-/// search, destruction ends it. `service` is how its availability lines name it.
+/// Walks an accessor through its life: `whileAbsent` runs before the service is
+/// found, then it comes and goes, a second search replaces the first; `lines` is all it logs.
 template <typename Accessor, typename Mock, typename... Arguments>
-void ExpectReadinessFollowsTheSearch(const std::string& initializeLine, const std::string& service,
+void ExpectReadinessFollowsTheSearch(const std::vector<std::string>& lines,
+                                     const std::function<void(Accessor&)>& whileAbsent,
                                      Arguments... arguments) {
     std::vector<std::string> journal;
     FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>(), journal, "it");
     csc_logging::LogCapture log;
+    SCOPED_TRACE(lines.front());
     {
         Accessor sut(arguments..., discovery.Binding());
         sut.Initialize();
-        EXPECT_FALSE(sut.IsReady());
+        whileAbsent(sut);
         discovery.Appear();
         EXPECT_TRUE(sut.IsReady());
         discovery.Disappear();
@@ -115,9 +116,7 @@ void ExpectReadinessFollowsTheSearch(const std::string& initializeLine, const st
         sut.Initialize();
     }
     EXPECT_EQ(journal, (std::vector<std::string>{"search it", "stop it", "search it", "stop it"}));
-    EXPECT_EQ(log.Texts(),
-              (std::vector<std::string>{initializeLine, service + " service found",
-                                        service + " service stopped", initializeLine}));
+    EXPECT_EQ(log.Texts(), lines);
 }
 
 }  // namespace qervo::tee

@@ -59,6 +59,7 @@ protected:
     ZELKOnlineUpdateClient sut_{Dependencies()};
 };
 
+// The statuses no call below comes back with.
 TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSuccess) {
     using Mapping = ClientError (ZELKOnlineUpdateClient::*)(std::uint8_t) const;
     const Mapping diag = &ZELKOnlineUpdateClient::diagServicesErrorToClientError;
@@ -70,23 +71,15 @@ TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSucces
         std::uint8_t status;
         ClientError expected;
     } rows[] = {
-        {"diag ok", diag, 100, E::CLIENT_OK},
         {"diag not available", diag, 101, E::CLIENT_ERROR_NOT_READY},
-        {"diag parameter", diag, 103, E::CLIENT_ERROR_PARAMETER},
         {"diag 102", diag, 102, E::CLIENT_ERROR_TYPEID_ACCESS},
-        {"diag first listed", diag, 1, E::CLIENT_ERROR_ZELK},
-        {"diag last listed", diag, 54, E::CLIENT_ERROR_ZELK},
         {"diag gap", diag, 22, E::CLIENT_OK},
-        {"diag above", diag, 255, E::CLIENT_OK},
         {"typeid not available", typeId, 101, E::CLIENT_ERROR_NOT_READY},
-        {"typeid 102", typeId, 102, E::CLIENT_ERROR_PARAMETER},
         {"typeid first listed", typeId, 2, E::CLIENT_ERROR_TYPEID_ACCESS},
         {"typeid last listed", typeId, 27, E::CLIENT_ERROR_TYPEID_ACCESS},
         {"typeid zelk", typeId, 51, E::CLIENT_ERROR_ZELK},
-        {"typeid gap", typeId, 24, E::CLIENT_OK},
         {"typeid 1", typeId, 1, E::CLIENT_OK},
         {"uds not available", uds, 101, E::CLIENT_ERROR_NOT_READY},
-        {"uds 102", uds, 102, E::CLIENT_ERROR_ECU_DATA},
         {"uds 103", uds, 103, E::CLIENT_OK},
     };
     for (const auto& row : rows) {
@@ -107,50 +100,31 @@ TEST_F(ClientTest, EveryInitSearchesAnewInTurnAndDestructionEndsTheSearchesInRev
                                         "search uds", "stop uds", "stop typeid", "stop diag"}));
 }
 
-TEST_F(ClientTest, CallsWithoutTheirServiceReturnNotReadyAtOnce) {
-    LogCapture log;
-    std::string text;
-    Bytes bytes;
-    std::uint16_t counter = 0;
-
-    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_NOT_READY);
-    for (const bool initialised : {false, true}) {
-        EXPECT_EQ(sut_.zelk_handle_dlc(Bytes{1, 2}), E::CLIENT_ERROR_NOT_READY) << initialised;
-        EXPECT_EQ(sut_.zelk_get_identity_hash(bytes, Bytes(16)), E::CLIENT_ERROR_NOT_READY);
-        EXPECT_EQ(sut_.zelk_get_pss_hash(bytes), E::CLIENT_ERROR_NOT_READY);
-        EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_NOT_READY);
-        EXPECT_EQ(sut_.zelk_get_zelk_vin(bytes), E::CLIENT_ERROR_NOT_READY);
-        sut_.init();
-    }
-
-    for (const char* line : {"ecu_get_diagnostic_id() Error! genericuds isn't initialised",
-                             "ecu_get_tesmo_id_string() Error! genericuds isn't initialised"}) {
-        EXPECT_EQ(log.Count(LogLevel::kError, line), 1u) << line;
-    }
-    for (const char* operation : {"zelk_handle_dlc", "zelk_get_identity_hash", "zelk_get_pss_hash",
-                                  "zelk_get_training_counter", "zelk_get_zelk_vin"}) {
-        EXPECT_EQ(log.Count(LogLevel::kError,
-                            std::string(operation) + "() Error! diagservices isn't ready"),
-                  2u)
-            << operation;
-    }
-    EXPECT_TRUE(sleeps_.empty());
-}
-
-TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavingTheOutput) {
-    sut_.init();
-    diag_.Appear();
+TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsError) {
     LogCapture log;
     DiagnosticServices::Proxy::Hash challenge{};
     std::iota(challenge.begin(), challenge.end(), 0xf0);
+    const Bytes challengeBytes(challenge.begin(), challenge.end());
+    const Bytes dlc{0xde, 0xad};
+    Bytes identity(40, 0xee);
+    Bytes pss;
+    Bytes vin(3, 0xee);
+    std::uint16_t counter = 0;
+    for (const bool initialised : {false, true}) {
+        EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_NOT_READY) << initialised;
+        EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_ERROR_NOT_READY);
+        sut_.init();
+    }
+    diag_.Appear();
     diag::GetIdentityHashOutput identityOut{};
     identityOut.identityHash.fill(0x11);
     diag::GetPssHashOutput pssOut{};
     pssOut.pssHash.fill(0x22);
     diag::GetZelkVINOutput vinOut{};
     vinOut.vin.fill('V');
-    const Bytes dlc{0xde, 0xad};
     const auto error = [](diag::DiagServicesErrc errc) { return diag::MakeApplicationError(errc); };
     EXPECT_CALL(*diagProxy_, CallHandleDlc(dlc))
         .WillOnce(Answers())
@@ -161,7 +135,9 @@ TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavin
             Raises<diag::GetIdentityHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_GENERAL)));
     EXPECT_CALL(*diagProxy_, CallGetPssHash())
         .WillOnce(Answers(pssOut))
-        .WillOnce(Raises<diag::GetPssHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_BUSY)));
+        .WillOnce(Raises<diag::GetPssHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_BUSY)))
+        .WillOnce(Raises<diag::GetPssHashOutput>(
+            ara::com::ComException(ara::com::ComErrc::kCommunicationLinkError, "gone")));
     EXPECT_CALL(*diagProxy_, CallGetZelkVIN())
         .WillOnce(Answers(vinOut))
         .WillOnce(Raises<diag::GetZelkVINOutput>(
@@ -170,18 +146,17 @@ TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavin
         .WillOnce(Answers(diag::GetTrainingCounterOutput{65535}))
         .WillOnce(Raises<diag::GetTrainingCounterOutput>(
             error(diag::DiagServicesErrc::ZELK_ERROR_NVM_WRITE_FAILED)));
-    const Bytes challengeBytes(challenge.begin(), challenge.end());
-    Bytes identity(40, 0xee);
-    Bytes pss;
-    Bytes vin(3, 0xee);
-    std::uint16_t counter = 0;
 
     EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_ZELK);
     EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_ERROR_ZELK);
+    for (const std::size_t length : {0, 15, 17}) {
+        EXPECT_EQ(sut_.zelk_get_identity_hash(identity, Bytes(length)), E::CLIENT_ERROR_PARAMETER);
+    }
     EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_ERROR_ZELK);
+    EXPECT_THROW(sut_.zelk_get_pss_hash(pss), ara::com::ComException);
     EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_ERROR_ZELK);
     EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_OK);
@@ -191,6 +166,17 @@ TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavin
     EXPECT_EQ(pss, Bytes(16, 0x22));
     EXPECT_EQ(vin, Bytes(17, 'V'));
     EXPECT_EQ(counter, 65535);
+    for (const char* operation : {"zelk_handle_dlc", "zelk_get_identity_hash", "zelk_get_pss_hash",
+                                  "zelk_get_training_counter", "zelk_get_zelk_vin"}) {
+        EXPECT_EQ(log.Count(LogLevel::kError,
+                            std::string(operation) + "() Error! diagservices isn't ready"),
+                  2u)
+            << operation;
+    }
+    EXPECT_EQ(log.Count(LogLevel::kError,
+                        "DiagnosticServices: zelk_get_identity_hash() Error! challenge parameter "
+                        "size isn't 16"),
+              3u);
     EXPECT_EQ(log.Count(LogLevel::kError,
                         "DiagnosticServices: zelk_handle_dlc() "
                         "exception=DiagServices::ZELK_ERROR_DLC_INVALID_MAC::30"),
@@ -198,82 +184,23 @@ TEST_F(ClientTest, KeyManagementCallsCopyTheAnswerOrMapTheApplicationErrorLeavin
     EXPECT_TRUE(sleeps_.empty());
 }
 
-TEST_F(ClientTest, ChallengeNotSixteenBytesLongIsAParameterErrorAndBusFailuresPassThrough) {
+TEST_F(ClientTest, CertificateWaitsUpToFiveSecondsForTheServiceThenIsReadByItsTypeId) {
     sut_.init();
-    diag_.Appear();
-    LogCapture log;
-    EXPECT_CALL(*diagProxy_, CallGetPssHash())
-        .WillOnce(Raises<diag::GetPssHashOutput>(
-            ara::com::ComException(ara::com::ComErrc::kCommunicationLinkError, "gone")));
-    Bytes bytes{1, 2, 3};
-
-    for (const std::size_t length : {0, 15, 17}) {
-        EXPECT_EQ(sut_.zelk_get_identity_hash(bytes, Bytes(length, 0xaa)),
-                  E::CLIENT_ERROR_PARAMETER)
-            << length;
-    }
-    EXPECT_THROW(sut_.zelk_get_pss_hash(bytes), ara::com::ComException);
-
-    EXPECT_EQ(bytes, (Bytes{1, 2, 3}));
-    EXPECT_EQ(log.Count(LogLevel::kError,
-                        "DiagnosticServices: zelk_get_identity_hash() Error! challenge parameter "
-                        "size isn't 16"),
-              3u);
-}
-
-TEST_F(ClientTest, CertificateIsReadByItsTypeIdAndTheServiceErrorsMapped) {
-    sut_.init();
-    typeId_.Appear();
-    LogCapture log;
     const Bytes der{0x30, 0x82, 0x00, 0x0a, 0xff, 0x00, 0x0d};
-    const auto error = [](typeid_access::TypeIdAccessErrc errc) {
-        return typeid_access::MakeApplicationError(errc);
-    };
     EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
         .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
+        .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
         .WillOnce(Answers(typeid_access::GetCertificateOutput{}));
-    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
-        .WillOnce(Raises<typeid_access::GetCertificateOutput>(
-            error(typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)))
-        .WillOnce(Raises<typeid_access::GetCertificateOutput>(
-            error(typeid_access::TypeIdAccessErrc::ZELK_ERROR_CRYPTO_E_BUSY)));
-    std::string certificate;
-
-    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
-    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
-    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
-    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_ZELK);
-    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
-    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
-        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
-            << unknown;
-    }
-    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
-    EXPECT_EQ(certificate, "");
-    EXPECT_EQ(log.Count("zelk_get_certificate() Exception="), 2u);
-    EXPECT_TRUE(log.Contains(
-        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
-    EXPECT_TRUE(sleeps_.empty());
-}
-
-TEST_F(ClientTest, CertificateWaitsASecondAtATimeForTheTypeIdServiceFiveTimesAtMost) {
-    sut_.init();
-    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
-        .Times(3)
-        .WillRepeatedly(Answers(typeid_access::GetCertificateOutput{}));
     const struct {
         int appearsAfterWaits;
         std::size_t waits;
         ClientError expected;
-    } rows[] = {{0, 0, E::CLIENT_OK},
-                {2, 2, E::CLIENT_OK},
-                {5, 5, E::CLIENT_OK},
-                {-1, 5, E::CLIENT_ERROR_NOT_READY}};
+    } rows[] = {{2, 2, E::CLIENT_OK}, {5, 5, E::CLIENT_OK}, {-1, 5, E::CLIENT_ERROR_NOT_READY}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.appearsAfterWaits);
         LogCapture log;
         sleeps_.clear();
-        row.appearsAfterWaits == 0 ? typeId_.Appear() : typeId_.Disappear();
+        typeId_.Disappear();
         onSleep_ = [&] {
             if (static_cast<int>(sleeps_.size()) == row.appearsAfterWaits) {
                 typeId_.Appear();
@@ -292,27 +219,47 @@ TEST_F(ClientTest, CertificateWaitsASecondAtATimeForTheTypeIdServiceFiveTimesAtM
                             "zelk_get_certificate() Error! typeidaccess service isn't ready"),
                   row.expected == E::CLIENT_OK ? 0u : 1u);
     }
+    typeId_.Appear();
+    sleeps_.clear();
+    LogCapture log;
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
+        .WillOnce(Raises<typeid_access::GetCertificateOutput>(typeid_access::MakeApplicationError(
+            typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)));
+    std::string certificate = "kept";
+
+    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
+    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
+        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
+            << unknown;
+    }
+    EXPECT_EQ(certificate, "kept");
+    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
+    EXPECT_EQ(certificate, "");
+    EXPECT_TRUE(sleeps_.empty());
+    EXPECT_TRUE(log.Contains(
+        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
 }
 
 TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnyService) {
+    LogCapture log;
     std::string text = "kept";
+    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_ERROR_NOT_READY);
+    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_NOT_READY);
+    EXPECT_EQ(text, "kept");
     EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
     EXPECT_EQ(text, "V04007000TB");
-    for (const std::string& unreadable : {directory_.File("missing.bin"), directory_.Path()}) {
-        LogCapture log;
+    for (const std::string& unreadable : {std::string(TESMO_ID_PATH), directory_.Path()}) {
         tesmoIdPath_ = unreadable;
         sut_.init();
-        text = "kept";
 
         EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_ECU_DATA);
-        EXPECT_EQ(text, "kept");
+        EXPECT_EQ(text, "V04007000TB");
         EXPECT_EQ(log.Count(LogLevel::kError,
                             "ecu_get_tesmo_id_string() Error! can't open file " + unreadable),
                   1u);
     }
     for (const std::string& content :
-         {std::string("TESMO-4711\n"), std::string("\x00\x01 \r\n\xff\x00", 7), std::string(),
-          std::string(100000, 'x')}) {
+         {std::string("\x00\x01 \r\n\xff\x00", 7), std::string(), std::string(100000, 'x')}) {
         tesmoIdPath_ = directory_.Write("tesmo.bin", content);
         sut_.init();
 
@@ -321,6 +268,10 @@ TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnySer
     }
     EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_OK);
     EXPECT_EQ(text, "C003");
+    for (const char* line : {"ecu_get_diagnostic_id() Error! genericuds isn't initialised",
+                             "ecu_get_tesmo_id_string() Error! genericuds isn't initialised"}) {
+        EXPECT_EQ(log.Count(LogLevel::kError, line), 1u) << line;
+    }
 }
 
 std::atomic<int> signalsSeen{0};
