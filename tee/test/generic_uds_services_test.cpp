@@ -22,22 +22,19 @@ TEST(GenericUdsServicesTest, PartNumberIsReadByIdentifierF187WithoutItsPadding) 
     sut.Initialize();
     discovery.Appear();
     csc_logging::LogCapture log;
-    const struct {
-        Bytes response;
-        std::string partNumber;
-    } rows[] = {
+    const std::pair<Bytes, std::string> rows[] = {
         {{0xF1, 0x87, 'V', '0', '4', '0', '0', '7', ' ', 0x00}, "V04007"},
         {{'V', '0', '4', ' ', '7'}, "V04 7"},
         {{0xF1, 0x87, ' ', 0x00, ' '}, ""},
         {{0xF1}, "\xF1"},
     };
     std::string text;
-    for (const auto& row : rows) {
+    for (const auto& [response, partNumber] : rows) {
         EXPECT_CALL(*proxy, CallHandleMessage(0x22, ::testing::ElementsAre(0xF1, 0x87)))
-            .WillOnce(Answers(HandleMessageOutput{row.response}));
+            .WillOnce(Answers(HandleMessageOutput{response}));
 
         EXPECT_EQ(sut.ecu_get_part_number(text), 100);
-        EXPECT_EQ(text, row.partNumber);
+        EXPECT_EQ(text, partNumber);
     }
     EXPECT_CALL(*proxy, CallHandleMessage)
         .WillOnce(Raises<HandleMessageOutput>(ac::dm::genericuds::MakeApplicationError(

@@ -125,27 +125,26 @@ TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsErro
     pssOut.pssHash.fill(0x22);
     diag::GetZelkVINOutput vinOut{};
     vinOut.vin.fill('V');
-    const auto error = [](diag::DiagServicesErrc errc) { return diag::MakeApplicationError(errc); };
+    using Errc = diag::DiagServicesErrc;
+    const auto error = [](Errc errc) { return diag::MakeApplicationError(errc); };
     EXPECT_CALL(*diagProxy_, CallHandleDlc(dlc))
         .WillOnce(Answers())
-        .WillOnce(Raises<void>(error(diag::DiagServicesErrc::ZELK_ERROR_DLC_INVALID_MAC)));
+        .WillOnce(Raises<void>(error(Errc::ZELK_ERROR_DLC_INVALID_MAC)));
     EXPECT_CALL(*diagProxy_, CallGetIdentityHash(challenge))
         .WillOnce(Answers(identityOut))
-        .WillOnce(
-            Raises<diag::GetIdentityHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_GENERAL)));
+        .WillOnce(Raises<diag::GetIdentityHashOutput>(error(Errc::ZELK_ERROR_GENERAL)));
     EXPECT_CALL(*diagProxy_, CallGetPssHash())
         .WillOnce(Answers(pssOut))
-        .WillOnce(Raises<diag::GetPssHashOutput>(error(diag::DiagServicesErrc::ZELK_ERROR_BUSY)))
+        .WillOnce(Raises<diag::GetPssHashOutput>(error(Errc::ZELK_ERROR_BUSY)))
         .WillOnce(Raises<diag::GetPssHashOutput>(
             ara::com::ComException(ara::com::ComErrc::kCommunicationLinkError, "gone")));
     EXPECT_CALL(*diagProxy_, CallGetZelkVIN())
         .WillOnce(Answers(vinOut))
-        .WillOnce(Raises<diag::GetZelkVINOutput>(
-            error(diag::DiagServicesErrc::ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH)));
+        .WillOnce(
+            Raises<diag::GetZelkVINOutput>(error(Errc::ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH)));
     EXPECT_CALL(*diagProxy_, CallGetTrainingCounter())
         .WillOnce(Answers(diag::GetTrainingCounterOutput{65535}))
-        .WillOnce(Raises<diag::GetTrainingCounterOutput>(
-            error(diag::DiagServicesErrc::ZELK_ERROR_NVM_WRITE_FAILED)));
+        .WillOnce(Raises<diag::GetTrainingCounterOutput>(error(Errc::ZELK_ERROR_NVM_WRITE_FAILED)));
 
     EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_ZELK);
@@ -184,13 +183,30 @@ TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsErro
     EXPECT_TRUE(sleeps_.empty());
 }
 
-TEST_F(ClientTest, CertificateWaitsUpToFiveSecondsForTheServiceThenIsReadByItsTypeId) {
+TEST_F(ClientTest, CertificateIsReadByItsTypeIdWaitingASecondAtATimeFiveTimesAtMost) {
     sut_.init();
+    typeId_.Appear();
+    LogCapture log;
     const Bytes der{0x30, 0x82, 0x00, 0x0a, 0xff, 0x00, 0x0d};
     EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
         .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
-        .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
-        .WillOnce(Answers(typeid_access::GetCertificateOutput{}));
+        .WillRepeatedly(Answers(typeid_access::GetCertificateOutput{}));
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
+        .WillOnce(Raises<typeid_access::GetCertificateOutput>(typeid_access::MakeApplicationError(
+            typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)));
+    std::string certificate;
+
+    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
+    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
+        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
+            << unknown;
+    }
+    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
+    EXPECT_TRUE(sleeps_.empty());
+    EXPECT_TRUE(log.Contains(
+        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
+
     const struct {
         int appearsAfterWaits;
         std::size_t waits;
@@ -198,7 +214,7 @@ TEST_F(ClientTest, CertificateWaitsUpToFiveSecondsForTheServiceThenIsReadByItsTy
     } rows[] = {{2, 2, E::CLIENT_OK}, {5, 5, E::CLIENT_OK}, {-1, 5, E::CLIENT_ERROR_NOT_READY}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.appearsAfterWaits);
-        LogCapture log;
+        LogCapture rowLog;
         sleeps_.clear();
         typeId_.Disappear();
         onSleep_ = [&] {
@@ -206,46 +222,27 @@ TEST_F(ClientTest, CertificateWaitsUpToFiveSecondsForTheServiceThenIsReadByItsTy
                 typeId_.Appear();
             }
         };
-        std::string certificate;
+        certificate = "old";
 
         EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), row.expected);
 
+        EXPECT_EQ(certificate, row.expected == E::CLIENT_OK ? "" : "old");
         EXPECT_EQ(sleeps_, std::vector<std::chrono::seconds>(row.waits, std::chrono::seconds(1)));
-        EXPECT_EQ(log.Count(LogLevel::kWarning,
-                            "zelk_get_certificate() Warning! typeidaccess service isn't ready, "
-                            "wait for 1 s"),
+        EXPECT_EQ(rowLog.Count(LogLevel::kWarning,
+                               "zelk_get_certificate() Warning! typeidaccess service isn't ready, "
+                               "wait for 1 s"),
                   row.waits);
-        EXPECT_EQ(log.Count(LogLevel::kError,
-                            "zelk_get_certificate() Error! typeidaccess service isn't ready"),
+        EXPECT_EQ(rowLog.Count(LogLevel::kError,
+                               "zelk_get_certificate() Error! typeidaccess service isn't ready"),
                   row.expected == E::CLIENT_OK ? 0u : 1u);
     }
-    typeId_.Appear();
-    sleeps_.clear();
-    LogCapture log;
-    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
-        .WillOnce(Raises<typeid_access::GetCertificateOutput>(typeid_access::MakeApplicationError(
-            typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)));
-    std::string certificate = "kept";
-
-    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
-    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
-        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
-            << unknown;
-    }
-    EXPECT_EQ(certificate, "kept");
-    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
-    EXPECT_EQ(certificate, "");
-    EXPECT_TRUE(sleeps_.empty());
-    EXPECT_TRUE(log.Contains(
-        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
 }
 
 TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnyService) {
     LogCapture log;
-    std::string text = "kept";
+    std::string text;
     EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_ERROR_NOT_READY);
     EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(text, "kept");
     EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
     EXPECT_EQ(text, "V04007000TB");
     for (const std::string& unreadable : {std::string(TESMO_ID_PATH), directory_.Path()}) {
