@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <numeric>
@@ -120,11 +121,11 @@ TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsErro
     }
     diag_.Appear();
     diag::GetIdentityHashOutput identityOut{};
-    identityOut.identityHash.fill(0x11);
+    std::iota(identityOut.identityHash.begin(), identityOut.identityHash.end(), 0x11);
     diag::GetPssHashOutput pssOut{};
-    pssOut.pssHash.fill(0x22);
+    std::iota(pssOut.pssHash.begin(), pssOut.pssHash.end(), 0x22);
     diag::GetZelkVINOutput vinOut{};
-    vinOut.vin.fill('V');
+    std::copy_n("WVWZZZ1JZ3W386752", vinOut.vin.size(), vinOut.vin.begin());
     using Errc = diag::DiagServicesErrc;
     const auto error = [](Errc errc) { return diag::MakeApplicationError(errc); };
     EXPECT_CALL(*diagProxy_, CallHandleDlc(dlc))
@@ -161,9 +162,9 @@ TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsErro
     EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_OK);
     EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_ZELK);
 
-    EXPECT_EQ(identity, Bytes(16, 0x11));
-    EXPECT_EQ(pss, Bytes(16, 0x22));
-    EXPECT_EQ(vin, Bytes(17, 'V'));
+    EXPECT_EQ(identity, Bytes(identityOut.identityHash.begin(), identityOut.identityHash.end()));
+    EXPECT_EQ(pss, Bytes(pssOut.pssHash.begin(), pssOut.pssHash.end()));
+    EXPECT_EQ(vin, Bytes(vinOut.vin.begin(), vinOut.vin.end()));
     EXPECT_EQ(counter, 65535);
     for (const char* operation : {"zelk_handle_dlc", "zelk_get_identity_hash", "zelk_get_pss_hash",
                                   "zelk_get_training_counter", "zelk_get_zelk_vin"}) {
@@ -274,10 +275,9 @@ TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnySer
 std::atomic<int> signalsSeen{0};
 
 TEST(MonotonicSleepTest, SignalsDuringTheSleepDoNotEndItEarly) {
-    struct sigaction action {};
+    struct sigaction action {};  // no SA_RESTART: the sleep sees EINTR
     action.sa_handler = [](int) { ++signalsSeen; };
     sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;  // no SA_RESTART: the sleep sees EINTR
     // Left installed: a signal still in flight after the test must not end the process.
     ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
     const pthread_t sleeper = ::pthread_self();
