@@ -41,6 +41,7 @@ TEST(GenericUdsServicesTest, PartNumberIsReadByIdentifierF187WithoutItsPadding) 
             ac::dm::genericuds::GenericUDSServiceErrc::UDSServiceFailed)));
     EXPECT_EQ(sut.ecu_get_part_number(text), 2);
     EXPECT_EQ(text, "\xF1");
+    EXPECT_TRUE(log.Contains("ecu_get_part_number_from_dm(1) part number: V04007 "));
     EXPECT_TRUE(log.Contains("ecu_get_part_number_from_dm(2) part number: V04007"));
     EXPECT_TRUE(log.Contains(
         "ecu_get_part_number_from_dm() Exception=GenericUDSService::UDSServiceFailed::2"));
