@@ -2,11 +2,15 @@
 #define TEE_TEST_MOCK_PROXIES_HPP
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "ac/dm/genericuds/genericuds_proxy.hpp"
+#include "csc_logging/log_capture.hpp"
 #include "tee/service_binding.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
@@ -21,9 +25,6 @@ inline ara::com::ServiceHandle TestHandle() {
 class MockDiagServicesProxy : public zelk::interfaces::diagservices::proxy::DiagServicesProxy {
 public:
     MockDiagServicesProxy() : DiagServicesProxy(TestHandle()) {}
-    MOCK_METHOD(ara::core::Future<void>, CallCheckVerificationHash, (const Hash&), (override));
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::DebugOutput>, CallDebug,
-                (const std::vector<std::uint8_t>&), (override));
     MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetIdentityHashOutput>,
                 CallGetIdentityHash, (const Hash&), (override));
     MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetPssHashOutput>, CallGetPssHash,
@@ -50,33 +51,73 @@ public:
                 (std::uint8_t, const std::vector<std::uint8_t>&), (override));
 };
 
-/// Stands in for service discovery: keeps the handler the accessor registers
-/// so that a test can announce or withdraw the service, and hands out `proxy`.
+/// A proxy call's action that answers `output` (nothing, for a call without one).
+template <typename Output>
+auto Answers(Output output) {
+    return [output](auto&&...) { return ara::core::MakeReadyFuture([output] { return output; }); };
+}
+inline auto Answers() {
+    return [](auto&&...) { return ara::core::MakeReadyFuture([] {}); };
+}
+
+/// A proxy call's action whose answer is the exception `error`.
+template <typename Output, typename Error>
+auto Raises(Error error) {
+    return [error](auto&&...) {
+        return ara::core::MakeReadyFuture([error]() -> Output { throw error; });
+    };
+}
+
+/// Stands in for service discovery: a test announces or withdraws the service,
+/// and each search started or stopped is noted in `journal` ("search <name>").
 template <typename Proxy>
 class FakeDiscovery {
 public:
-    explicit FakeDiscovery(std::shared_ptr<Proxy> proxy) : proxy_(std::move(proxy)) {}
+    FakeDiscovery(std::shared_ptr<Proxy> proxy, std::vector<std::string>& journal, std::string name)
+        : proxy_(std::move(proxy)), journal_(journal), name_(std::move(name)) {}
 
     ServiceBinding<Proxy> Binding() {
         return {[this](ara::com::FindServiceHandler<ara::com::ServiceHandle> handler) {
                     handler_ = std::move(handler);
-                    ++searches_;
+                    journal_.push_back("search " + name_);
                     return ara::com::FindServiceHandle();
                 },
-                [this](ara::com::FindServiceHandle) { ++stops_; },
+                [this](ara::com::FindServiceHandle) { journal_.push_back("stop " + name_); },
                 [this](const ara::com::ServiceHandle&) { return proxy_; }};
     }
     void Appear() { handler_({TestHandle()}, ara::com::FindServiceHandle()); }
     void Disappear() { handler_({}, ara::com::FindServiceHandle()); }
-    int Searches() const { return searches_; }
-    int Stops() const { return stops_; }
 
 private:
     std::shared_ptr<Proxy> proxy_;
+    std::vector<std::string>& journal_;
+    std::string name_;
     ara::com::FindServiceHandler<ara::com::ServiceHandle> handler_;
-    int searches_ = 0;
-    int stops_ = 0;
 };
+
+/// Walks an accessor through its life: `whileAbsent` runs before the service is
+/// found, then it comes and goes, a second search replaces the first; `lines` is all it logs.
+template <typename Accessor, typename Mock, typename... Arguments>
+void ExpectReadinessFollowsTheSearch(const std::vector<std::string>& lines,
+                                     const std::function<void(Accessor&)>& whileAbsent,
+                                     Arguments... arguments) {
+    std::vector<std::string> journal;
+    FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>(), journal, "it");
+    csc_logging::LogCapture log;
+    SCOPED_TRACE(lines.front());
+    {
+        Accessor sut(arguments..., discovery.Binding());
+        sut.Initialize();
+        whileAbsent(sut);
+        discovery.Appear();
+        EXPECT_TRUE(sut.IsReady());
+        discovery.Disappear();
+        EXPECT_FALSE(sut.IsReady());
+        sut.Initialize();
+    }
+    EXPECT_EQ(journal, (std::vector<std::string>{"search it", "stop it", "search it", "stop it"}));
+    EXPECT_EQ(log.Texts(), lines);
+}
 
 }  // namespace qervo::tee
 

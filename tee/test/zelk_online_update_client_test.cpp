@@ -4,52 +4,63 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <string>
+#include <numeric>
 #include <thread>
-#include <vector>
 
+#include "ara/com/com_error_domain.hpp"
 #include "csc_logging/log_capture.hpp"
-#include "mock_accessors.hpp"
+#include "mock_proxies.hpp"
+#include "tee/diagnostic_services.hpp"
+#include "tee/generic_uds_services.hpp"
 #include "tee/monotonic_sleep.hpp"
+#include "tee/typeid_access_service.hpp"
+#include "test_support/temporary_directory.hpp"
 
 namespace qervo::tee {
 namespace {
 
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::InSequence;
-using ::testing::NiceMock;
-using ::testing::Return;
-using ::testing::SetArgReferee;
+using ::testing::StrictMock;
 using Bytes = std::vector<std::uint8_t>;
+using E = ClientError;
+namespace diag = zelk::interfaces::diagservices;
+namespace typeid_access = zelk::interfaces::typeidaccess;
 
-/// A client over mock accessors whose sleep only counts.
+/// The client over its real accessors, their services behind fake discoveries
+/// and mock proxies, and a sleep that only records.
 class ClientTest : public ::testing::Test {
 protected:
-    ClientTest()
-        : sut_({[this] { return diag_; }, [this] { return typeId_; }, [this] { return uds_; },
-                [this](std::chrono::seconds duration) {
-                    sleeps_.push_back(duration);
-                    if (onSleep_) {
-                        onSleep_();
-                    }
-                }}) {}
+    ZELKOnlineUpdateClient::Dependencies Dependencies() {
+        return {
+            [this] { return std::make_shared<DiagnosticServices>(diag_.Binding()); },
+            [this] { return std::make_shared<TypeidAccessService>(typeId_.Binding()); },
+            [this] { return std::make_shared<GenericUdsServices>(tesmoIdPath_, uds_.Binding()); },
+            [this](std::chrono::seconds duration) {
+                sleeps_.push_back(duration);
+                onSleep_();
+            }};
+    }
 
-    std::shared_ptr<NiceMock<MockDiagnosticServices>> diag_ =
-        std::make_shared<NiceMock<MockDiagnosticServices>>();
-    std::shared_ptr<NiceMock<MockTypeidAccessService>> typeId_ =
-        std::make_shared<NiceMock<MockTypeidAccessService>>();
-    std::shared_ptr<NiceMock<MockGenericUdsServices>> uds_ =
-        std::make_shared<NiceMock<MockGenericUdsServices>>();
+    std::shared_ptr<StrictMock<MockDiagServicesProxy>> diagProxy_ =
+        std::make_shared<StrictMock<MockDiagServicesProxy>>();
+    std::shared_ptr<StrictMock<MockTypeIdAccessProxy>> typeIdProxy_ =
+        std::make_shared<StrictMock<MockTypeIdAccessProxy>>();
+    std::vector<std::string> journal_;
+    FakeDiscovery<DiagnosticServices::Proxy> diag_{diagProxy_, journal_, "diag"};
+    FakeDiscovery<TypeidAccessService::Proxy> typeId_{typeIdProxy_, journal_, "typeid"};
+    FakeDiscovery<GenericUdsServices::Proxy> uds_{nullptr, journal_, "uds"};
+    kelvane::testing::TemporaryDirectory directory_;
+    std::string tesmoIdPath_ = directory_.File("tesmo.bin");
     std::vector<std::chrono::seconds> sleeps_;
-    std::function<void()> onSleep_;
-    ZELKOnlineUpdateClient sut_;
+    std::function<void()> onSleep_ = [] {};
+    ZELKOnlineUpdateClient sut_{Dependencies()};
 };
 
+// The statuses no call below comes back with.
 TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSuccess) {
     using Mapping = ClientError (ZELKOnlineUpdateClient::*)(std::uint8_t) const;
     const Mapping diag = &ZELKOnlineUpdateClient::diagServicesErrorToClientError;
@@ -61,232 +72,212 @@ TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSucces
         std::uint8_t status;
         ClientError expected;
     } rows[] = {
-        {"diag ok", diag, 100, ClientError::CLIENT_OK},
-        {"diag not available", diag, 101, ClientError::CLIENT_ERROR_NOT_READY},
-        {"diag parameter", diag, 103, ClientError::CLIENT_ERROR_PARAMETER},
-        {"diag 102", diag, 102, ClientError::CLIENT_ERROR_TYPEID_ACCESS},
-        {"diag first listed", diag, 1, ClientError::CLIENT_ERROR_ZELK},
-        {"diag last listed", diag, 54, ClientError::CLIENT_ERROR_ZELK},
-        {"diag gap", diag, 22, ClientError::CLIENT_OK},
-        {"diag above", diag, 255, ClientError::CLIENT_OK},
-        {"typeid not available", typeId, 101, ClientError::CLIENT_ERROR_NOT_READY},
-        {"typeid 102", typeId, 102, ClientError::CLIENT_ERROR_PARAMETER},
-        {"typeid first listed", typeId, 2, ClientError::CLIENT_ERROR_TYPEID_ACCESS},
-        {"typeid last listed", typeId, 27, ClientError::CLIENT_ERROR_TYPEID_ACCESS},
-        {"typeid zelk", typeId, 51, ClientError::CLIENT_ERROR_ZELK},
-        {"typeid gap", typeId, 24, ClientError::CLIENT_OK},
-        {"typeid 1", typeId, 1, ClientError::CLIENT_OK},
-        {"uds not available", uds, 101, ClientError::CLIENT_ERROR_NOT_READY},
-        {"uds 102", uds, 102, ClientError::CLIENT_ERROR_ECU_DATA},
-        {"uds 103", uds, 103, ClientError::CLIENT_OK},
+        {"diag not available", diag, 101, E::CLIENT_ERROR_NOT_READY},
+        {"diag 102", diag, 102, E::CLIENT_ERROR_TYPEID_ACCESS},
+        {"diag gap", diag, 22, E::CLIENT_OK},
+        {"typeid not available", typeId, 101, E::CLIENT_ERROR_NOT_READY},
+        {"typeid first listed", typeId, 2, E::CLIENT_ERROR_TYPEID_ACCESS},
+        {"typeid last listed", typeId, 27, E::CLIENT_ERROR_TYPEID_ACCESS},
+        {"typeid zelk", typeId, 51, E::CLIENT_ERROR_ZELK},
+        {"typeid 1", typeId, 1, E::CLIENT_OK},
+        {"uds not available", uds, 101, E::CLIENT_ERROR_NOT_READY},
+        {"uds 103", uds, 103, E::CLIENT_OK},
     };
     for (const auto& row : rows) {
         EXPECT_EQ((sut_.*row.mapping)(row.status), row.expected) << row.name;
     }
 }
 
-TEST_F(ClientTest, InitMakesAndStartsEachAccessorBeforeMakingTheNext) {
-    std::vector<std::string> events;
-    ZELKOnlineUpdateClient sut(
-        {[&] {
-             events.push_back("make diag");
-             EXPECT_CALL(*diag_, Initialize).WillOnce([&] { events.push_back("init diag"); });
-             return diag_;
-         },
-         [&] {
-             events.push_back("make typeid");
-             EXPECT_CALL(*typeId_, Initialize).WillOnce([&] { events.push_back("init typeid"); });
-             return typeId_;
-         },
-         [&] {
-             events.push_back("make uds");
-             EXPECT_CALL(*uds_, Initialize).WillOnce([&] { events.push_back("init uds"); });
-             return uds_;
-         },
-         [](std::chrono::seconds) {}});
-
-    sut.init();
-
-    EXPECT_EQ(events, (std::vector<std::string>{"make diag", "init diag", "make typeid",
-                                                "init typeid", "make uds", "init uds"}));
-}
-
-TEST_F(ClientTest, DestructionReleasesUdsThenTypeIdThenDiagnosticServices) {
-    std::vector<std::string> released;
-    struct Tracked : NiceMock<MockDiagnosticServices> {
-        std::function<void()> onDestroy;
-        ~Tracked() override { onDestroy(); }
-    };
-    struct TrackedTypeId : NiceMock<MockTypeidAccessService> {
-        std::function<void()> onDestroy;
-        ~TrackedTypeId() override { onDestroy(); }
-    };
-    struct TrackedUds : NiceMock<MockGenericUdsServices> {
-        std::function<void()> onDestroy;
-        ~TrackedUds() override { onDestroy(); }
-    };
+TEST_F(ClientTest, EveryInitSearchesAnewInTurnAndDestructionEndsTheSearchesInReverse) {
     {
-        ZELKOnlineUpdateClient sut({[&] {
-                                        auto accessor = std::make_shared<Tracked>();
-                                        accessor->onDestroy = [&] { released.push_back("diag"); };
-                                        return accessor;
-                                    },
-                                    [&] {
-                                        auto accessor = std::make_shared<TrackedTypeId>();
-                                        accessor->onDestroy = [&] { released.push_back("typeid"); };
-                                        return accessor;
-                                    },
-                                    [&] {
-                                        auto accessor = std::make_shared<TrackedUds>();
-                                        accessor->onDestroy = [&] { released.push_back("uds"); };
-                                        return accessor;
-                                    },
-                                    [](std::chrono::seconds) {}});
+        ZELKOnlineUpdateClient sut(Dependencies());
+        sut.init();
         sut.init();
     }
 
-    EXPECT_EQ(released, (std::vector<std::string>{"uds", "typeid", "diag"}));
+    EXPECT_EQ(journal_,
+              (std::vector<std::string>{"search diag", "search typeid", "search uds", "stop diag",
+                                        "search diag", "stop typeid", "search typeid", "stop uds",
+                                        "search uds", "stop uds", "stop typeid", "stop diag"}));
 }
 
-TEST_F(ClientTest, KeyManagementCallsReturnNotReadyAtOnceWhenTheServiceIsMissing) {
-    sut_.init();
+TEST_F(ClientTest, KeyManagementCallsNeedTheServiceThenCopyItsAnswerOrMapItsError) {
     LogCapture log;
-    ON_CALL(*diag_, IsReady).WillByDefault(Return(false));
-    EXPECT_CALL(*diag_, zelk_handle_dlc).Times(0);
-    EXPECT_CALL(*diag_, zelk_get_identity_hash).Times(0);
-    EXPECT_CALL(*diag_, zelk_get_pss_hash).Times(0);
-    EXPECT_CALL(*diag_, zelk_get_training_counter).Times(0);
-    EXPECT_CALL(*diag_, zelk_get_zelk_vin).Times(0);
-    Bytes bytes;
+    DiagnosticServices::Proxy::Hash challenge{};
+    std::iota(challenge.begin(), challenge.end(), 0xf0);
+    const Bytes challengeBytes(challenge.begin(), challenge.end());
+    const Bytes dlc{0xde, 0xad};
+    Bytes identity(40, 0xee);
+    Bytes pss;
+    Bytes vin(3, 0xee);
     std::uint16_t counter = 0;
+    for (const bool initialised : {false, true}) {
+        EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_NOT_READY) << initialised;
+        EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_NOT_READY);
+        EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_ERROR_NOT_READY);
+        sut_.init();
+    }
+    diag_.Appear();
+    diag::GetIdentityHashOutput identityOut{};
+    std::iota(identityOut.identityHash.begin(), identityOut.identityHash.end(), 0x11);
+    diag::GetPssHashOutput pssOut{};
+    std::iota(pssOut.pssHash.begin(), pssOut.pssHash.end(), 0x22);
+    diag::GetZelkVINOutput vinOut{};
+    std::copy_n("WVWZZZ1JZ3W386752", vinOut.vin.size(), vinOut.vin.begin());
+    using Errc = diag::DiagServicesErrc;
+    const auto error = [](Errc errc) { return diag::MakeApplicationError(errc); };
+    EXPECT_CALL(*diagProxy_, CallHandleDlc(dlc))
+        .WillOnce(Answers())
+        .WillOnce(Raises<void>(error(Errc::ZELK_ERROR_DLC_INVALID_MAC)));
+    EXPECT_CALL(*diagProxy_, CallGetIdentityHash(challenge))
+        .WillOnce(Answers(identityOut))
+        .WillOnce(Raises<diag::GetIdentityHashOutput>(error(Errc::ZELK_ERROR_GENERAL)));
+    EXPECT_CALL(*diagProxy_, CallGetPssHash())
+        .WillOnce(Answers(pssOut))
+        .WillOnce(Raises<diag::GetPssHashOutput>(error(Errc::ZELK_ERROR_BUSY)))
+        .WillOnce(Raises<diag::GetPssHashOutput>(
+            ara::com::ComException(ara::com::ComErrc::kCommunicationLinkError, "gone")));
+    EXPECT_CALL(*diagProxy_, CallGetZelkVIN())
+        .WillOnce(Answers(vinOut))
+        .WillOnce(
+            Raises<diag::GetZelkVINOutput>(error(Errc::ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH)));
+    EXPECT_CALL(*diagProxy_, CallGetTrainingCounter())
+        .WillOnce(Answers(diag::GetTrainingCounterOutput{65535}))
+        .WillOnce(Raises<diag::GetTrainingCounterOutput>(error(Errc::ZELK_ERROR_NVM_WRITE_FAILED)));
 
-    EXPECT_EQ(sut_.zelk_handle_dlc(Bytes{1, 2}), ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(sut_.zelk_get_identity_hash(bytes, Bytes(16)), ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(sut_.zelk_get_pss_hash(bytes), ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(sut_.zelk_get_training_counter(counter), ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(sut_.zelk_get_zelk_vin(bytes), ClientError::CLIENT_ERROR_NOT_READY);
+    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challengeBytes), E::CLIENT_ERROR_ZELK);
+    for (const std::size_t length : {0, 15, 17}) {
+        EXPECT_EQ(sut_.zelk_get_identity_hash(identity, Bytes(length)), E::CLIENT_ERROR_PARAMETER);
+    }
+    EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_pss_hash(pss), E::CLIENT_ERROR_ZELK);
+    EXPECT_THROW(sut_.zelk_get_pss_hash(pss), ara::com::ComException);
+    EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), E::CLIENT_ERROR_ZELK);
+    EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_training_counter(counter), E::CLIENT_ERROR_ZELK);
 
-    for (const char* line : {"zelk_handle_dlc() Error! diagservices isn't ready",
-                             "zelk_get_identity_hash() Error! diagservices isn't ready",
-                             "zelk_get_pss_hash() Error! diagservices isn't ready",
-                             "zelk_get_training_counter() Error! diagservices isn't ready",
-                             "zelk_get_zelk_vin() Error! diagservices isn't ready"}) {
+    EXPECT_EQ(identity, Bytes(identityOut.identityHash.begin(), identityOut.identityHash.end()));
+    EXPECT_EQ(pss, Bytes(pssOut.pssHash.begin(), pssOut.pssHash.end()));
+    EXPECT_EQ(vin, Bytes(vinOut.vin.begin(), vinOut.vin.end()));
+    EXPECT_EQ(counter, 65535);
+    for (const char* operation : {"zelk_handle_dlc", "zelk_get_identity_hash", "zelk_get_pss_hash",
+                                  "zelk_get_training_counter", "zelk_get_zelk_vin"}) {
+        EXPECT_EQ(log.Count(LogLevel::kError,
+                            std::string(operation) + "() Error! diagservices isn't ready"),
+                  2u)
+            << operation;
+    }
+    EXPECT_EQ(log.Count(LogLevel::kError,
+                        "DiagnosticServices: zelk_get_identity_hash() Error! challenge parameter "
+                        "size isn't 16"),
+              3u);
+    EXPECT_EQ(log.Count(LogLevel::kError,
+                        "DiagnosticServices: zelk_handle_dlc() "
+                        "exception=DiagServices::ZELK_ERROR_DLC_INVALID_MAC::30"),
+              1u);
+    EXPECT_TRUE(sleeps_.empty());
+}
+
+TEST_F(ClientTest, CertificateIsReadByItsTypeIdWaitingASecondAtATimeFiveTimesAtMost) {
+    sut_.init();
+    typeId_.Appear();
+    LogCapture log;
+    const Bytes der{0x30, 0x82, 0x00, 0x0a, 0xff, 0x00, 0x0d};
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(11))
+        .WillOnce(Answers(typeid_access::GetCertificateOutput{der}))
+        .WillRepeatedly(Answers(typeid_access::GetCertificateOutput{}));
+    EXPECT_CALL(*typeIdProxy_, CallGetCertificate(13))
+        .WillOnce(Raises<typeid_access::GetCertificateOutput>(typeid_access::MakeApplicationError(
+            typeid_access::TypeIdAccessErrc::ZELK_ERROR_INVALID_TYPEID)));
+    std::string certificate;
+
+    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), E::CLIENT_OK);
+    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate), E::CLIENT_ERROR_TYPEID_ACCESS);
+    for (const char* unknown : {"base", "", "BASE ", "ROOT", "zelk"}) {
+        EXPECT_EQ(sut_.zelk_get_certificate(unknown, certificate), E::CLIENT_ERROR_PARAMETER)
+            << unknown;
+    }
+    EXPECT_EQ(certificate, std::string(der.begin(), der.end()));
+    EXPECT_TRUE(sleeps_.empty());
+    EXPECT_TRUE(log.Contains(
+        "zelk_get_certificate() Exception=TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20"));
+
+    const struct {
+        int appearsAfterWaits;
+        std::size_t waits;
+        ClientError expected;
+    } rows[] = {{2, 2, E::CLIENT_OK}, {5, 5, E::CLIENT_OK}, {-1, 5, E::CLIENT_ERROR_NOT_READY}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.appearsAfterWaits);
+        LogCapture rowLog;
+        sleeps_.clear();
+        typeId_.Disappear();
+        onSleep_ = [&] {
+            if (static_cast<int>(sleeps_.size()) == row.appearsAfterWaits) {
+                typeId_.Appear();
+            }
+        };
+        certificate = "old";
+
+        EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), row.expected);
+
+        EXPECT_EQ(certificate, row.expected == E::CLIENT_OK ? "" : "old");
+        EXPECT_EQ(sleeps_, std::vector<std::chrono::seconds>(row.waits, std::chrono::seconds(1)));
+        EXPECT_EQ(rowLog.Count(LogLevel::kWarning,
+                               "zelk_get_certificate() Warning! typeidaccess service isn't ready, "
+                               "wait for 1 s"),
+                  row.waits);
+        EXPECT_EQ(rowLog.Count(LogLevel::kError,
+                               "zelk_get_certificate() Error! typeidaccess service isn't ready"),
+                  row.expected == E::CLIENT_OK ? 0u : 1u);
+    }
+}
+
+TEST_F(ClientTest, EcuIdentityIsTheFileByteForByteAndTwoFixedValuesWithoutAnyService) {
+    LogCapture log;
+    std::string text;
+    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_ERROR_NOT_READY);
+    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_NOT_READY);
+    EXPECT_EQ(sut_.ecu_get_part_number(text), E::CLIENT_OK);
+    EXPECT_EQ(text, "V04007000TB");
+    for (const std::string& unreadable : {std::string(TESMO_ID_PATH), directory_.Path()}) {
+        tesmoIdPath_ = unreadable;
+        sut_.init();
+
+        EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_ERROR_ECU_DATA);
+        EXPECT_EQ(text, "V04007000TB");
+        EXPECT_EQ(log.Count(LogLevel::kError,
+                            "ecu_get_tesmo_id_string() Error! can't open file " + unreadable),
+                  1u);
+    }
+    for (const std::string& content :
+         {std::string("\x00\x01 \r\n\xff\x00", 7), std::string(), std::string(100000, 'x')}) {
+        tesmoIdPath_ = directory_.Write("tesmo.bin", content);
+        sut_.init();
+
+        EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), E::CLIENT_OK);
+        EXPECT_EQ(text, content) << content.size();
+    }
+    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), E::CLIENT_OK);
+    EXPECT_EQ(text, "C003");
+    for (const char* line : {"ecu_get_diagnostic_id() Error! genericuds isn't initialised",
+                             "ecu_get_tesmo_id_string() Error! genericuds isn't initialised"}) {
         EXPECT_EQ(log.Count(LogLevel::kError, line), 1u) << line;
     }
-    EXPECT_TRUE(sleeps_.empty());
-}
-
-TEST_F(ClientTest, KeyManagementCallsForwardTheirArgumentsAndMapTheStatus) {
-    sut_.init();
-    ON_CALL(*diag_, IsReady).WillByDefault(Return(true));
-    const Bytes dlc{0x00, 0xff, 0x10};
-    const Bytes challenge(16, 0xab);
-    const Bytes hash(16, 0x5a);
-    EXPECT_CALL(*diag_, zelk_handle_dlc(dlc)).WillOnce(Return(30));
-    EXPECT_CALL(*diag_, zelk_get_identity_hash(_, challenge))
-        .WillOnce(DoAll(SetArgReferee<0>(hash), Return(100)));
-    EXPECT_CALL(*diag_, zelk_get_pss_hash(_)).WillOnce(Return(103));
-    EXPECT_CALL(*diag_, zelk_get_training_counter(_))
-        .WillOnce(DoAll(SetArgReferee<0>(std::uint16_t{513}), Return(22)));
-    EXPECT_CALL(*diag_, zelk_get_zelk_vin(_)).WillOnce(Return(102));
-    Bytes identity;
-    Bytes pss;
-    Bytes vin;
-    std::uint16_t counter = 0;
-
-    EXPECT_EQ(sut_.zelk_handle_dlc(dlc), ClientError::CLIENT_ERROR_ZELK);
-    EXPECT_EQ(sut_.zelk_get_identity_hash(identity, challenge), ClientError::CLIENT_OK);
-    EXPECT_EQ(identity, hash);
-    EXPECT_EQ(sut_.zelk_get_pss_hash(pss), ClientError::CLIENT_ERROR_PARAMETER);
-    EXPECT_EQ(sut_.zelk_get_training_counter(counter), ClientError::CLIENT_OK);
-    EXPECT_EQ(counter, 513);
-    EXPECT_EQ(sut_.zelk_get_zelk_vin(vin), ClientError::CLIENT_ERROR_TYPEID_ACCESS);
-}
-
-TEST_F(ClientTest, CertificateReadyOnTheThirdCheckWaitsTwoSecondsWithTwoWarnings) {
-    sut_.init();
-    LogCapture log;
-    EXPECT_CALL(*typeId_, IsReady)
-        .WillOnce(Return(false))
-        .WillOnce(Return(false))
-        .WillRepeatedly(Return(true));
-    EXPECT_CALL(*typeId_, zelk_get_certificate(std::string("BASE"), _))
-        .WillOnce(DoAll(SetArgReferee<1>(std::string("\x30\x82", 2)), Return(100)));
-    std::string certificate;
-
-    const auto result = sut_.zelk_get_certificate("BASE", certificate);
-
-    EXPECT_EQ(result, ClientError::CLIENT_OK);
-    EXPECT_EQ(certificate, std::string("\x30\x82", 2));
-    EXPECT_EQ(sleeps_, (std::vector<std::chrono::seconds>(2, std::chrono::seconds(1))));
-    EXPECT_EQ(log.Count(LogLevel::kWarning,
-                        "zelk_get_certificate() Warning! typeidaccess service isn't ready, wait "
-                        "for 1 s"),
-              2u);
-    EXPECT_FALSE(log.Contains(LogLevel::kError, "zelk_get_certificate()"));
-}
-
-TEST_F(ClientTest, CertificateNeverReadyGivesUpAfterFiveWaitsAndSixChecks) {
-    sut_.init();
-    LogCapture log;
-    EXPECT_CALL(*typeId_, IsReady).Times(6).WillRepeatedly(Return(false));
-    EXPECT_CALL(*typeId_, zelk_get_certificate).Times(0);
-    std::string certificate = "old";
-
-    const auto result = sut_.zelk_get_certificate("BASE", certificate);
-
-    EXPECT_EQ(result, ClientError::CLIENT_ERROR_NOT_READY);
-    EXPECT_EQ(certificate, "old");
-    EXPECT_EQ(sleeps_.size(), 5u);
-    EXPECT_EQ(log.Count(LogLevel::kWarning, "typeidaccess service isn't ready, wait for 1 s"), 5u);
-    EXPECT_EQ(log.Count(LogLevel::kError,
-                        "zelk_get_certificate() Error! typeidaccess service isn't ready"),
-              1u);
-}
-
-TEST_F(ClientTest, CertificateStatusesMapThroughTheTypeIdTable) {
-    sut_.init();
-    ON_CALL(*typeId_, IsReady).WillByDefault(Return(true));
-    EXPECT_CALL(*typeId_, zelk_get_certificate)
-        .WillOnce(Return(20))
-        .WillOnce(Return(102))
-        .WillOnce(Return(50));
-    std::string certificate;
-
-    EXPECT_EQ(sut_.zelk_get_certificate("ZELK", certificate),
-              ClientError::CLIENT_ERROR_TYPEID_ACCESS);
-    EXPECT_EQ(sut_.zelk_get_certificate("base", certificate), ClientError::CLIENT_ERROR_PARAMETER);
-    EXPECT_EQ(sut_.zelk_get_certificate("BASE", certificate), ClientError::CLIENT_ERROR_ZELK);
-    EXPECT_TRUE(sleeps_.empty());
-}
-
-TEST_F(ClientTest, EcuIdentityNeedsNoReadinessAndPartNumberNoServiceAtAll) {
-    std::string partNumber;
-    // Before init(): no accessor exists, the part number is still there.
-    EXPECT_EQ(sut_.ecu_get_part_number(partNumber), ClientError::CLIENT_OK);
-    EXPECT_EQ(partNumber, "V04007000TB");
-
-    sut_.init();
-    EXPECT_CALL(*uds_, IsReady).Times(0);
-    EXPECT_CALL(*uds_, ecu_get_part_number).Times(0);
-    EXPECT_CALL(*uds_, ecu_get_diagnostic_id)
-        .WillOnce(DoAll(SetArgReferee<0>(std::string("C003")), Return(100)));
-    EXPECT_CALL(*uds_, ecu_get_tesmo_id_string).WillOnce(Return(102)).WillOnce(Return(101));
-    std::string text;
-
-    EXPECT_EQ(sut_.ecu_get_diagnostic_id(text), ClientError::CLIENT_OK);
-    EXPECT_EQ(text, "C003");
-    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), ClientError::CLIENT_ERROR_ECU_DATA);
-    EXPECT_EQ(sut_.ecu_get_tesmo_id_string(text), ClientError::CLIENT_ERROR_NOT_READY);
 }
 
 std::atomic<int> signalsSeen{0};
 
 TEST(MonotonicSleepTest, SignalsDuringTheSleepDoNotEndItEarly) {
-    struct sigaction action {};
+    struct sigaction action {};  // no SA_RESTART: the sleep sees EINTR
     action.sa_handler = [](int) { ++signalsSeen; };
     sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;  // no SA_RESTART: the sleep sees EINTR
     // Left installed: a signal still in flight after the test must not end the process.
     ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
     const pthread_t sleeper = ::pthread_self();
