@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <deque>
 #include <functional>
 
@@ -596,108 +597,76 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
     };
     struct Row {
         const char* name;
+        // Downloads requested, identity hashes computed (request, feedback), feedbacks sent.
+        std::array<int, 3> calls;
         Step arrange;
         std::vector<std::string> logged;
-        int downloads;  // download requests made
-        int hashes;     // identity hashes computed, for the request and the feedback
-        int feedbacks;  // feedbacks sent
     };
     const Row rows[] = {
         {"no token for the challenge",
+         {0, 0, 1},
          [&] { vi->failingToken = ChallengeRequestOperationTypeId; },
          {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=0",
           "ChallengeToByteBufferVector Wrong challenge length: '0'",
-          "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"},
-         0,
-         0,
-         1},
-        {"no challenge", [&] { challenge(""); }, {"Error downloading the challenge!"}, 0, 0, 1},
+          "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"}},
         {"short challenge",
+         {0, 0, 1},
          [&] { challenge(std::string(kChallenge).substr(1)); },
          {"ChallengeToByteBufferVector Wrong challenge length: '31'",
           "SetRequestParameters(): Incorrect Tesmo Challenge!",
-          "SetRequestParameters(): Setting the request parameters Failed!"},
-         0,
-         0,
-         1},
-        {"long challenge",
-         [&] { challenge(std::string(kChallenge) + "0"); },
-         {"ChallengeToByteBufferVector Wrong challenge length: '33'"},
-         0,
-         0,
-         1},
+          "SetRequestParameters(): Setting the request parameters Failed!"}},
         {"non-hexadecimal challenge",
+         {0, 0, 1},
          [&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); },
-         {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"},
-         0,
-         0,
-         1},
+         {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
         {"no VIN",
-         [&] {
-             ON_CALL(*tee, zelk_get_zelk_vin(_))
-                 .WillByDefault(Return(ClientError::CLIENT_ERROR_ZELK));
-         },
+         {0, 1, 1},
+         [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(ClientError{1})); },
          {"SetRequestParameters(): zelk_get_zelk_vin Failed!",
-          "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"},
-         0,
-         1,
-         1},
+          "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"}},
         {"no URL for the download",
+         {0, 2, 1},
          [&] { vi->failingUrl = DownloadRequestOperationTypeId; },
          {"Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'",
-          "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"},
-         0,
-         2,
-         1},
+          "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"}},
         {"connection lost before the challenge",
+         {0, 0, 0},
          [&] { vi->SetConnectionState(4); },
          {"Challenge request cancelled! Connection state: 4",
-          "Status feedback sending cancelled! Connection state: 4"},
-         0,
-         0,
-         0},
+          "Status feedback sending cancelled! Connection state: 4"}},
         {"connection lost during the challenge",
+         {0, 2, 0},
          [&] {
              ON_CALL(*backend, ChallengeRequest(_, _, _))
                  .WillByDefault(DoAll(Invoke([&] { vi->SetConnectionState(1); }),
                                       SetArgReferee<2>(kChallenge), Return(true)));
          },
          {"DLC download request cancelled! Connection state: 1",
-          "Status feedback sending cancelled! Connection state: 1"},
-         0,
-         2,
-         0},
+          "Status feedback sending cancelled! Connection state: 1"}},
         {"no container",
+         {1, 2, 1},
          [&] { container("", false); },
-         {"Error downloading the container!"},
-         1,
-         2,
-         1},
+         {"Error downloading the container!"}},
         {"container refused",
+         {1, 2, 1},
          [&] {
              container("*** not base64 ***", true);
-             EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{}))
-                 .WillOnce(Return(ClientError::CLIENT_ERROR_ZELK));
+             EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{})).WillOnce(Return(ClientError{1}));
          },
-         {"Error handling the DLC-container, bad DLC!"},
-         1,
-         2,
-         1},
+         {"Error handling the DLC-container, bad DLC!"}},
         {"feedback refused",
+         {1, 2, 1},
          [&] { ON_CALL(*backend, SendStatusFeedback(_, _, _)).WillByDefault(Return(1)); },
-         {"Error sending status feedback!"},
-         1,
-         2,
-         1}};
+         {"Error sending status feedback!"}}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Fresh();
         log.Clear();
         Construct();
         row.arrange();
-        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(row.downloads);
-        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(row.hashes);
-        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(row.feedbacks);
+        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(row.calls[0]);
+        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(row.calls[1]);
+        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(row.calls[2]);
 
         RunUpdate();
 

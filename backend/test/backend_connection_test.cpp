@@ -157,12 +157,9 @@ TEST_F(BackendConnectionTest, BodyThatFailsToParseYieldsWhatTheFieldHolds) {
     EXPECT_EQ(challenge, "");
     EXPECT_EQ(container, "");
     // A value read before the parse failed is what the field holds.
-    EXPECT_EQ(sut.ParseReceivedChallenge("\x0a\x03"
-                                         "abc\x12"),
-              "abc");
-    EXPECT_EQ(sut.ParseDlcDownloadResponse("\x0a\x03"
-                                           "abc\x12"),
-              "abc");
+    const std::string partial = "\x0a\x03"s + "abc\x12";
+    EXPECT_EQ(sut.ParseReceivedChallenge(partial), "abc");
+    EXPECT_EQ(sut.ParseDlcDownloadResponse(partial), "abc");
 }
 
 TEST_F(BackendConnectionTest, MissingAnswerUnreachableBackendAndBadUrlAreFailures) {
@@ -190,12 +187,8 @@ TEST_F(BackendConnectionTest, TrainingCounterIsAlwaysFourUpperCaseHexDigits) {
     RequestParams highest;
     highest.trainingCounter = 65535;
 
-    EXPECT_EQ(sut.CreateDLCDownloadRequest(RequestParams{}),
-              "\x32\x04"
-              "0000");
-    EXPECT_EQ(sut.CreateStatusUpdateRequest(highest),
-              "\x32\x04"
-              "FFFF");
+    EXPECT_EQ(sut.CreateDLCDownloadRequest(RequestParams{}), "\x32\x04"s + "0000");
+    EXPECT_EQ(sut.CreateStatusUpdateRequest(highest), "\x32\x04"s + "FFFF");
 }
 
 // A backend that resolves types by schema file name finds them only under
