@@ -37,6 +37,7 @@ using Step = std::function<void()>;
 const TimePoint kStart{std::chrono::seconds{1795342502}};  // 2026-11-22T10:15:02Z
 constexpr const char* kChallenge = "0A1B2C3D4E5F60718293A4B5C6D7E8F9";
 constexpr const char* kContainerBase64 = "3q2+7w==";  // DE AD BE EF
+constexpr ClientError kTeeError = ClientError::CLIENT_ERROR_ZELK;
 
 // Runs the loop on the test's own thread: whenever the loop would block, the
 // test's next step runs instead, with the loop's lock released as a real wait
@@ -621,7 +622,7 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
          {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
         {"no VIN",
          {0, 1, 1},
-         [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(ClientError{1})); },
+         [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(kTeeError)); },
          {"SetRequestParameters(): zelk_get_zelk_vin Failed!",
           "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"}},
         {"no URL for the download",
@@ -651,7 +652,7 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
          {1, 2, 1},
          [&] {
              container("*** not base64 ***", true);
-             EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{})).WillOnce(Return(ClientError{1}));
+             EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{})).WillOnce(Return(kTeeError));
          },
          {"Error handling the DLC-container, bad DLC!"}},
         {"feedback refused",
