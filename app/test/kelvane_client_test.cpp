@@ -83,7 +83,6 @@ public:
         unsigned int /*flags*/) override {
         if (stateSubscriptionResult != 0) {
             stateCallback_ = callback;
-            subscribedId = id;
             callback->VISCConnectionState({id, initialState});
         }
         return stateSubscriptionResult;
@@ -100,7 +99,6 @@ public:
     unsigned int stateSubscriptionResult = 1;
     std::string failingToken;
     std::string failingUrl;
-    std::string subscribedId;
 
 private:
     vi_connector::VIServiceControllerCallbackIf* stateCallback_ = nullptr;
@@ -277,7 +275,7 @@ private:
 TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
     ::testing::InSequence sequence;
     EXPECT_CALL(*clamp, ClampControlInit()).WillOnce(Invoke([&] {
-        EXPECT_EQ(vi->subscribedId, "TTVI-Kelvane-C003") << "connection state comes first";
+        EXPECT_TRUE(log.Contains("Connection state notification, new state: 2")) << "comes first";
         return true;
     }));
     EXPECT_CALL(*mqtt, Connect()).WillOnce(Return(true));
@@ -329,13 +327,20 @@ TEST_F(KelvaneClientTest, CollaboratorThatCannotBeCreatedIsNamedAndStopsConstruc
     }
 }
 
-TEST_F(KelvaneClientTest, FailedSessionIsLoggedAndOnlyARejectedOneEndsTheLoop) {
+TEST_F(KelvaneClientTest, PlatformSessionFailuresAreLoggedAndOnlyARejectionEndsTheLoop) {
     vi->startStatus = static_cast<vi_connector::SessionStatus>(5);
+    vi->stateSubscriptionResult = 0;
 
-    Run({[&] { sut->VIConnectorStatus(vi_connector::SessionStatus::kRejected); }});
+    Run({[&] {
+             clock->now += 1h;
+             sut->SendTrigger();
+         },
+         [&] { sut->VIConnectorStatus(vi_connector::SessionStatus::kRejected); }});
 
     EXPECT_TRUE(log.Contains(LogLevel::kError, "VI-Connector failed to start!"));
     EXPECT_TRUE(log.Contains(LogLevel::kError, "VIConnector Status Failed=5"));
+    EXPECT_EQ(log.Count(LogLevel::kError, "Subscribe to connection state failed!"), 1U);
+    EXPECT_EQ(log.Count("MQTT subscribe handling ignored! Connection state: 0"), 2U);
     EXPECT_TRUE(log.Contains(LogLevel::kError, "VIConnector Status Rejected=3"));
     EXPECT_LT(log.IndexOf("Kelvane client stopped, VIConnector Status=3"),
               log.IndexOf("Kelvane Client Terminated."));
@@ -442,18 +447,6 @@ TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUns
 
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
     EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
-}
-
-TEST_F(KelvaneClientTest, RefusedConnectionStateSubscriptionIsLoggedOnceAndNotRetried) {
-    vi->stateSubscriptionResult = 0;
-
-    Run({[&] {
-        clock->now += 1h;
-        sut->SendTrigger();
-    }});
-
-    EXPECT_EQ(log.Count(LogLevel::kError, "Subscribe to connection state failed!"), 1U);
-    EXPECT_TRUE(log.Contains("MQTT subscribe handling ignored! Connection state: 0"));
 }
 
 TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsAnUpdate) {
