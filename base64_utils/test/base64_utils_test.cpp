@@ -28,13 +28,12 @@ TEST(Base64UtilsTest, EncodingAnEmptyVectorEndsTheProcess) {
     EXPECT_DEATH(Base64Utils::Base64UrlEncodeFromBinaryVector({}), "empty input");
 }
 
-// Every entry point against every other, for every length up to 4096 bytes,
-// the text decoded with white space at random places.
+// Every length up to 4096 bytes, decoded with white space at random places.
 TEST(Base64UtilsTest, EncodeThenDecodeGivesTheInputBackForEveryLengthUpTo4096) {
     std::mt19937 random(4096);
-    Bytes all(4096);
-    for (auto& byte : all) {
-        byte = static_cast<std::uint8_t>(random());
+    std::string all(4096, '\0');
+    for (char& byte : all) {
+        byte = static_cast<char>(random());
     }
     const auto withWhiteSpace = [&](const std::string& text) {
         std::string spaced;
@@ -47,26 +46,20 @@ TEST(Base64UtilsTest, EncodeThenDecodeGivesTheInputBackForEveryLengthUpTo4096) {
         return spaced;
     };
 
-    for (std::size_t length = 0; length <= all.size(); ++length) {
-        const Bytes bytes(all.begin(), all.begin() + length);
-        const std::string asText(bytes.begin(), bytes.end());
-        const std::string standard = Base64Utils::Base64Encode(asText);
-        const std::string urlSafe = Base64Utils::Base64UrlEncode(asText);
-        if (length > 0) {
-            ASSERT_EQ(Base64Utils::Base64EncodeFromBinaryVector(bytes), standard) << length;
-            ASSERT_EQ(Base64Utils::Base64UrlEncodeFromBinaryVector(bytes), urlSafe) << length;
-        }
-        ASSERT_EQ(standard.size(), (length + 2) / 3 * 4) << length;
-        ASSERT_EQ(urlSafe.find_first_of("+/"), std::string::npos) << length;
-        ASSERT_TRUE(Base64Utils::Base64Validate(standard)) << length;
-        ASSERT_TRUE(Base64Utils::Base64Validate(urlSafe)) << length;
+    for (std::size_t length = 1; length <= all.size(); ++length) {
+        const std::string text = all.substr(0, length);
+        const Bytes bytes(text.begin(), text.end());
+        const std::string standard = Base64Utils::Base64EncodeFromBinaryVector(bytes);
+        const std::string urlSafe = Base64Utils::Base64UrlEncode(text);
 
+        ASSERT_EQ(Base64Utils::Base64Encode(text), standard);
+        ASSERT_EQ(standard.size(), (length + 2) / 3 * 4);
+        ASSERT_EQ(urlSafe.find_first_of("+/"), std::string::npos);
+        ASSERT_TRUE(Base64Utils::Base64Validate(urlSafe));
         ASSERT_EQ(Base64Utils::Base64DecodeToBinaryVector(withWhiteSpace(standard)), bytes);
-        ASSERT_EQ(Base64Utils::Base64UrlDecodeToBinaryVector(withWhiteSpace(urlSafe)), bytes);
-        ASSERT_EQ(Base64Utils::Base64Decode(withWhiteSpace(urlSafe)), asText) << length;
-        ASSERT_EQ(Base64Utils::Base64UrlDecode(withWhiteSpace(standard)), asText) << length;
+        ASSERT_EQ(Base64Utils::Base64UrlDecode(withWhiteSpace(urlSafe)), text) << length;
     }
-    EXPECT_EQ(Base64Utils::Base64UrlEncode("\xFB\xFF\xBF"), "-_-_");
+    EXPECT_EQ(Base64Utils::Base64UrlEncodeFromBinaryVector({0xFB, 0xFF, 0xBF}), "-_-_");
 }
 
 }  // namespace
