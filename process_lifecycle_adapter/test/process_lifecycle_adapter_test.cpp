@@ -77,41 +77,28 @@ TEST_F(ProcessLifecycleAdapterTest, SigtermReachesTheCallbackOnceAndDestructionE
     EXPECT_TRUE(log_.Contains(LogLevel::kInfo, "termination requested by signal 15"));
 }
 
-TEST_F(ProcessLifecycleAdapterTest, AliveIsReportedOnlyWhileTheHealthStatusIsZero) {
+TEST_F(ProcessLifecycleAdapterTest, AliveIsReportedAtHalfTheWatchdogTimeOutOnlyWhileHealthy) {
+    const ScopedEnvironment watchdog("WATCHDOG_USEC", "40000");
+    const ScopedEnvironment owner("WATCHDOG_PID", std::to_string(getpid()));
+    const ScopedEnvironment config("KELVANE_PHM_CONFIG", Config("30"));
     callback_.health = 3;
-    ProcessLifecycleAdapter sut("kelvane-client", &callback_, Config("10"));
+    ProcessLifecycleAdapter sut("kelvane-client", &callback_);
 
     ASSERT_TRUE(WaitForHealthCalls(4));
     EXPECT_EQ(notifySocket_.Count("WATCHDOG=1"), 0U);
     callback_.health = 0;
     ASSERT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 3));
 
+    EXPECT_EQ(sut.KeepAlivePeriod(), 20ms);
+    EXPECT_EQ(log_.Count(LogLevel::kWarning, "keep_alive_period_ms=30 is too long"), 1U);
     EXPECT_EQ(log_.Count(LogLevel::kWarning, "health status 3, alive reports withheld"), 1U);
     EXPECT_EQ(log_.Count(LogLevel::kInfo, "healthy again"), 1U);
-    EXPECT_EQ(sut.KeepAlivePeriod(), 10ms);
 }
 
-TEST_F(ProcessLifecycleAdapterTest, SystemdWatchdogWithoutConfigurationIsPingedAtHalfItsTimeOut) {
-    const ScopedEnvironment watchdog("WATCHDOG_USEC", "40000");
-    const ScopedEnvironment owner("WATCHDOG_PID", std::to_string(getpid()));
+TEST_F(ProcessLifecycleAdapterTest, ConfigurationIsTheComponentsFileInEtcByDefault) {
+    const ScopedEnvironment unset("KELVANE_PHM_CONFIG", std::nullopt);
 
-    ProcessLifecycleAdapter sut("kelvane-client", &callback_, directory_.File("none.ini"));
-
-    EXPECT_EQ(sut.KeepAlivePeriod(), 20ms);
-    EXPECT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 2));
-}
-
-TEST_F(ProcessLifecycleAdapterTest, ConfigurationIsTheComponentsFileInEtcUnlessOverridden) {
-    {
-        const ScopedEnvironment unset("KELVANE_PHM_CONFIG", std::nullopt);
-        EXPECT_EQ(ProcessLifecycleAdapter::ConfigPath("kelvane-client"),
-                  "/etc/kelvane-client-phm.ini");
-    }
-    const ScopedEnvironment overridden("KELVANE_PHM_CONFIG", Config("1234"));
-
-    ProcessLifecycleAdapter sut("kelvane-client", &callback_);
-
-    EXPECT_EQ(sut.KeepAlivePeriod(), 1234ms);
+    EXPECT_EQ(ProcessLifecycleAdapter::ConfigPath("kelvane-client"), "/etc/kelvane-client-phm.ini");
 }
 
 }  // namespace
