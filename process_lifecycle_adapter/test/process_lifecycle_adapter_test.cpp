@@ -47,10 +47,6 @@ protected:
                                 "[supervision]\nkeep_alive_period_ms=" + periodMs + "\n");
     }
 
-    bool WaitForHealthCalls(int calls) {
-        return WaitUntil([&] { return callback_.healthCalls.load() >= calls; }, 5000ms, 1ms);
-    }
-
     TemporaryDirectory directory_;
     // No systemd watchdog from the environment the tests run in.
     ScopedEnvironment noWatchdog_{"WATCHDOG_USEC", std::nullopt};
@@ -84,7 +80,7 @@ TEST_F(ProcessLifecycleAdapterTest, AliveIsReportedAtHalfTheWatchdogTimeOutOnlyW
     callback_.health = 3;
     ProcessLifecycleAdapter sut("kelvane-client", &callback_);
 
-    ASSERT_TRUE(WaitForHealthCalls(4));
+    ASSERT_TRUE(WaitUntil([&] { return callback_.healthCalls.load() >= 4; }, 5000ms, 1ms));
     EXPECT_EQ(notifySocket_.Count("WATCHDOG=1"), 0U);
     callback_.health = 0;
     ASSERT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 3));
