@@ -253,6 +253,14 @@ protected:
         sut->Main();
     }
 
+    /// A step: time passes, then the loop is woken.
+    Step After(std::chrono::nanoseconds time) {
+        return [this, time] {
+            clock->now += time;
+            sut->SendTrigger();
+        };
+    }
+
     void RunUpdate() { sut->SendStatusFeedBack(sut->HandleDlcUpdate()); }
 
     LogCapture log;
@@ -325,11 +333,7 @@ TEST_F(KelvaneClientTest, PlatformSessionFailuresAreLoggedAndOnlyARejectionEndsT
     vi->startStatus = static_cast<vi_connector::SessionStatus>(5);
     vi->stateSubscriptionResult = 0;
 
-    Run({[&] {
-             clock->now += 1h;
-             sut->SendTrigger();
-         },
-         [&] { sut->VIConnectorStatus(vi_connector::SessionStatus::kRejected); }});
+    Run({After(1h), [&] { sut->VIConnectorStatus(vi_connector::SessionStatus::kRejected); }});
 
     EXPECT_TRUE(log.Contains(LogLevel::kError, "VI-Connector failed to start!"));
     EXPECT_TRUE(log.Contains(LogLevel::kError, "VIConnector Status Failed=5"));
@@ -346,11 +350,7 @@ TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndTerminatio
     EXPECT_CALL(*mqtt, Subscribe(_)).Times(1);
 
     Run({[&] { sut->MQTTMessageReceivedCb(); }, [&] { sut->SendTrigger(); },
-         [&] { vi->SetConnectionState(4); },
-         [&] {
-             EXPECT_EQ(sut->GetUpdateState(), UpdateState::kPending);
-             vi->SetConnectionState(3);
-         },
+         [&] { vi->SetConnectionState(4); }, [&] { vi->SetConnectionState(3); },
          [&] { vi->SetConnectionState(1, "TTVI-Kelvane-C003.other"); },
          [&] {
              sut->MQTTMessageReceivedCb();  // termination comes first
@@ -371,24 +371,13 @@ TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndTerminatio
 TEST_F(KelvaneClientTest, FailedClampSubscriptionIsRetriedAfter10sAndReadyIsLoggedAfterEach) {
     EXPECT_CALL(*clamp, Subscribe()).WillOnce(Return(false)).WillRepeatedly(Return(true));
 
-    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); },
-         [&] {
-             EXPECT_TRUE(log.Contains("Retrying after 10 seconds..."));
-             EXPECT_TRUE(log.Contains("Process timeout set to: 11s"));
-             EXPECT_FALSE(log.Contains("All subscriptions and connections ready"));
-             clock->now += 9s;
-             sut->SendTrigger();
-         },
-         [&] {
-             EXPECT_EQ(log.Count("Subscribing to Clamp Control Service"), 1U);
-             clock->now += 2s;  // the time-out runs out
-         },
-         [&] {
-             EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
-             sut->ClampControlConnectionStateChangeCb(false);
-         },
+    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); }, After(9s), After(1s),
+         [&] { sut->ClampControlConnectionStateChangeCb(false); },
          [&] { sut->ClampControlConnectionStateChangeCb(true); }});
 
+    EXPECT_TRUE(log.Contains("Retrying after 10 seconds..."));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 11s"));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 2s"));  // not yet due after 9 s
     EXPECT_EQ(log.Count("Subscribing to Clamp Control Service"), 3U);
     EXPECT_EQ(log.Count("All subscriptions and connections ready"), 2U);
     EXPECT_EQ(
@@ -400,25 +389,13 @@ TEST_F(KelvaneClientTest, FailedMqttSubscriptionWaitsForARequestARefusedOneAMinu
         .WillOnce(Return(true))
         .WillRepeatedly(Return(false));
 
-    Run({[&] {
-             clock->now += 1h;
-             sut->SendTrigger();
-         },
-         [&] { sut->MQTTSubscribeFailedCb(); },
-         [&] {
-             EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
-             clock->now += 59s;
-             sut->SendTrigger();
-         },
-         [&] {
-             EXPECT_EQ(log.Count("Handling MQTT subscription request."), 1U);
-             clock->now += 500ms;
-             sut->SendTrigger();
-         },
+    Run({After(1h), [&] { sut->MQTTSubscribeFailedCb(); }, After(59s), After(500ms),
          [&] { sut->MQTTResubscribeCb(); }});
 
     EXPECT_EQ(log.Count(LogLevel::kError, "MQTT Subscription FAILED!"), 1U);
     EXPECT_TRUE(log.Contains("MQTT Subscribtion failed"));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
+    EXPECT_TRUE(log.Contains("Process timeout set to: 2s"));  // not yet due after 59 s
     EXPECT_TRUE(log.Contains("MQTT Re-Subscription request was received"));
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 3U);
     EXPECT_EQ(log.Count("MQTT Subscribed successfully"), 2U);
@@ -432,13 +409,9 @@ TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUns
         }))
         .WillOnce(Return(false));
 
-    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); },
-         [&] {
-             EXPECT_FALSE(log.Contains("All subscriptions and connections ready"));
-             EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
-             clock->now += 61s;
-         }});
+    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); }, After(61s)});
 
+    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
     EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
 }
