@@ -424,11 +424,7 @@ TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsA
         .WillOnce(Gives<1>(MakeCertificate(kStart + 364 * 24h)));
     const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
 
-    Run({[&] {
-             sut->ClampStateChangeCb("Clamp15", false);
-             clampOn();
-         },
-         clampOn, clampOn});
+    Run({[&] { sut->ClampStateChangeCb("Clamp15", false); }, clampOn, clampOn, clampOn});
 
     EXPECT_EQ(log.Count("Clamp15 has changed state to 0"), 1U);
     EXPECT_EQ(log.Count("Clamp15 has changed state to 1"), 3U);
