@@ -147,21 +147,6 @@ TEST_F(BackendConnectionTest, StatusDecidesSuccessPerExchangeAndAnythingElseIsLo
     }
 }
 
-TEST_F(BackendConnectionTest, BodyThatFailsToParseYieldsWhatTheFieldHolds) {
-    ScriptedTcpServer server(
-        Script().ReceiveRequest().Send(Answer("200 OK", "<html>not protobuf</html>")));
-
-    EXPECT_TRUE(sut.ChallengeRequest("t", server.Url("/c"), challenge));
-    EXPECT_TRUE(sut.DownloadRequest("t", SampleParams(), server.Url("/d"), container));
-
-    EXPECT_EQ(challenge, "");
-    EXPECT_EQ(container, "");
-    // A value read before the parse failed is what the field holds.
-    const std::string partial = "\x0a\x03"s + "abc\x12";
-    EXPECT_EQ(sut.ParseReceivedChallenge(partial), "abc");
-    EXPECT_EQ(sut.ParseDlcDownloadResponse(partial), "abc");
-}
-
 TEST_F(BackendConnectionTest, MissingAnswerUnreachableBackendAndBadUrlAreFailures) {
     ScriptedTcpServer closesSilently(Script().ReceiveRequest().Close());
     const std::string unreachable =
