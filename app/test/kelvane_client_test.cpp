@@ -105,44 +105,37 @@ private:
 
 class MockZelkOnlineUpdateApi : public qervo::tee::ZELKOnlineUpdateAPI {
 public:
-    MOCK_METHOD(ClientError, zelk_handle_dlc, (Bytes dlc), (override));
-    MOCK_METHOD(ClientError, zelk_get_certificate, (std::string typeId, std::string& certificate),
-                (override));
-    MOCK_METHOD(ClientError, zelk_get_identity_hash, (Bytes & identityHash, const Bytes& challenge),
-                (override));
-    MOCK_METHOD(ClientError, zelk_get_pss_hash, (Bytes & pssHash), (override));
-    MOCK_METHOD(ClientError, zelk_get_training_counter, (std::uint16_t & trainingCounter),
-                (override));
-    MOCK_METHOD(ClientError, zelk_get_zelk_vin, (Bytes & vin), (override));
-    MOCK_METHOD(ClientError, ecu_get_part_number, (std::string & partNumber), (override));
-    MOCK_METHOD(ClientError, ecu_get_diagnostic_id, (std::string & diagnosticId), (override));
-    MOCK_METHOD(ClientError, ecu_get_tesmo_id_string, (std::string & tesmoIdString), (override));
+    MOCK_METHOD(ClientError, zelk_handle_dlc, (Bytes), (override));
+    MOCK_METHOD(ClientError, zelk_get_certificate, (std::string, std::string&), (override));
+    MOCK_METHOD(ClientError, zelk_get_identity_hash, (Bytes&, const Bytes&), (override));
+    MOCK_METHOD(ClientError, zelk_get_pss_hash, (Bytes&), (override));
+    MOCK_METHOD(ClientError, zelk_get_training_counter, (std::uint16_t&), (override));
+    MOCK_METHOD(ClientError, zelk_get_zelk_vin, (Bytes&), (override));
+    MOCK_METHOD(ClientError, ecu_get_part_number, (std::string&), (override));
+    MOCK_METHOD(ClientError, ecu_get_diagnostic_id, (std::string&), (override));
+    MOCK_METHOD(ClientError, ecu_get_tesmo_id_string, (std::string&), (override));
 };
 
 class MockBackendConnection : public BackendConnectionIf {
 public:
-    MOCK_METHOD(bool, ChallengeRequest,
-                (const std::string& token, const std::string& url, std::string& challenge),
+    MOCK_METHOD(bool, ChallengeRequest, (const std::string&, const std::string&, std::string&),
                 (override));
     MOCK_METHOD(bool, DownloadRequest,
-                (const std::string& token, const RequestParams& params, const std::string& url,
-                 std::string& container),
+                (const std::string&, const RequestParams&, const std::string&, std::string&),
                 (override));
     MOCK_METHOD(int, SendStatusFeedback,
-                (const RequestParams& params, const std::string& token, const std::string& url),
-                (const, override));
+                (const RequestParams&, const std::string&, const std::string&), (const, override));
 };
 
 class MockMqttConnection : public csa_common::MqttConnectionIf {
 public:
-    MOCK_METHOD(bool, Subscribe, (const std::string& topic), (override));
+    MOCK_METHOD(bool, Subscribe, (const std::string&), (override));
     MOCK_METHOD(bool, Connect, (), (override));
     MOCK_METHOD(std::uint32_t, Disconnect, (), (override));
     MOCK_METHOD(bool, CheckReceivedUpdate, (), (override));
     MOCK_METHOD(std::string, GetReceivedMessage, (), (override));
     MOCK_METHOD(bool, Publish,
-                (const std::string& topic, const std::string& message, bool flag,
-                 unsigned int value1, unsigned int value2, std::string text),
+                (const std::string&, const std::string&, bool, unsigned, unsigned, std::string),
                 (override));
 };
 
