@@ -537,64 +537,53 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
 }
 
 TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReportsIt) {
-    const auto challenge = [&](const std::string& text) {
+    const auto challenge = [&](
+                               const std::string& text, const Step& meanwhile = [] {}) {
         ON_CALL(*backend, ChallengeRequest(_, _, _))
-            .WillByDefault(DoAll(SetArgReferee<2>(text), Return(true)));
+            .WillByDefault(DoAll(Invoke(meanwhile), SetArgReferee<2>(text), Return(true)));
     };
+    // Rows are named by their first log line.
     struct Row {
-        const char* name;
         // Downloads requested, identity hashes computed (request, feedback), feedbacks sent.
         std::array<int, 3> calls;
         Step arrange;
         std::vector<std::string> logged;
     };
     const Row rows[] = {
-        {"no token for the challenge",
-         {0, 0, 1},
+        {{0, 0, 1},
          [&] { vi->failingToken = ChallengeRequestOperationTypeId; },
          {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=0",
           "ChallengeToByteBufferVector Wrong challenge length: '0'",
           "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"}},
-        {"short challenge",
-         {0, 0, 1},
+        {{0, 0, 1},
          [&] { challenge(std::string(kChallenge).substr(1)); },
          {"ChallengeToByteBufferVector Wrong challenge length: '31'",
           "SetRequestParameters(): Incorrect Tesmo Challenge!",
           "SetRequestParameters(): Setting the request parameters Failed!"}},
-        {"non-hexadecimal challenge",
-         {0, 0, 1},
+        {{0, 0, 1},
          [&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); },
          {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
-        {"no VIN",
-         {0, 1, 1},
+        {{0, 1, 1},
          [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(kTeeError)); },
          {"SetRequestParameters(): zelk_get_zelk_vin Failed!",
           "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"}},
-        {"no URL for the download",
-         {0, 2, 1},
+        {{0, 2, 1},
          [&] { vi->failingUrl = DownloadRequestOperationTypeId; },
          {"Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'",
           "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"}},
-        {"connection lost before the challenge",
-         {0, 0, 0},
+        {{0, 0, 0},
          [&] { vi->SetConnectionState(4); },
          {"Challenge request cancelled! Connection state: 4",
           "Status feedback sending cancelled! Connection state: 4"}},
-        {"connection lost during the challenge",
-         {0, 2, 0},
-         [&] {
-             ON_CALL(*backend, ChallengeRequest(_, _, _))
-                 .WillByDefault(DoAll(Invoke([&] { vi->SetConnectionState(1); }),
-                                      SetArgReferee<2>(kChallenge), Return(true)));
-         },
+        {{0, 2, 0},
+         [&] { challenge(kChallenge, [&] { vi->SetConnectionState(1); }); },
          {"DLC download request cancelled! Connection state: 1",
           "Status feedback sending cancelled! Connection state: 1"}},
-        {"feedback refused",
-         {1, 2, 1},
+        {{1, 2, 1},
          [&] { ON_CALL(*backend, SendStatusFeedback(_, _, _)).WillByDefault(Return(1)); },
          {"Error sending status feedback!"}}};
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.logged[0]);
         Fresh();
         log.Clear();
         Construct();
