@@ -180,10 +180,7 @@ protected:
         return failing == "vi" ? nullptr : vi;
     }
     std::shared_ptr<qervo::tee::ZELKOnlineUpdateAPI> CreateTee() const override {
-        if (failing == "tee") {
-            throw std::runtime_error("no bus");
-        }
-        return tee;
+        return failing == "tee" ? throw std::runtime_error("no bus") : tee;
     }
     std::shared_ptr<csa_common::MqttConnectionIf> CreateMqttConnection(
         std::shared_ptr<vi_connector::VIConnector> /*connector*/,
@@ -267,16 +264,22 @@ protected:
     std::unique_ptr<KelvaneClient> sut;
 };
 
-TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
+TEST_F(KelvaneClientTest, StartsInOrderAndEndsMqttDeliveryBeforeReleasingCollaborators) {
     ::testing::InSequence sequence;
     EXPECT_CALL(*clamp, ClampControlInit()).WillOnce(Invoke([&] {
         EXPECT_TRUE(log.Contains("Connection state notification, new state: 2")) << "comes first";
         return true;
     }));
     EXPECT_CALL(*mqtt, Connect()).WillOnce(Return(true));
+    long clampHolders = 0;
+    EXPECT_CALL(*mqtt, Disconnect()).WillOnce(Invoke([&] {
+        clampHolders = clamp.use_count();
+        return 0U;
+    }));
 
     ConstructOnly();
     const bool mqttFailed = sut->Init();
+    sut.reset();
 
     EXPECT_TRUE(mqttFailed);
     long at = 0;
@@ -288,18 +291,6 @@ TEST_F(KelvaneClientTest, StartsTheConnectorBeforeInitAndSubscribesInOrder) {
         EXPECT_GE(found, at) << line;
         at = found;
     }
-}
-
-TEST_F(KelvaneClientTest, DestructionEndsMqttDeliveryBeforeReleasingCollaborators) {
-    Construct();
-    long clampHolders = 0;
-    EXPECT_CALL(*mqtt, Disconnect()).WillOnce(Invoke([&] {
-        clampHolders = clamp.use_count();
-        return 0U;
-    }));
-
-    sut.reset();
-
     EXPECT_EQ(clampHolders, 2);  // the test's share and the client's
 }
 
