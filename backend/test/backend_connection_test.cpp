@@ -43,20 +43,9 @@ std::string Header(const std::string& method, const std::string& target,
            std::to_string(contentLength) + "\r\n\r\n";
 }
 
-RequestParams SampleParams() {
-    RequestParams params;
-    params.tesmoChallenge = "xy";
-    params.diagnosticID = "q";
-    params.partNumber = "p";
-    params.tesmoIdString = "t";
-    params.zelkVin = {'V', 'I', 'N'};
-    params.trainingCounter = 42;
-    params.pssHash = {0x0A, 0xFF};
-    params.identityHash = {0x01};
-    return params;
-}
+const RequestParams kSample{"xy", "q", "p", "t", {'V', 'I', 'N'}, 42, {0x0A, 0xFF}, {0x01}};
 
-// SampleParams() serialised, written out by hand so that the field numbers are checked too.
+// kSample serialised, written out by hand so that the field numbers are checked too.
 const std::string kSampleWire = "\x0a\x02xy\x12\x01q\x1a\x01p\x22\x01t\x2a\x03VIN\x32\x04"s +
                                 "002A\x3a\x04" + "0AFF\x42\x02" + "01";
 
@@ -90,7 +79,7 @@ TEST_F(BackendConnectionTest, DownloadPostsTheRequestMessageAndReturnsTheContain
     ScriptedTcpServer server(
         Script().ReceiveRequest().Send(Answer("200 OK", "\x12\x01z\x0a\x08QUJDRA==\x1a\x01z")));
 
-    EXPECT_TRUE(sut.DownloadRequest("tok-123", SampleParams(), server.Url("/dl"), container));
+    EXPECT_TRUE(sut.DownloadRequest("tok-123", kSample, server.Url("/dl"), container));
 
     EXPECT_EQ(container, "QUJDRA==");
     EXPECT_EQ(server.Received(0),
@@ -105,7 +94,7 @@ TEST_F(BackendConnectionTest, DownloadPostsTheRequestMessageAndReturnsTheContain
 TEST_F(BackendConnectionTest, FeedbackPostsWithoutAcceptAndLogsEveryField) {
     ScriptedTcpServer server(Script().ReceiveRequest().Send("HTTP/1.1 204 No Content\r\n\r\n"));
 
-    EXPECT_EQ(sut.SendStatusFeedback(SampleParams(), "tok-123", server.Url("/fb")), 0);
+    EXPECT_EQ(sut.SendStatusFeedback(kSample, "tok-123", server.Url("/fb")), 0);
 
     EXPECT_EQ(server.Received(0),
               Header("POST", "/fb", "application/TTVI_CO_ZelkDlcStatusFeedbackRequest_v3+proto", "",
@@ -156,13 +145,13 @@ TEST_F(BackendConnectionTest, MissingAnswerUnreachableBackendAndBadUrlAreFailure
     EXPECT_FALSE(sut.ChallengeRequest("t", closesSilently.Url("/c"), challenge));
     EXPECT_TRUE(log.Contains(LogLevel::kError, "Unexpected HTTP response: 4095!"));
     EXPECT_FALSE(sut.ChallengeRequest("t", unreachable, challenge));
-    EXPECT_FALSE(sut.DownloadRequest("t", SampleParams(), unreachable, container));
-    EXPECT_EQ(sut.SendStatusFeedback(SampleParams(), "t", unreachable), 1);
+    EXPECT_FALSE(sut.DownloadRequest("t", kSample, unreachable, container));
+    EXPECT_EQ(sut.SendStatusFeedback(kSample, "t", unreachable), 1);
     EXPECT_EQ(log.Count(LogLevel::kError, "HttpConnection: Connection failed!"), 3U);
     const auto connections = connector->calls.size();
     EXPECT_FALSE(sut.ChallengeRequest("t", "backend/no-scheme", challenge));
-    EXPECT_FALSE(sut.DownloadRequest("t", SampleParams(), "http://:1/", container));
-    EXPECT_EQ(sut.SendStatusFeedback(SampleParams(), "t", "http://h:port/"), 1);
+    EXPECT_FALSE(sut.DownloadRequest("t", kSample, "http://:1/", container));
+    EXPECT_EQ(sut.SendStatusFeedback(kSample, "t", "http://h:port/"), 1);
 
     EXPECT_EQ(connector->calls.size(), connections) << "a URL that cannot be split is not tried";
     EXPECT_EQ(challenge, "previous");
