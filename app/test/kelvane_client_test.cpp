@@ -251,8 +251,6 @@ protected:
         };
     }
 
-    void RunUpdate() { sut->SendStatusFeedBack(sut->HandleDlcUpdate()); }
-
     LogCapture log;
     std::shared_ptr<ScriptedClock> clock = std::make_shared<ScriptedClock>();
     std::shared_ptr<FakeViConnector> vi;
@@ -583,7 +581,7 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
         EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(row.calls[1]);
         EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(row.calls[2]);
 
-        RunUpdate();
+        sut->SendStatusFeedBack(sut->HandleDlcUpdate());
 
         for (const std::string& line : row.logged) {
             EXPECT_TRUE(log.Contains(line)) << line;
