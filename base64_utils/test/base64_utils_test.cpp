@@ -17,6 +17,7 @@ TEST(Base64UtilsTest, DecodingGivesAnEmptyResultWhereTheCodecLeftALoneSextet) {
     EXPECT_EQ(Base64Utils::Base64UrlDecode("+/8="), "\xFB\xFF");
     EXPECT_EQ(Base64Utils::Base64UrlDecode("Zm9vZ"), "");
     EXPECT_TRUE(Base64Utils::Base64DecodeToBinaryVector("Zm9vZ").empty());
+    EXPECT_TRUE(Base64Utils::Base64DecodeToBinaryVector("").empty());
     EXPECT_TRUE(Base64Utils::Base64UrlDecodeToBinaryVector("Z").empty());
     std::string out;
     EXPECT_EQ(Base64Utils::Base64Decode("Zg==Zm8=", out, 4), 8);
