@@ -569,6 +569,13 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
          {"DLC download request cancelled! Connection state: 1",
           "Status feedback sending cancelled! Connection state: 1"}},
         {{1, 2, 1},
+         [&] {
+             ON_CALL(*backend, DownloadRequest(_, _, _, _))
+                 .WillByDefault(DoAll(SetArgReferee<3>("*** not base64 ***"), Return(true)));
+             EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{})).WillOnce(Return(kTeeError));
+         },
+         {"Error handling the DLC-container, bad DLC!"}},
+        {{1, 2, 1},
          [&] { ON_CALL(*backend, SendStatusFeedback(_, _, _)).WillByDefault(Return(1)); },
          {"Error sending status feedback!"}}};
     for (const Row& row : rows) {
