@@ -158,14 +158,6 @@ TEST_F(BackendConnectionTest, MissingAnswerUnreachableBackendAndBadUrlAreFailure
     EXPECT_EQ(container, "previous");
 }
 
-TEST_F(BackendConnectionTest, TrainingCounterIsAlwaysFourUpperCaseHexDigits) {
-    RequestParams highest;
-    highest.trainingCounter = 65535;
-
-    EXPECT_EQ(sut.CreateDLCDownloadRequest(RequestParams{}), "\x32\x04"s + "0000");
-    EXPECT_EQ(sut.CreateStatusUpdateRequest(highest), "\x32\x04"s + "FFFF");
-}
-
 // A backend that resolves types by schema file name finds them only under
 // their own names, with no folder in front.
 TEST(BackendMessagesTest, SchemasRegisterUnderTheirOwnFileNamesInOnePackage) {
