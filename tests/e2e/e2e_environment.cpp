@@ -1,7 +1,6 @@
 #include "e2e_environment.hpp"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <fstream>
 #include <iostream>
@@ -66,27 +65,17 @@ E2eEnvironment::E2eEnvironment(E2eOptions options)
 }
 
 E2eEnvironment::~E2eEnvironment() {
-    client_.reset();
-    backend_.reset();
-    vehicle_.reset();
     if (::testing::Test::HasFailure()) {
         std::cout << Logs();
     }
 }
 
 void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
-    std::vector<std::string> argv = {FindProgram("kelvane-backend-sim"),
-                                     "run",
-                                     "--port",
-                                     std::to_string(backendPort_),
-                                     "--token",
-                                     kToken,
-                                     "--secret",
-                                     kSecret,
-                                     "--event-log",
-                                     directory_.File("backend-events.jsonl"),
-                                     "--mqtt-port",
-                                     std::to_string(broker_.Port())};
+    std::vector<std::string> argv = {FindProgram("kelvane-backend-sim"), "run", "--port",
+                                     std::to_string(backendPort_)};
+    argv.insert(argv.end(), {"--token", kToken, "--secret", kSecret, "--mqtt-port",
+                             std::to_string(broker_.Port())});
+    argv.insert(argv.end(), {"--event-log", directory_.File("backend-events.jsonl")});
     if (const auto& pki = options_.tlsDirectory; !pki.empty()) {
         argv.insert(argv.end(), {"--tls-cert", pki + "/server.pem", "--tls-key",
                                  pki + "/server.key", "--tls-client-ca", pki + "/ca.pem"});
@@ -98,13 +87,6 @@ void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
         ChildProcess::Options{argv, {}, directory_.File("backend.log")});
     if (!WaitUntil([this] { return testing::AcceptsConnections(backendPort_); }, 10s)) {
         throw std::runtime_error("backend simulator did not come up: " + Logs());
-    }
-}
-
-void E2eEnvironment::StopBackend() {
-    if (backend_) {
-        backend_->Stop();
-        backend_.reset();
     }
 }
 
@@ -120,17 +102,6 @@ void E2eEnvironment::StartVehicle() {
     }
 }
 
-void E2eEnvironment::StopVehicle() {
-    if (vehicle_) {
-        vehicle_->Stop();
-        vehicle_.reset();
-    }
-}
-
-void E2eEnvironment::KillVehicle() {
-    vehicle_.reset();
-}
-
 void E2eEnvironment::StartClient() {
     client_ = std::make_unique<ChildProcess>(
         ChildProcess::Options{{FindProgram("kelvane-client")},
@@ -140,18 +111,6 @@ void E2eEnvironment::StartClient() {
                                {"KELVANE_LOG", "console"},
                                {"KELVANE_LOG_LEVEL", "debug"}},
                               directory_.File("client.log")});
-}
-
-int E2eEnvironment::StopClient(std::chrono::milliseconds grace) {
-    if (!client_) {
-        return -1;
-    }
-    client_->Signal(SIGTERM);
-    return client_->WaitForExit(grace).value_or(-1);
-}
-
-std::optional<int> E2eEnvironment::ClientExit(std::chrono::milliseconds timeout) {
-    return client_ ? client_->WaitForExit(timeout) : std::nullopt;
 }
 
 std::size_t E2eEnvironment::ClientPeakRssKiB() const {

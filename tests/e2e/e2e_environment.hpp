@@ -46,17 +46,20 @@ public:
     ~E2eEnvironment();
 
     void StartBackend(const std::vector<std::string>& faults = {});
-    void StopBackend();
+    void StopBackend() { backend_->Stop(); }
     void StartVehicle();
-    void StopVehicle();
+    void StopVehicle() { vehicle_->Stop(); }
     /// SIGKILL: the simulator gets no chance to tidy up.
-    void KillVehicle();
+    void KillVehicle() { vehicle_.reset(); }
     void StartClient();
-    /// SIGTERM; the client's exit status, or -1 when it did not exit in time.
-    int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5));
+    /// SIGTERM; the client's exit status (137 when it had to be killed after `grace`).
+    int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5)) {
+        return client_->Stop(grace);
+    }
     /// Exit status once the client ended by itself, or nothing.
-    std::optional<int> ClientExit(std::chrono::milliseconds timeout);
-    bool ClientRunning() { return client_ && client_->Running(); }
+    std::optional<int> ClientExit(std::chrono::milliseconds timeout) {
+        return client_->WaitForExit(timeout);
+    }
     /// The most the client ever had resident (VmHWM), in KiB; 0 when unknown.
     std::size_t ClientPeakRssKiB() const;
     testing::MosquittoBroker& Broker() { return broker_; }
@@ -77,15 +80,13 @@ public:
     /// Waits until the client's log holds `text` at least `occurrences` times.
     bool WaitForClientLog(const std::string& text, std::size_t occurrences = 1,
                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
-    /// `kelvane-vehicle-sim status`; null when it fails.
+    /// `kelvane-vehicle-sim status`; an empty object when it fails.
     nlohmann::json VehicleStatus() const;
-    int TrainingCounter() const { return VehicleStatus().at("trainingCounter").get<int>(); }
     std::size_t BackendEventCount(const std::string& text) const;
     std::string VehicleLog() const { return testing::ReadFile(directory_.File("vehicle.log")); }
+private:
     /// Every process's log, for a failing test's output.
     std::string Logs() const;
-
-private:
     /// Runs a command-line tool to completion; its exit status and output.
     std::pair<int, std::string> RunTool(std::vector<std::string> argv) const;
     void Run(std::vector<std::string> argv) const;

@@ -3,10 +3,11 @@
 
 #include <chrono>
 #include <cstddef>
-#include <optional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
 
 namespace kelvane::testing {
@@ -38,7 +39,7 @@ private:
     TemporaryDirectory directory_;
     std::string path_;
     int fd_ = -1;
-    std::optional<std::string> previous_;
+    std::unique_ptr<ScopedEnvironment> environment_;
     std::vector<std::string> messages_;
 };
 
