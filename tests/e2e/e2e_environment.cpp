@@ -59,9 +59,7 @@ E2eEnvironment::E2eEnvironment(E2eOptions options)
     directory_.Write("vi-connector.ini", config);
     directory_.Write("phm.ini", "[supervision]\nkeep_alive_period_ms = 1000\n");
     StartVehicle();
-    if (options_.startBackend) {
-        StartBackend();
-    }
+    StartBackend();
 }
 
 E2eEnvironment::~E2eEnvironment() {

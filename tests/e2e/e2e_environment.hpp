@@ -29,7 +29,6 @@ constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
 
 struct E2eOptions {
-    bool startBackend = true;
     /// Set: HTTPS with client certificates, PKI of MakeTestCertificates here.
     std::string tlsDirectory;
     /// Appended to the broker's configuration (e.g. a TLS listener).
@@ -84,6 +83,7 @@ public:
     nlohmann::json VehicleStatus() const;
     std::size_t BackendEventCount(const std::string& text) const;
     std::string VehicleLog() const { return testing::ReadFile(directory_.File("vehicle.log")); }
+
 private:
     /// Every process's log, for a failing test's output.
     std::string Logs() const;

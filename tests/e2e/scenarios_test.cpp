@@ -43,7 +43,8 @@ bool ReadyAgainAfter(E2eEnvironment& env, Outage outage) {
 // each failure sends its feedback (where it can) and leaves the key store as it
 // was, and the walk ends with an update that a SIGTERM does not cut short.
 TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
-    E2eEnvironment env({/*startBackend=*/false, "", ""});
+    E2eEnvironment env;
+    env.StopBackend();
     const std::string tokenFile = env.WriteFile("backend.token", "e2e-bearer-token\n");
     ::chmod(tokenFile.c_str(), 0600);
     env.ReplaceInConnectorConfig("token = e2e-bearer-token", "token_file = " + tokenFile);
@@ -134,7 +135,7 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
 TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     testing::TemporaryDirectory pki;
     testing::MakeTestCertificates(pki.Path());
-    E2eEnvironment env({true, pki.Path(), ""});
+    E2eEnvironment env({pki.Path(), ""});
     const auto before = env.VehicleStatus();
     env.StartClient();
     ASSERT_TRUE(env.WaitForClientLog(kReady));
@@ -227,10 +228,9 @@ TEST(Scenarios, BrokerCertificateForAnotherNameIsRefusedAndTheRightOneIsAccepted
     };
     serveAs("other-name");
     const auto port = std::to_string(testing::FreeTcpPort());
-    E2eEnvironment env({true, "",
-                        "user root\nlistener " + port + " 127.0.0.1\ncafile " + pki.File("ca.pem") +
-                            "\ncertfile " + pki.File("broker.pem") + "\nkeyfile " +
-                            pki.File("broker.key") + "\n"});
+    E2eEnvironment env({"", "user root\nlistener " + port + " 127.0.0.1\ncafile " +
+                                pki.File("ca.pem") + "\ncertfile " + pki.File("broker.pem") +
+                                "\nkeyfile " + pki.File("broker.key") + "\n"});
     env.ReplaceInConnectorConfig("port = " + std::to_string(env.Broker().Port()) + "\n",
                                  "port = " + port + "\ntls_ca_file = " + pki.File("ca.pem") + "\n");
     env.StartClient();

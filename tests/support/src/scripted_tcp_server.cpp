@@ -51,21 +51,18 @@ std::string ScriptedTcpServer::Url(const std::string& path) const {
 
 std::size_t ScriptedTcpServer::Connections() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return connections_.size();
+    return received_.size();
 }
 
 std::string ScriptedTcpServer::Received(std::size_t index) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return index < connections_.size() ? connections_[index].received : std::string();
+    return index < received_.size() ? received_[index] : std::string();
 }
 
 bool ScriptedTcpServer::WaitForFinished(std::size_t count,
                                         std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
-        return std::count_if(connections_.begin(), connections_.end(),
-                             [](const auto& c) { return c.finished; }) >= static_cast<long>(count);
-    });
+    return changed_.wait_for(lock, timeout, [&] { return finished_ >= count; });
 }
 
 int ScriptedTcpServer::Poll(int fd, short events, int timeoutMs) const {
@@ -82,37 +79,34 @@ void ScriptedTcpServer::Serve() {
         if (fd < 0) {
             continue;
         }
-        std::size_t index = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            index = connections_.size();
-            connections_.emplace_back();
+            received_.emplace_back();
         }
         changed_.notify_all();
-        Play(fd, index);
+        Play(fd);
         char buffer[4096];
         for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
-            Record(index, buffer, static_cast<std::size_t>(count));
+            Record(buffer, static_cast<std::size_t>(count));
         }
         ::close(fd);
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            connections_[index].finished = true;
+            ++finished_;
         }
         changed_.notify_all();
     }
 }
 
-void ScriptedTcpServer::Record(std::size_t index, const char* data, std::size_t size) {
+void ScriptedTcpServer::Record(const char* data, std::size_t size) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        connections_[index].received.append(data, size);
+        received_.back().append(data, size);
     }
     changed_.notify_all();
 }
 
-bool ScriptedTcpServer::Read(int fd, std::size_t index, std::string& pending, std::size_t atLeast,
-                             int timeoutMs) {
+bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs) {
     char buffer[4096];
     while (pending.size() < atLeast) {
         const ssize_t count =
@@ -120,13 +114,13 @@ bool ScriptedTcpServer::Read(int fd, std::size_t index, std::string& pending, st
         if (count <= 0) {
             return false;
         }
-        Record(index, buffer, static_cast<std::size_t>(count));
+        Record(buffer, static_cast<std::size_t>(count));
         pending.append(buffer, static_cast<std::size_t>(count));
     }
     return true;
 }
 
-void ScriptedTcpServer::Play(int fd, std::size_t index) {
+void ScriptedTcpServer::Play(int fd) {
     std::string pending;
     for (const auto& step : script_.steps_) {
         std::size_t consumed = step.count;
@@ -134,7 +128,7 @@ void ScriptedTcpServer::Play(int fd, std::size_t index) {
             case Script::Kind::kReceiveRequest:
             case Script::Kind::kReceiveHeader: {
                 while (pending.find("\r\n\r\n") == std::string::npos) {
-                    if (!Read(fd, index, pending, pending.size() + 1)) {
+                    if (!Read(fd, pending, pending.size() + 1)) {
                         return;
                     }
                 }
@@ -150,13 +144,9 @@ void ScriptedTcpServer::Play(int fd, std::size_t index) {
                 break;
             }
             case Script::Kind::kSend:
-                for (std::size_t sent = 0; sent < step.bytes.size();) {
-                    const ssize_t count = ::send(fd, step.bytes.data() + sent,
-                                                 step.bytes.size() - sent, MSG_NOSIGNAL);
-                    if (count <= 0) {
-                        return;
-                    }
-                    sent += static_cast<std::size_t>(count);
+                if (::send(fd, step.bytes.data(), step.bytes.size(), MSG_NOSIGNAL) !=
+                    static_cast<ssize_t>(step.bytes.size())) {
+                    return;
                 }
                 continue;
             case Script::Kind::kPause:
@@ -165,7 +155,7 @@ void ScriptedTcpServer::Play(int fd, std::size_t index) {
                 }
                 continue;
             case Script::Kind::kKeepOpen:
-                while (Read(fd, index, pending, pending.size() + 1, -1)) {
+                while (Read(fd, pending, pending.size() + 1, -1)) {
                 }
                 return;
             case Script::Kind::kClose:
@@ -173,7 +163,7 @@ void ScriptedTcpServer::Play(int fd, std::size_t index) {
             case Script::Kind::kReceiveBytes:
                 break;
         }
-        if (!Read(fd, index, pending, consumed)) {
+        if (!Read(fd, pending, consumed)) {
             return;
         }
         pending.erase(0, consumed);

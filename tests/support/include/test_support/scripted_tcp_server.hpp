@@ -80,19 +80,14 @@ public:
     bool WaitForFinished(std::size_t count, std::chrono::milliseconds timeout) const;
 
 private:
-    struct Connection {
-        std::string received;
-        bool finished = false;
-    };
-
     void Serve();
-    void Play(int fd, std::size_t index);
+    void Play(int fd);
     /// 1 when `fd` is ready, 0 on time-out, -1 when the destructor wakes it.
     int Poll(int fd, short events, int timeoutMs) const;
     /// Reads (and records) until `pending` holds `atLeast` bytes; false on end, stop or time-out.
-    bool Read(int fd, std::size_t index, std::string& pending, std::size_t atLeast,
-              int timeoutMs = 60000);
-    void Record(std::size_t index, const char* data, std::size_t size);
+    bool Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs = 60000);
+    /// Appends to what the current connection received.
+    void Record(const char* data, std::size_t size);
 
     Script script_;
     Family family_;
@@ -102,7 +97,9 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<Connection> connections_;
+    /// Per connection accepted; they are served one at a time, so all but the last have finished.
+    std::vector<std::string> received_;
+    std::size_t finished_ = 0;
     std::thread thread_;
 };
 
