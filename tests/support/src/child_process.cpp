@@ -29,15 +29,15 @@ ChildProcess::ChildProcess(Options options) {
         throw std::invalid_argument("ChildProcess: no program given");
     }
     // Prepared before fork: the child of a threaded process may only exec.
-    auto environment = options.environment;
+    std::vector<std::string> envStrings;
+    for (const auto& [name, value] : options.environment) {
+        envStrings.push_back(name + "=" + value);
+    }
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text(*entry);
-        const auto equals = text.find('=');
-        environment.emplace(text.substr(0, equals), text.substr(equals + 1));
-    }
-    std::vector<std::string> envStrings;
-    for (const auto& [name, value] : environment) {
-        envStrings.push_back(name + "=" + value);
+        if (options.environment.count(text.substr(0, text.find('='))) == 0) {
+            envStrings.push_back(text);
+        }
     }
     const auto envp = Pointers(envStrings);
     const auto argv = Pointers(options.argv);
@@ -88,10 +88,9 @@ std::optional<int> ChildProcess::WaitForExit(std::chrono::milliseconds timeout) 
 
 int ChildProcess::Stop(std::chrono::milliseconds grace) {
     Signal(SIGTERM);
-    if (auto status = WaitForExit(grace)) {
-        return *status;
+    if (!WaitForExit(grace)) {
+        Signal(SIGKILL);
     }
-    Signal(SIGKILL);
     return WaitForExit(std::chrono::milliseconds(5000)).value_or(-1);
 }
 
