@@ -1,6 +1,5 @@
 #include "test_support/notify_socket.hpp"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -9,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+
+#include "test_support/child_process.hpp"
 
 namespace kelvane::testing {
 
@@ -30,39 +31,27 @@ NotifySocket::~NotifySocket() {
     ::close(fd_);
 }
 
-void NotifySocket::Receive(std::chrono::milliseconds timeout) {
-    pollfd readable{fd_, POLLIN, 0};
+void NotifySocket::Receive() {
     char buffer[4096];
-    ssize_t got = 0;
-    while (::poll(&readable, 1, static_cast<int>(timeout.count())) > 0 &&
-           (got = ::recv(fd_, buffer, sizeof buffer, 0)) >= 0) {
+    for (ssize_t got; (got = ::recv(fd_, buffer, sizeof buffer, 0)) >= 0;) {
         messages_.emplace_back(buffer, static_cast<std::size_t>(got));
-        timeout = std::chrono::milliseconds(0);
     }
 }
 
 std::vector<std::string> NotifySocket::Messages() {
-    Receive(std::chrono::milliseconds(0));
+    Receive();
     return messages_;
 }
 
 std::size_t NotifySocket::Count(const std::string& message) {
-    Receive(std::chrono::milliseconds(0));
+    Receive();
     return static_cast<std::size_t>(std::count(messages_.begin(), messages_.end(), message));
 }
 
 bool NotifySocket::WaitFor(const std::string& message, std::chrono::milliseconds timeout,
                            std::size_t occurrences) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (Count(message) < occurrences) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            return false;
-        }
-        Receive(left);
-    }
-    return true;
+    return WaitUntil([&] { return Count(message) >= occurrences; }, timeout,
+                     std::chrono::milliseconds(2));
 }
 
 }  // namespace kelvane::testing

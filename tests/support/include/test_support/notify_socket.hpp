@@ -33,8 +33,8 @@ public:
                  std::size_t occurrences = 1);
 
 private:
-    /// Reads datagrams that arrive within `timeout` (none: only those pending).
-    void Receive(std::chrono::milliseconds timeout);
+    /// Takes in the datagrams pending now.
+    void Receive();
 
     TemporaryDirectory directory_;
     std::string path_;
