@@ -58,7 +58,6 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
     EXPECT_EQ(env.ClientLogCount(kStarted), 0U);
     env.StartBackend({"download=status:500"});
     ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent));
-    EXPECT_EQ(env.ClientLogCount("Unexpected HTTP response: 500!"), 1U);
     EXPECT_EQ(env.ClientLogCount("Error downloading the container!"), 1U);
 
     // Also the size and time bounds of a challenge answer that never ends.
@@ -74,7 +73,6 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
         ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, feedbacks + 1, 75s));
         EXPECT_EQ(env.ClientLogCount(failure.line), 1U);
     }
-    EXPECT_EQ(env.ClientLogCount("Error downloading the challenge!"), 1U);
     std::cout << "peak RSS after a flooded challenge: " << env.ClientPeakRssKiB() << " KiB\n";
     EXPECT_LT(env.ClientPeakRssKiB(), kRssLimitKiB);
 
