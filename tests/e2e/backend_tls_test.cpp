@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "csc_logging/log_capture.hpp"
-#include "e2e_environment.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
 #include "test_support/scripted_tcp_server.hpp"
@@ -19,230 +16,124 @@ namespace kelvane::e2e {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ChildProcess;
+using csc_logging::LogLevel;
 using testing::TemporaryDirectory;
+using vi_connector::SessionStatus;
 
 constexpr const char* kChallenge = "TTVI-Kelvane-C003.COzelkDlcChallenge";
-constexpr const char* kToken = "tls-test-token";
 
-class SessionStatusLatch : public vi_connector::VISessionCallbackIf {
-public:
-    void VIConnectorStatus(vi_connector::SessionStatus status) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        status_ = status;
-        changed_.notify_all();
+struct SessionLatch : vi_connector::VISessionCallbackIf {
+    void VIConnectorStatus(SessionStatus status) override { reported = static_cast<int>(status); }
+    bool WaitFor(SessionStatus status) {
+        return testing::WaitUntil([&] { return reported == static_cast<int>(status); }, 5s);
     }
-    std::optional<vi_connector::SessionStatus> Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, 5s, [&] { return status_.has_value(); });
-        return status_;
-    }
-    bool WaitForOk() { return Wait() == vi_connector::SessionStatus::kOk; }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::optional<vi_connector::SessionStatus> status_;
+    std::atomic<int> reported{-1};
 };
 
+// The whole update over mutual TLS runs in the e2e scenarios; these are the
+// handshakes and settings that must fail, each with one line naming why.
 class BackendTls : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        pki_ = std::make_unique<TemporaryDirectory>();
-        testing::MakeTestCertificates(pki_->Path());
-    }
-    static void TearDownTestSuite() { pki_.reset(); }
+    static void SetUpTestSuite() { testing::MakeTestCertificates(pki_.Path()); }
 
-    static std::string Pki(const std::string& name) { return pki_->File(name); }
+    TemporaryDirectory dir_;
+    static TemporaryDirectory pki_;
+};
 
-    /// The backend simulator serving HTTPS with certificate `name`.
-    void StartBackend(const std::string& name, bool requireClientCertificate) {
-        port_ = testing::FreeTcpPort();
+TemporaryDirectory BackendTls::pki_;
+
+TEST_F(BackendTls, HandshakeRefusedByEitherSideFailsBeforeAnyRequestNamingTheReason) {
+    const struct {
+        std::string serverCert;  // empty: a peer that resets mid-handshake
+        bool requireClientCert;
+        bool withClientCert;
+        std::string reason;
+    } rows[] = {
+        {"unknown-issuer", false, true, "unknown issuer"},
+        {"other-name", false, true, "name mismatch"},
+        {"expired", false, true, "expired"},
+        {"server", true, false, "handshake refused: the server demands a client certificate"},
+        {"", false, true, "handshake refused"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reason);
+        auto port = testing::FreeTcpPort();
+        const auto events = dir_.File("events-" + std::to_string(port) + ".jsonl");
         std::vector<std::string> argv = {testing::FindProgram("kelvane-backend-sim"),
                                          "run",
                                          "--port",
-                                         std::to_string(port_),
-                                         "--token",
-                                         kToken,
+                                         std::to_string(port),
                                          "--event-log",
-                                         dir_.File("events.jsonl"),
-                                         "--tls-cert",
-                                         Pki(name + ".pem"),
-                                         "--tls-key",
-                                         Pki(name + ".key")};
-        if (requireClientCertificate) {
-            argv.insert(argv.end(), {"--tls-client-ca", Pki("ca.pem")});
+                                         events};
+        argv.insert(argv.end(), {"--tls-cert", pki_.File(row.serverCert + ".pem"), "--tls-key",
+                                 pki_.File(row.serverCert + ".key")});
+        if (row.requireClientCert) {
+            argv.insert(argv.end(), {"--tls-client-ca", pki_.File("ca.pem")});
         }
-        backend_ = std::make_unique<ChildProcess>(
-            ChildProcess::Options{argv, {}, dir_.File("backend.log")});
-        ASSERT_TRUE(testing::WaitUntil([&] { return testing::AcceptsConnections(port_); }, 10s))
-            << testing::ReadFile(dir_.File("backend.log"));
+        std::unique_ptr<testing::ChildProcess> backend;
+        testing::ScriptedTcpServer resetter(testing::ScriptedTcpServer::Script().ReceiveBytes(1));
+        if (row.serverCert.empty()) {
+            port = resetter.Port();
+        } else {
+            backend = std::make_unique<testing::ChildProcess>(
+                testing::ChildProcess::Options{argv, {}, dir_.File("backend.log")});
+            ASSERT_TRUE(testing::WaitUntil([&] { return testing::AcceptsConnections(port); }, 10s));
+        }
+        const std::string client = "cert_file = " + pki_.File("client.pem") +
+                                   "\nkey_file = " + pki_.File("client.key") + "\n";
+        SessionLatch latch;
+        vi_connector::VIConnector sut(
+            &latch, nullptr,
+            dir_.Write("vi.ini", "[backend_tls]\nca_file = " + pki_.File("ca.pem") + "\n" +
+                                     (row.withClientCert ? client : "") + "[transaction " +
+                                     kChallenge + "]\nurl = https://127.0.0.1:" +
+                                     std::to_string(port) + "/c\ntoken = t\n"));
+        sut.Start();
+        ASSERT_TRUE(latch.WaitFor(SessionStatus::kOk));
+        csc_logging::LogCapture log;
+
+        const auto socket = sut.SocketConnect(kChallenge, "127.0.0.1", port);
+
+        EXPECT_NE(socket.status, 0U);
+        EXPECT_EQ(socket.fd, -1);
+        EXPECT_EQ(log.Count(LogLevel::kError, "VIConnector: TLS to 127.0.0.1:" +
+                                                  std::to_string(port) + " failed: " + row.reason),
+                  1U)
+            << log.Dump();
+        EXPECT_EQ(testing::ReadFile(events).find("\"exchange\":\"challenge\""), std::string::npos);
     }
-
-    /// A started connector whose challenge transaction is https:// on `port`.
-    std::unique_ptr<vi_connector::VIConnector> Connector(bool withClientCertificate) {
-        std::string tls = "[backend_tls]\nca_file = " + Pki("ca.pem") + "\n";
-        if (withClientCertificate) {
-            tls += "cert_file = " + Pki("client.pem") + "\nkey_file = " + Pki("client.key") + "\n";
-        }
-        const auto config =
-            dir_.Write("vi.ini", tls + "[transaction " + kChallenge +
-                                     "]\nurl = https://127.0.0.1:" + std::to_string(port_) +
-                                     "/zelk/dlc/challenge\ntoken = " + kToken + "\n");
-        auto connector = std::make_unique<vi_connector::VIConnector>(&latch_, nullptr, config);
-        connector->Start();
-        EXPECT_TRUE(latch_.WaitForOk());
-        return connector;
-    }
-
-    std::string BackendEvents() const { return testing::ReadFile(dir_.File("events.jsonl")); }
-
-    TemporaryDirectory dir_;
-    SessionStatusLatch latch_;
-    std::uint16_t port_ = 0;
-    std::unique_ptr<ChildProcess> backend_;
-    static std::unique_ptr<TemporaryDirectory> pki_;
-};
-
-std::unique_ptr<TemporaryDirectory> BackendTls::pki_;
-
-/// Everything the descriptor yields until end of file (bounded).
-std::string ReadToEnd(int fd) {
-    std::string data;
-    char chunk[4096];
-    for (;;) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, 10000) <= 0) {
-            return data + "<time-out>";
-        }
-        const ssize_t got = ::read(fd, chunk, sizeof(chunk));
-        if (got <= 0) {
-            return data;
-        }
-        data.append(chunk, static_cast<std::size_t>(got));
-    }
-}
-
-TEST_F(BackendTls, MutualTlsCarriesTheClientsPlainBytesAndEndsWithTheServersClose) {
-    StartBackend("server", true);
-    auto sut = Connector(true);
-
-    const auto socket = sut->SocketConnect(kChallenge, "127.0.0.1", port_);
-
-    ASSERT_EQ(socket.status, 0U);
-    ASSERT_GE(socket.fd, 0);
-    const std::string request =
-        std::string("GET /zelk/dlc/challenge HTTP/1.1\r\nHost: 127.0.0.1\r\n") +
-        "Authorization: Bearer " + kToken + "\r\nConnection: close\r\n\r\n";
-    ASSERT_EQ(::write(socket.fd, request.data(), request.size()),
-              static_cast<ssize_t>(request.size()));
-    const std::string response = ReadToEnd(socket.fd);
-    ::close(socket.fd);
-    EXPECT_EQ(response.rfind("HTTP/1.1 ", 0), 0U) << response;
-    EXPECT_EQ(response.find("<time-out>"), std::string::npos) << "no end of file after the answer";
-    EXPECT_NE(BackendEvents().find("\"exchange\":\"challenge\""), std::string::npos);
-}
-
-struct Refusal {
-    const char* name;
-    const char* serverCertificate;
-    bool requireClientCertificate;
-    bool withClientCertificate;
-    const char* reason;
-};
-
-void PrintTo(const Refusal& refusal, std::ostream* out) {
-    *out << refusal.name;
-}
-
-class BackendTlsRefusal : public BackendTls, public ::testing::WithParamInterface<Refusal> {};
-
-TEST_P(BackendTlsRefusal, FailsBeforeAnyRequestWithOneLineNamingHostAndReason) {
-    const auto& refusal = GetParam();
-    StartBackend(refusal.serverCertificate, refusal.requireClientCertificate);
-    auto sut = Connector(refusal.withClientCertificate);
-    csc_logging::LogCapture log;
-
-    const auto socket = sut->SocketConnect(kChallenge, "127.0.0.1", port_);
-
-    EXPECT_NE(socket.status, 0U);
-    EXPECT_EQ(socket.fd, -1);
-    EXPECT_EQ(log.Count(csc_logging::LogLevel::kError,
-                        "VIConnector: TLS to 127.0.0.1:" + std::to_string(port_) +
-                            " failed: " + refusal.reason),
-              1U)
-        << log.Dump();
-    EXPECT_EQ(BackendEvents().find("\"exchange\":\"challenge\""), std::string::npos);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Refusals, BackendTlsRefusal,
-    ::testing::Values(Refusal{"UnknownIssuer", "unknown-issuer", false, true, "unknown issuer"},
-                      Refusal{"NameMismatch", "other-name", false, true, "name mismatch"},
-                      Refusal{"Expired", "expired", false, true, "expired"},
-                      Refusal{"NoClientCertificate", "server", true, false,
-                              "handshake refused: the server demands a client certificate"}),
-    [](const auto& param) { return std::string(param.param.name); });
-
-TEST_F(BackendTls, PeerThatResetsMidHandshakeIsRefusedAndTheConnectorStillWorks) {
-    testing::ScriptedTcpServer resetter(
-        testing::ScriptedTcpServer::Script().ReceiveBytes(1).Close());
-    port_ = resetter.Port();
-    auto sut = Connector(true);
-    csc_logging::LogCapture log;
-
-    const auto refused = sut->SocketConnect(kChallenge, "127.0.0.1", port_);
-
-    EXPECT_NE(refused.status, 0U);
-    EXPECT_EQ(refused.fd, -1);
-    EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "failed: handshake refused"))
-        << log.Dump();
 }
 
 TEST_F(BackendTls, BrokenTlsSettingsRejectTheConfigurationWithOneLineNamingTheProblem) {
     const auto keyLink = dir_.File("key-link");
-    ASSERT_EQ(::symlink(Pki("client.key").c_str(), keyLink.c_str()), 0);
-    const std::string client = "cert_file = " + Pki("client.pem") + "\n";
+    ASSERT_EQ(::symlink(pki_.File("client.key").c_str(), keyLink.c_str()), 0);
+    const std::string client = "cert_file = " + pki_.File("client.pem") + "\n";
     const struct {
         std::string settings;
         std::string problem;
-    } cases[] = {
+    } rows[] = {
         {"colour = blue\n", "unknown key 'colour' in [backend_tls]"},
         {"min_version = 1.1\n", "min_version='1.1' is neither 1.2 nor 1.3"},
         {client, "needs both cert_file and key_file"},
         {"ca_file = " + dir_.File("missing.pem") + "\n", "cannot load the trust anchors"},
         {client + "key_file = " + keyLink + "\n", "it is a symbolic link"},
-        {client + "key_file = " + Pki("server.key") + "\n", "does not match the certificate"},
+        {client + "key_file = " + pki_.File("server.key") + "\n", "does not match the certificate"},
     };
-    for (const auto& broken : cases) {
-        SCOPED_TRACE(broken.settings);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.settings);
         csc_logging::LogCapture log;
-        SessionStatusLatch latch;
-        const auto config = dir_.Write("broken.ini", "[backend_tls]\n" + broken.settings +
-                                                         "[transaction " + kChallenge +
-                                                         "]\nurl = https://127.0.0.1:1/c\n"
-                                                         "token = t\n");
-        vi_connector::VIConnector sut(&latch, nullptr, config);
+        SessionLatch latch;
+        vi_connector::VIConnector sut(
+            &latch, nullptr,
+            dir_.Write("broken.ini", "[backend_tls]\n" + row.settings + "[transaction " +
+                                         kChallenge +
+                                         "]\nurl = https://127.0.0.1:1/c\ntoken = t\n"));
 
         sut.Start();
 
-        EXPECT_EQ(latch.Wait(), vi_connector::SessionStatus::kRejected);
-        EXPECT_EQ(log.Count(csc_logging::LogLevel::kError, broken.problem), 1U) << log.Dump();
+        EXPECT_TRUE(latch.WaitFor(SessionStatus::kRejected));
+        EXPECT_EQ(log.Count(LogLevel::kError, row.problem), 1U) << log.Dump();
     }
-}
-
-TEST_F(BackendTls, RealClientUpdatesOverMutualTls) {
-    E2eEnvironment::Options options;
-    options.tlsDirectory = pki_->Path();
-    E2eEnvironment env(options);
-    env.StartClient();
-    ASSERT_TRUE(env.WaitForClientLog("All subscriptions and connections ready")) << env.Logs();
-
-    env.Ignition(true);
-
-    ASSERT_TRUE(env.WaitForClientLog("Status feedback sent successfully")) << env.Logs();
-    EXPECT_EQ(env.ClientLogCount("DLC Update finished successfully."), 1U) << env.Logs();
-    EXPECT_EQ(env.BackendEventCount("\"exchange\":\"feedback\""), 1U);
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 #include "e2e_environment.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
-#include <sstream>
+#include <fstream>
+#include <iostream>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -34,74 +31,55 @@ std::size_t CountOccurrences(const std::string& haystack, const std::string& nee
 
 }  // namespace
 
-E2eEnvironment::E2eEnvironment() : E2eEnvironment(Options{}) {}
-
-E2eEnvironment::E2eEnvironment(Options options) : E2eEnvironment(std::move(options), "") {}
-
-E2eEnvironment::E2eEnvironment(Options options, const std::string& brokerExtraConfig)
+E2eEnvironment::E2eEnvironment(E2eOptions options)
     : options_(std::move(options))
-    , broker_(brokerExtraConfig)
+    , broker_(options_.brokerConfig)
     , backendPort_(testing::FreeTcpPort())
     , stateDir_(directory_.File("vehicle")) {
-    const auto [status, output] = RunTool(
-        {FindProgram("kelvane-vehicle-sim"), "init", "--state", stateDir_, "--base-cert-days",
-         std::to_string(options_.baseCertificateDays), "--secret", kSecret});
-    if (status != 0) {
-        throw std::runtime_error("kelvane-vehicle-sim init failed: " + output);
-    }
+    // An expiring Base certificate: the first ignition starts an update.
+    Run({FindProgram("kelvane-vehicle-sim"), "init", "--state", stateDir_, "--base-cert-days",
+         "200", "--secret", kSecret});
     const std::string& pki = options_.tlsDirectory;
     const std::string base =
         (pki.empty() ? "http://127.0.0.1:" : "https://127.0.0.1:") + std::to_string(backendPort_);
-    const std::string tls = pki.empty() ? ""
-                                        : "[backend_tls]\nca_file = " + pki +
-                                              "/ca.pem\ncert_file = " + pki +
-                                              "/client.pem\nkey_file = " + pki + "/client.key\n";
-    directory_.Write("vi-connector.ini",
-                     tls + "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
-                         "\nclient_id = kelvane-client-e2e\nkeep_alive = 10\n"
-                         "reconnect_delay_min_ms = 100\nreconnect_delay_max_ms = 1000\n"
-                         "[connection_state]\nmode = probe\nprobe_interval_ms = 200\n"
-                         "probe_timeout_ms = 500\n"
-                         "[transaction TTVI-Kelvane-C003.COzelkDlcChallenge]\nurl = " +
-                         base + "/zelk/dlc/challenge\ntoken = " + kToken +
-                         "\n[transaction TTVI-Kelvane-C003.COzelkDlcDownload]\nurl = " + base +
-                         "/zelk/dlc/download\ntoken = " + kToken +
-                         "\n[transaction TTVI-Kelvane-C003.COzelkDlcStatusFeedback]\nurl = " +
-                         base + "/zelk/dlc/feedback\ntoken = " + kToken + "\n");
-    directory_.Write("phm.ini", "[supervision]\nkeep_alive_period_ms = 1000\n");
-
-    StartVehicle();
-    if (options_.startBackend) {
-        StartBackend(options_.backendFaults);
+    std::string config = pki.empty() ? ""
+                                     : "[backend_tls]\nca_file = " + pki + "/ca.pem\n" +
+                                           "cert_file = " + pki + "/client.pem\n" +
+                                           "key_file = " + pki + "/client.key\n";
+    config += "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
+              "\nclient_id = kelvane-client-e2e\nkeep_alive = 10\n"
+              "reconnect_delay_min_ms = 100\nreconnect_delay_max_ms = 1000\n"
+              "[connection_state]\nmode = probe\nprobe_interval_ms = 200\nprobe_timeout_ms = 500\n";
+    const std::pair<const char*, const char*> exchanges[] = {
+        {"Challenge", "challenge"}, {"Download", "download"}, {"StatusFeedback", "feedback"}};
+    for (const auto& [exchange, path] : exchanges) {
+        config += std::string("[transaction TTVI-Kelvane-C003.COzelkDlc") + exchange +
+                  "]\nurl = " + base + "/zelk/dlc/" + path + "\ntoken = " + kToken + "\n";
     }
+    directory_.Write("vi-connector.ini", config);
+    directory_.Write("phm.ini", "[supervision]\nkeep_alive_period_ms = 1000\n");
+    StartVehicle();
+    StartBackend();
 }
 
 E2eEnvironment::~E2eEnvironment() {
-    client_.reset();
-    backend_.reset();
-    vehicle_.reset();
+    if (::testing::Test::HasFailure()) {
+        std::cout << Logs();
+    }
 }
 
 void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
-    std::vector<std::string> argv = {FindProgram("kelvane-backend-sim"),
-                                     "run",
-                                     "--port",
-                                     std::to_string(backendPort_),
-                                     "--token",
-                                     kToken,
-                                     "--secret",
-                                     kSecret,
-                                     "--event-log",
-                                     directory_.File("backend-events.jsonl"),
-                                     "--mqtt-port",
-                                     std::to_string(broker_.Port())};
+    std::vector<std::string> argv = {FindProgram("kelvane-backend-sim"), "run", "--port",
+                                     std::to_string(backendPort_)};
+    argv.insert(argv.end(), {"--token", kToken, "--secret", kSecret, "--mqtt-port",
+                             std::to_string(broker_.Port())});
+    argv.insert(argv.end(), {"--event-log", directory_.File("backend-events.jsonl")});
     if (const auto& pki = options_.tlsDirectory; !pki.empty()) {
         argv.insert(argv.end(), {"--tls-cert", pki + "/server.pem", "--tls-key",
                                  pki + "/server.key", "--tls-client-ca", pki + "/ca.pem"});
     }
     for (const auto& fault : faults) {
-        argv.push_back("--fault");
-        argv.push_back(fault);
+        argv.insert(argv.end(), {"--fault", fault});
     }
     backend_ = std::make_unique<ChildProcess>(
         ChildProcess::Options{argv, {}, directory_.File("backend.log")});
@@ -110,35 +88,15 @@ void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
     }
 }
 
-void E2eEnvironment::StopBackend() {
-    if (backend_) {
-        backend_->Stop();
-        backend_.reset();
-    }
-}
-
 void E2eEnvironment::StartVehicle() {
     vehicle_ = std::make_unique<ChildProcess>(
         ChildProcess::Options{{FindProgram("kelvane-vehicle-sim"), "run", "--state", stateDir_},
                               {{"KELVANE_LOG", "console"}},
                               directory_.File("vehicle.log")});
-    if (!WaitUntil([this] { return VehicleStatus()["running"] == "true"; }, 10s, 50ms)) {
+    if (!WaitUntil(
+            [this] { return VehicleStatus().dump().find("\"running\":true") != std::string::npos; },
+            10s, 50ms)) {
         throw std::runtime_error("vehicle simulator did not come up: " + Logs());
-    }
-}
-
-void E2eEnvironment::StopVehicle() {
-    if (vehicle_) {
-        vehicle_->Stop();
-        vehicle_.reset();
-    }
-}
-
-void E2eEnvironment::KillVehicle() {
-    if (vehicle_) {
-        vehicle_->Signal(SIGKILL);
-        vehicle_->WaitForExit(5s);
-        vehicle_.reset();
     }
 }
 
@@ -153,25 +111,39 @@ void E2eEnvironment::StartClient() {
                               directory_.File("client.log")});
 }
 
-int E2eEnvironment::StopClient(std::chrono::milliseconds grace) {
-    if (!client_) {
-        return -1;
+std::size_t E2eEnvironment::ClientPeakRssKiB() const {
+    std::ifstream status("/proc/" + std::to_string(client_ ? client_->Pid() : 0) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return std::stoul(line.substr(6));
+        }
     }
-    client_->Signal(SIGTERM);
-    const auto status = client_->WaitForExit(grace);
-    return status.value_or(-1);
+    return 0;
 }
 
-std::optional<int> E2eEnvironment::ClientExit(std::chrono::milliseconds timeout) {
-    return client_ ? client_->WaitForExit(timeout) : std::nullopt;
+void E2eEnvironment::Push() {
+    Run({FindProgram("kelvane-backend-sim"), "push", "--mqtt-port",
+         std::to_string(broker_.Port())});
 }
 
-bool E2eEnvironment::ClientRunning() {
-    return client_ && client_->Running();
+void E2eEnvironment::AddBackendFault(const std::string& definition) {
+    // bash's /dev/tcp: one plain HTTP request to the simulator's admin endpoint.
+    const auto [status, answer] = RunTool(
+        {"/bin/bash", "-c",
+         "exec 3<>/dev/tcp/127.0.0.1/$1 && printf 'POST /admin/fault HTTP/1.1\\r\\nHost: "
+         "127.0.0.1\\r\\nContent-Length: %d\\r\\nConnection: close\\r\\n\\r\\n%s' ${#2} \"$2\" "
+         ">&3 && head -c 12 <&3",
+         "bash", std::to_string(backendPort_), definition});
+    if (status != 0 || answer != "HTTP/1.1 204") {
+        throw std::runtime_error("adding backend fault '" + definition + "' failed: " + answer);
+    }
 }
 
-pid_t E2eEnvironment::ClientPid() const {
-    return client_ ? client_->Pid() : -1;
+void E2eEnvironment::VehicleCommand(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), FindProgram("kelvane-vehicle-sim"));
+    arguments.insert(arguments.end(), {"--state", stateDir_});
+    Run(std::move(arguments));
 }
 
 void E2eEnvironment::ReplaceInConnectorConfig(const std::string& from, const std::string& to) {
@@ -182,86 +154,8 @@ void E2eEnvironment::ReplaceInConnectorConfig(const std::string& from, const std
     directory_.Write("vi-connector.ini", text);
 }
 
-std::string E2eEnvironment::WriteFile(const std::string& name, const std::string& content) const {
-    return directory_.Write(name, content);
-}
-
-void E2eEnvironment::Ignition(bool on) {
-    const auto [status, output] = RunTool(
-        {FindProgram("kelvane-vehicle-sim"), "clamp", on ? "on" : "off", "--state", stateDir_});
-    if (status != 0) {
-        throw std::runtime_error("kelvane-vehicle-sim clamp failed: " + output);
-    }
-}
-
-void E2eEnvironment::Push() {
-    const auto [status, output] = RunTool({FindProgram("kelvane-backend-sim"), "push",
-                                           "--mqtt-port", std::to_string(broker_.Port())});
-    if (status != 0) {
-        throw std::runtime_error("kelvane-backend-sim push failed: " + output);
-    }
-}
-
-void E2eEnvironment::AddBackendFault(const std::string& definition) {
-    const std::string answer = PostToBackend("/admin/fault", definition);
-    if (answer.rfind("HTTP/1.1 204", 0) != 0) {
-        throw std::runtime_error("adding backend fault '" + definition + "' failed: " + answer);
-    }
-}
-
-std::string E2eEnvironment::PostToBackend(const std::string& path, const std::string& body) const {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(backendPort_);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::string answer;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-        const std::string request = "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
-                                    "Content-Length: " + std::to_string(body.size()) +
-                                    "\r\nConnection: close\r\n\r\n" + body;
-        if (::write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
-            timeval timeout{5, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-            char buffer[1024];
-            ssize_t count = 0;
-            while ((count = ::read(fd, buffer, sizeof(buffer))) > 0) {
-                answer.append(buffer, static_cast<std::size_t>(count));
-            }
-        }
-    }
-    ::close(fd);
-    return answer;
-}
-
-void E2eEnvironment::VehicleService(const std::string& action, const std::string& name) {
-    const auto [status, output] = RunTool(
-        {FindProgram("kelvane-vehicle-sim"), "service", action, name, "--state", stateDir_});
-    if (status != 0) {
-        throw std::runtime_error("kelvane-vehicle-sim service " + action + " " + name +
-                                 " failed: " + output);
-    }
-}
-
-void E2eEnvironment::VehicleCommand(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), FindProgram("kelvane-vehicle-sim"));
-    arguments.insert(arguments.end(), {"--state", stateDir_});
-    const auto [status, output] = RunTool(arguments);
-    if (status != 0) {
-        throw std::runtime_error("kelvane-vehicle-sim failed: " + output);
-    }
-}
-
-std::string E2eEnvironment::VehicleLog() const {
-    return ReadFile(directory_.File("vehicle.log"));
-}
-
-std::string E2eEnvironment::ClientLog() const {
-    return ReadFile(directory_.File("client.log"));
-}
-
 std::size_t E2eEnvironment::ClientLogCount(const std::string& text) const {
-    return CountOccurrences(ClientLog(), text);
+    return CountOccurrences(ReadFile(directory_.File("client.log")), text);
 }
 
 bool E2eEnvironment::WaitForClientLog(const std::string& text, std::size_t occurrences,
@@ -269,50 +163,15 @@ bool E2eEnvironment::WaitForClientLog(const std::string& text, std::size_t occur
     return WaitUntil([&] { return ClientLogCount(text) >= occurrences; }, timeout, 20ms);
 }
 
-std::map<std::string, std::string> E2eEnvironment::VehicleStatus() const {
+nlohmann::json E2eEnvironment::VehicleStatus() const {
     const auto [status, output] =
         RunTool({FindProgram("kelvane-vehicle-sim"), "status", "--state", stateDir_});
-    // One flat JSON object: "name":value pairs, strings without escapes.
-    std::map<std::string, std::string> values;
-    if (status != 0) {
-        return values;
-    }
-    std::size_t at = 0;
-    while ((at = output.find('"', at)) != std::string::npos) {
-        const auto nameEnd = output.find('"', at + 1);
-        if (nameEnd == std::string::npos || nameEnd + 1 >= output.size() ||
-            output[nameEnd + 1] != ':') {
-            break;
-        }
-        const std::string name = output.substr(at + 1, nameEnd - at - 1);
-        std::size_t valueStart = nameEnd + 2;
-        std::string value;
-        if (output[valueStart] == '"') {
-            const auto valueEnd = output.find('"', valueStart + 1);
-            value = output.substr(valueStart + 1, valueEnd - valueStart - 1);
-            at = valueEnd + 1;
-        } else {
-            const auto valueEnd = output.find_first_of(",}", valueStart);
-            value = output.substr(valueStart, valueEnd - valueStart);
-            at = valueEnd;
-        }
-        if (value.empty() || value[0] == '[' || value[0] == '{') {
-            at = output.find_first_of(",", at);  // nested values are not needed
-            if (at == std::string::npos) {
-                break;
-            }
-        }
-        values[name] = value;
-    }
-    return values;
-}
-
-std::string E2eEnvironment::BackendEvents() const {
-    return ReadFile(directory_.File("backend-events.jsonl"));
+    const auto json = nlohmann::json::parse(output, nullptr, false);
+    return status == 0 && json.is_object() ? json : nlohmann::json::object();
 }
 
 std::size_t E2eEnvironment::BackendEventCount(const std::string& text) const {
-    return CountOccurrences(BackendEvents(), text);
+    return CountOccurrences(ReadFile(directory_.File("backend-events.jsonl")), text);
 }
 
 std::string E2eEnvironment::Logs() const {
@@ -327,8 +186,14 @@ std::pair<int, std::string> E2eEnvironment::RunTool(std::vector<std::string> arg
     static int counter = 0;
     const std::string output = directory_.File("tool-" + std::to_string(++counter) + ".out");
     ChildProcess tool(ChildProcess::Options{std::move(argv), {}, output});
-    const auto status = tool.WaitForExit(15s);
-    return {status.value_or(-1), ReadFile(output)};
+    return {tool.WaitForExit(15s).value_or(-1), ReadFile(output)};
+}
+
+void E2eEnvironment::Run(std::vector<std::string> argv) const {
+    const auto [status, output] = RunTool(argv);
+    if (status != 0) {
+        throw std::runtime_error(argv[0] + " " + argv[1] + " failed: " + output);
+    }
 }
 
 }  // namespace kelvane::e2e

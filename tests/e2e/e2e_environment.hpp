@@ -3,8 +3,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,77 +16,82 @@
 
 namespace kelvane::e2e {
 
+// The client's own footprint; a sanitizer's shadow memory multiplies it, so
+// there the figure is only printed.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kRssLimitKiB = std::size_t{1} << 40;
+#else
+constexpr std::size_t kRssLimitKiB = 48 * 1024;
+#endif
+
+constexpr const char* kReady = "All subscriptions and connections ready";
+constexpr const char* kUpdated = "DLC Update finished successfully.";
+constexpr const char* kFeedbackSent = "Status feedback sent successfully";
+
+struct E2eOptions {
+    /// Set: HTTPS with client certificates, PKI of MakeTestCertificates here.
+    std::string tlsDirectory;
+    /// Appended to the broker's configuration (e.g. a TLS listener).
+    std::string brokerConfig;
+};
+
 /// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
 /// the backend simulator and the real kelvane-client binary, each with its log
-/// in the environment's directory. Everything is stopped on destruction.
+/// in the environment's directory. Everything is stopped on destruction, and
+/// the logs are printed when the test has failed.
 class E2eEnvironment {
 public:
-    struct Options {
-        int baseCertificateDays = 200;
-        bool startBackend = true;
-        std::vector<std::string> backendFaults;
-        /// Set: HTTPS with client certificates, PKI of MakeTestCertificates here.
-        std::string tlsDirectory;
-    };
-
-    E2eEnvironment();
-    explicit E2eEnvironment(Options options);
-    /// `brokerExtraConfig` is appended to the broker's configuration (e.g. a TLS listener).
-    E2eEnvironment(Options options, const std::string& brokerExtraConfig);
+    explicit E2eEnvironment(E2eOptions options = {});
     ~E2eEnvironment();
 
-    // Processes.
     void StartBackend(const std::vector<std::string>& faults = {});
-    void StopBackend();
+    void StopBackend() { backend_->Stop(); }
     void StartVehicle();
-    void StopVehicle();
+    void StopVehicle() { vehicle_->Stop(); }
+    /// SIGKILL: the simulator gets no chance to tidy up.
+    void KillVehicle() { vehicle_.reset(); }
     void StartClient();
-    /// SIGTERM; the client's exit status, or -1 when it did not exit in time.
-    int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5));
+    /// SIGTERM; the client's exit status (137 when it had to be killed after `grace`).
+    int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5)) {
+        return client_->Stop(grace);
+    }
     /// Exit status once the client ended by itself, or nothing.
-    std::optional<int> ClientExit(std::chrono::milliseconds timeout);
-    bool ClientRunning();
-    /// The client's process id, -1 when it has not been started.
-    pid_t ClientPid() const;
+    std::optional<int> ClientExit(std::chrono::milliseconds timeout) {
+        return client_->WaitForExit(timeout);
+    }
+    /// The most the client ever had resident (VmHWM), in KiB; 0 when unknown.
+    std::size_t ClientPeakRssKiB() const;
     testing::MosquittoBroker& Broker() { return broker_; }
     testing::PrivateDbusDaemon& Bus() { return bus_; }
-    /// SIGKILL: the simulator gets no chance to tidy up.
-    void KillVehicle();
 
-    // What a person would do.
-    void Ignition(bool on);
+    void Ignition(bool on) { VehicleCommand({"clamp", on ? "on" : "off"}); }
     void Push();
     void AddBackendFault(const std::string& definition);
-    void VehicleService(const std::string& action, const std::string& name);
-    /// Edits the client's connector file (before StartClient): every `from` becomes `to`.
-    void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
-    /// Writes a file into the environment's directory; returns its path.
-    std::string WriteFile(const std::string& name, const std::string& content) const;
     /// `kelvane-vehicle-sim <arguments> --state DIR`; throws when it fails.
     void VehicleCommand(std::vector<std::string> arguments);
+    /// Edits the client's connector file (before StartClient): every `from` becomes `to`.
+    void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
+    std::string WriteFile(const std::string& name, const std::string& content) const {
+        return directory_.Write(name, content);
+    }
 
-    // What a person would look at.
-    std::string ClientLog() const;
     std::size_t ClientLogCount(const std::string& text) const;
     /// Waits until the client's log holds `text` at least `occurrences` times.
     bool WaitForClientLog(const std::string& text, std::size_t occurrences = 1,
                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
-    /// `kelvane-vehicle-sim status` as key/value pairs.
-    std::map<std::string, std::string> VehicleStatus() const;
-    std::string BackendEvents() const;
-    std::string VehicleLog() const;
+    /// `kelvane-vehicle-sim status`; an empty object when it fails.
+    nlohmann::json VehicleStatus() const;
     std::size_t BackendEventCount(const std::string& text) const;
-    /// Every process's log, for a failing test's output.
-    std::string Logs() const;
-    const std::string& StateDirectory() const { return stateDir_; }
+    std::string VehicleLog() const { return testing::ReadFile(directory_.File("vehicle.log")); }
 
 private:
-    /// The raw answer of an HTTP POST to the backend simulator.
-    std::string PostToBackend(const std::string& path, const std::string& body) const;
+    /// Every process's log, for a failing test's output.
+    std::string Logs() const;
     /// Runs a command-line tool to completion; its exit status and output.
     std::pair<int, std::string> RunTool(std::vector<std::string> argv) const;
+    void Run(std::vector<std::string> argv) const;
 
-    Options options_;
+    E2eOptions options_;
     testing::TemporaryDirectory directory_;
     testing::PrivateDbusDaemon bus_;
     testing::MosquittoBroker broker_;

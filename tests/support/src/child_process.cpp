@@ -7,21 +7,19 @@
 
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 
 extern char** environ;
 
 namespace kelvane::testing {
 namespace {
 
-int DecodeStatus(int status) {
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (auto& text : strings) {
+        pointers.push_back(text.data());
     }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return -1;
+    pointers.push_back(nullptr);
+    return pointers;
 }
 
 }  // namespace
@@ -30,44 +28,31 @@ ChildProcess::ChildProcess(Options options) {
     if (options.argv.empty()) {
         throw std::invalid_argument("ChildProcess: no program given");
     }
-    std::map<std::string, std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text(*entry);
-        const auto equals = text.find('=');
-        if (equals != std::string::npos) {
-            environment[text.substr(0, equals)] = text.substr(equals + 1);
-        }
-    }
-    for (const auto& [name, value] : options.environment) {
-        environment[name] = value;
-    }
+    // Prepared before fork: the child of a threaded process may only exec.
     std::vector<std::string> envStrings;
-    for (const auto& [name, value] : environment) {
+    for (const auto& [name, value] : options.environment) {
         envStrings.push_back(name + "=" + value);
     }
-    std::vector<char*> envp;
-    for (auto& text : envStrings) {
-        envp.push_back(text.data());
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text(*entry);
+        if (options.environment.count(text.substr(0, text.find('='))) == 0) {
+            envStrings.push_back(text);
+        }
     }
-    envp.push_back(nullptr);
-    std::vector<char*> argv;
-    for (auto& arg : options.argv) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-
+    const auto envp = Pointers(envStrings);
+    const auto argv = Pointers(options.argv);
     pid_ = ::fork();
     if (pid_ < 0) {
         throw std::runtime_error("ChildProcess: fork failed");
     }
     if (pid_ == 0) {
-        if (!options.outputFile.empty()) {
-            const int fd = ::open(options.outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (fd >= 0) {
-                ::dup2(fd, STDOUT_FILENO);
-                ::dup2(fd, STDERR_FILENO);
-                ::close(fd);
-            }
+        const int fd = options.outputFile.empty()
+                           ? -1
+                           : ::open(options.outputFile.c_str(),
+                                    O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            ::dup2(fd, STDOUT_FILENO);
+            ::dup2(fd, STDERR_FILENO);
         }
         ::setpgid(0, 0);
         ::execvpe(argv[0], argv.data(), envp.data());
@@ -78,22 +63,16 @@ ChildProcess::ChildProcess(Options options) {
 ChildProcess::~ChildProcess() {
     if (pid_ > 0 && !exitStatus_) {
         ::kill(pid_, SIGKILL);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
+        ::waitpid(pid_, nullptr, 0);
     }
 }
 
 bool ChildProcess::Running() {
-    if (exitStatus_) {
-        return false;
-    }
     int status = 0;
-    const pid_t result = ::waitpid(pid_, &status, WNOHANG);
-    if (result == pid_) {
-        exitStatus_ = DecodeStatus(status);
-        return false;
+    if (!exitStatus_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+        exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     }
-    return true;
+    return !exitStatus_;
 }
 
 void ChildProcess::Signal(int signal) const {
@@ -109,24 +88,19 @@ std::optional<int> ChildProcess::WaitForExit(std::chrono::milliseconds timeout) 
 
 int ChildProcess::Stop(std::chrono::milliseconds grace) {
     Signal(SIGTERM);
-    if (auto status = WaitForExit(grace)) {
-        return *status;
+    if (!WaitForExit(grace)) {
+        Signal(SIGKILL);
     }
-    Signal(SIGKILL);
     return WaitForExit(std::chrono::milliseconds(5000)).value_or(-1);
 }
 
 std::string FindProgram(const std::string& name) {
     const char* buildDir = std::getenv("KELVANE_BUILD_DIR");
-    if (buildDir == nullptr) {
-        buildDir = KELVANE_BUILD_DIR;
-    }
-    {
-        for (const char* sub : {"/app/", "/sim/backend/", "/sim/vehicle/", "/"}) {
-            const std::string candidate = std::string(buildDir) + sub + name;
-            if (::access(candidate.c_str(), X_OK) == 0) {
-                return candidate;
-            }
+    for (const char* sub : {"/app/", "/sim/backend/", "/sim/vehicle/", "/"}) {
+        const std::string candidate =
+            std::string(buildDir ? buildDir : KELVANE_BUILD_DIR) + sub + name;
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
         }
     }
     return name;

@@ -5,20 +5,15 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace kelvane::testing {
 
 TemporaryDirectory::TemporaryDirectory() {
     const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kelvane-test-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (::mkdtemp(buffer.data()) == nullptr) {
-        throw std::runtime_error("TemporaryDirectory: mkdtemp failed for " + pattern);
+    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kelvane-test-XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr) {
+        throw std::runtime_error("TemporaryDirectory: mkdtemp failed for " + path_);
     }
-    path_ = buffer.data();
 }
 
 TemporaryDirectory::~TemporaryDirectory() {
@@ -29,17 +24,15 @@ TemporaryDirectory::~TemporaryDirectory() {
 std::string TemporaryDirectory::Write(const std::string& name, const std::string& content) const {
     const std::string path = File(name);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    if (!out) {
+    if (!(out << content)) {
         throw std::runtime_error("TemporaryDirectory: cannot write " + path);
     }
     return path;
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 

@@ -46,8 +46,7 @@ template <typename Condition>
 bool WaitUntil(Condition condition, std::chrono::milliseconds timeout,
                std::chrono::milliseconds interval = std::chrono::milliseconds(10));
 
-/// Looks a built program up in the build tree (KELVANE_BUILD_DIR overrides
-/// where that is), else leaves it to PATH.
+/// A built program in the build tree (KELVANE_BUILD_DIR overrides where), else left to PATH.
 std::string FindProgram(const std::string& name);
 
 }  // namespace kelvane::testing

@@ -16,21 +16,20 @@ namespace kelvane::testing {
 class MosquittoBroker {
 public:
     explicit MosquittoBroker(std::string extraConfig = "");
-    ~MosquittoBroker();
 
     std::uint16_t Port() const { return port_; }
-    const TemporaryDirectory& Directory() const { return directory_; }
 
     void Start();
-    void Stop();
+    void Stop() { process_.reset(); }
     /// Stops and starts again on the same port.
-    void Restart();
-    std::string Log() const;
+    void Restart() {
+        Stop();
+        Start();
+    }
 
 private:
     TemporaryDirectory directory_;
     std::uint16_t port_;
-    std::string configPath_;
     std::unique_ptr<ChildProcess> process_;
 };
 

@@ -3,10 +3,11 @@
 
 #include <chrono>
 #include <cstddef>
-#include <optional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
 
 namespace kelvane::testing {
@@ -32,13 +33,13 @@ public:
                  std::size_t occurrences = 1);
 
 private:
-    /// Reads datagrams that arrive within `timeout` (none: only those pending).
-    void Receive(std::chrono::milliseconds timeout);
+    /// Takes in the datagrams pending now.
+    void Receive();
 
     TemporaryDirectory directory_;
     std::string path_;
     int fd_ = -1;
-    std::optional<std::string> previous_;
+    std::unique_ptr<ScopedEnvironment> environment_;
     std::vector<std::string> messages_;
 };
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "test_support/child_process.hpp"
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
 
 namespace kelvane::testing {
@@ -15,20 +16,19 @@ namespace kelvane::testing {
 class PrivateDbusDaemon {
 public:
     PrivateDbusDaemon();
-    ~PrivateDbusDaemon();
 
     /// "unix:path=..."
     const std::string& Address() const { return address_; }
 
     /// The bus goes away (every connection is lost) ...
-    void Stop();
+    void Stop() { daemon_.reset(); }
     /// ... and comes back on the same address.
     void Start();
 
 private:
     TemporaryDirectory directory_;
     std::string address_;
-    std::string config_;
+    ScopedEnvironment environment_;
     std::unique_ptr<ChildProcess> daemon_;
 };
 

@@ -13,37 +13,29 @@
 namespace kelvane::testing {
 
 /// A TCP peer on loopback that plays the same script on every connection it
-/// accepts (one connection at a time, in order) and records what it received:
-///
-///     ScriptedTcpServer server(ScriptedTcpServer::Script()
-///                                  .ReceiveRequest()
-///                                  .Send("HTTP/1.1 200 OK\r\n\r\nabc")
-///                                  .Close());
-///     ... connect to server.Host():server.Port() ...
-///     EXPECT_EQ(server.Received(0), "GET / HTTP/1.1\r\n...");
-///
+/// accepts (one at a time, in order) and records what it received, e.g.
+/// Script().ReceiveRequest().Send("HTTP/1.1 200 OK\r\n\r\nabc").Close().
 /// Every wait inside is bounded and the destructor stops at once, also in
 /// the middle of a pause or a held connection.
 class ScriptedTcpServer {
 public:
     class Script {
     public:
-        /// Reads one HTTP request: up to the blank line that ends its header,
-        /// then as many body bytes as its Content-Length says.
-        Script& ReceiveRequest();
-        /// Reads up to and including the blank line that ends a request
-        /// header (a client that expects "100 Continue" sends no more).
-        Script& ReceiveHeader();
-        /// Reads exactly `count` bytes.
-        Script& ReceiveBytes(std::size_t count);
-        Script& Send(std::string bytes);
-        Script& Pause(std::chrono::milliseconds duration);
+        /// One HTTP request: its header, then as many body bytes as its Content-Length says.
+        Script& ReceiveRequest() { return Add(Kind::kReceiveRequest); }
+        /// A request header only (a client that expects "100 Continue" sends no more).
+        Script& ReceiveHeader() { return Add(Kind::kReceiveHeader); }
+        Script& ReceiveBytes(std::size_t count) { return Add(Kind::kReceiveBytes, {}, count); }
+        Script& Send(std::string bytes) { return Add(Kind::kSend, std::move(bytes)); }
+        Script& Pause(std::chrono::milliseconds duration) {
+            return Add(Kind::kPause, {}, static_cast<std::size_t>(duration.count()));
+        }
         /// Closes the connection (also what happens at the end of a script),
         /// after recording whatever has arrived unread.
-        Script& Close();
+        Script& Close() { return Add(Kind::kClose); }
         /// Keeps the connection open, recording anything more it receives,
         /// until the peer closes it or the server is destroyed.
-        Script& KeepOpen();
+        Script& KeepOpen() { return Add(Kind::kKeepOpen); }
 
     private:
         friend class ScriptedTcpServer;
@@ -59,9 +51,12 @@ public:
         struct Step {
             Kind kind;
             std::string bytes;
-            std::size_t count = 0;
-            std::chrono::milliseconds duration{0};
+            std::size_t count;
         };
+        Script& Add(Kind kind, std::string bytes = {}, std::size_t count = 0) {
+            steps_.push_back({kind, std::move(bytes), count});
+            return *this;
+        }
         std::vector<Step> steps_;
     };
 
@@ -73,37 +68,26 @@ public:
     ScriptedTcpServer(const ScriptedTcpServer&) = delete;
     ScriptedTcpServer& operator=(const ScriptedTcpServer&) = delete;
 
-    /// "127.0.0.1" or "::1".
-    std::string Host() const;
     std::uint16_t Port() const { return port_; }
-    /// "http://127.0.0.1:<port>" + path.
+    /// "http://127.0.0.1:<port>" (or "http://[::1]:<port>") + path.
     std::string Url(const std::string& path = "/") const;
 
     /// Connections accepted so far.
     std::size_t Connections() const;
-    /// Connections whose script has run to its end (closed by either side).
-    std::size_t Finished() const;
     /// Bytes received on connection `index` (0 = first), empty if there is none.
     std::string Received(std::size_t index) const;
-    /// Waits until `count` connections have finished; false on time-out.
+    /// Waits until the scripts of `count` connections have run to their end; false on time-out.
     bool WaitForFinished(std::size_t count, std::chrono::milliseconds timeout) const;
 
 private:
-    struct Connection {
-        std::string received;
-        bool finished = false;
-    };
-
     void Serve();
-    void Play(int fd, std::size_t index);
-    /// Waits until `fd` is readable (or writable); false when stopping or on time-out.
-    bool WaitFor(int fd, short events, int timeoutMs) const;
-    /// False when woken by the destructor.
-    bool Sleep(std::chrono::milliseconds duration) const;
-    bool Read(int fd, std::size_t index, std::string& pending, std::size_t atLeast);
-    /// Records what already arrived and was not read by the script.
-    void Drain(int fd, std::size_t index);
-    void Record(std::size_t index, const char* data, std::size_t size);
+    void Play(int fd);
+    /// 1 when `fd` is ready, 0 on time-out, -1 when the destructor wakes it.
+    int Poll(int fd, short events, int timeoutMs) const;
+    /// Reads (and records) until `pending` holds `atLeast` bytes; false on end, stop or time-out.
+    bool Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs = 60000);
+    /// Appends to what the current connection received.
+    void Record(const char* data, std::size_t size);
 
     Script script_;
     Family family_;
@@ -113,7 +97,9 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<Connection> connections_;
+    /// Per connection accepted; they are served one at a time, so all but the last have finished.
+    std::vector<std::string> received_;
+    std::size_t finished_ = 0;
     std::thread thread_;
 };
 
