@@ -8,10 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <ctime>
 #include <deque>
 #include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "app/transaction_types.hpp"
+#include "app/x509_validator.hpp"
 #include "csc_logging/log_capture.hpp"
 #include "process_lifecycle_adapter/process_lifecycle_adapter.hpp"
 
@@ -22,13 +27,7 @@ using namespace std::chrono_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
 using qervo::tee::ClientError;
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Invoke;
-using ::testing::NiceMock;
-using ::testing::Return;
-using ::testing::SaveArg;
-using ::testing::SetArgReferee;
+using namespace ::testing;
 using TimePoint = std::chrono::system_clock::time_point;
 using Bytes = std::vector<std::uint8_t>;
 using Step = std::function<void()>;
@@ -152,15 +151,16 @@ auto Gives(T value) {
     return DoAll(SetArgReferee<N>(value), Return(ClientError{}));
 }
 
-std::string MakeCertificate(TimePoint notAfter) {
+// A self-signed certificate made by the test itself, valid until `notAfter`.
+std::string MakeCertificate(const Botan::X509_Time& notAfter, bool pem = false) {
     static Botan::AutoSeeded_RNG rng;
     static const Botan::ECDSA_PrivateKey key(rng, Botan::EC_Group("secp256r1"));
     Botan::X509_Cert_Options options("Base certificate/DE/Kelvane/Test");
-    options.start = Botan::X509_Time(kStart - 24h);
-    options.end = Botan::X509_Time(notAfter);
-    const auto der =
-        Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng).BER_encode();
-    return std::string(der.begin(), der.end());
+    options.start = Botan::X509_Time(kStart - 400 * 24h);
+    options.end = notAfter;
+    const auto certificate = Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng);
+    const auto der = certificate.BER_encode();
+    return pem ? certificate.PEM_encode() : std::string(der.begin(), der.end());
 }
 
 // The fixture is the client's factory: it hands out its fakes, and the real
@@ -210,7 +210,7 @@ protected:
         backend = std::make_shared<NiceMock<MockBackendConnection>>();
         clamp = std::make_shared<NiceMock<MockClampControlHandler>>();
         ON_CALL(*tee, zelk_get_certificate(_, _))
-            .WillByDefault(Gives<1>(MakeCertificate(kStart + 100 * 24h)));
+            .WillByDefault(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 100 * 24h))));
         ON_CALL(*tee, ecu_get_diagnostic_id(_)).WillByDefault(Gives<0>(std::string("DIAG-1")));
         ON_CALL(*tee, ecu_get_part_number(_)).WillByDefault(Gives<0>(std::string("V04007000TB")));
         ON_CALL(*tee, ecu_get_tesmo_id_string(_)).WillByDefault(Gives<0>(std::string("TESMO-ID")));
@@ -401,9 +401,9 @@ TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUns
 TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsAnUpdate) {
     EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(1);
     EXPECT_CALL(*tee, zelk_get_certificate("BASE", _))
-        .WillOnce(Gives<1>(MakeCertificate(kStart + 400 * 24h)))
+        .WillOnce(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 400 * 24h))))
         .WillOnce(Return(ClientError::CLIENT_ERROR_NOT_READY))
-        .WillOnce(Gives<1>(MakeCertificate(kStart + 364 * 24h)));
+        .WillOnce(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 364 * 24h))));
     const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
 
     Run({[&] { sut->ClampStateChangeCb("Clamp15", false); }, clampOn, clampOn, clampOn});
@@ -461,7 +461,9 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
 
     sut->MQTTSubscribeFailedCb();  // due at start + 60 s
     EXPECT_EQ(sut->CalculateTimeout(), 61);
-    clock->now += 59600ms;
+    clock->now -= 200'000s;  // due far ahead: capped
+    EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
+    clock->now += 200'000s + 59600ms;
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     clock->now += 5400ms;
     EXPECT_FALSE(log.Contains("MQTT Resubscribe has negative timeout."));
@@ -473,18 +475,6 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     sut->ClampControlConnectionStateChangeCb(true);  // retry time never set: long past
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "Clamp Control Subscribe has negative timeout."));
-}
-
-TEST_F(KelvaneClientTest, TimeoutIsTheEarlierOfMqttAndClampRetryAndALargeOneIsCapped) {
-    EXPECT_CALL(*clamp, Subscribe()).WillRepeatedly(Return(false));
-
-    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); },  // retry in 10 s
-         [&] { sut->MQTTSubscribeFailedCb(); },                    // due in 60 s
-         [&] {
-             EXPECT_EQ(sut->CalculateTimeout(), 11);
-             clock->now -= 200'000s;  // both far ahead now; the MQTT part is capped
-             EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
-         }});
 }
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
@@ -595,6 +585,66 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
         }
         ::testing::Mock::VerifyAndClearExpectations(backend.get());
         ::testing::Mock::VerifyAndClearExpectations(tee.get());
+    }
+}
+
+std::string CTime(std::time_t seconds) {
+    char text[64] = {};
+    return ::ctime_r(&seconds, text);
+}
+
+TEST(X509ValidatorTest, UpdateIsNeededExactlyWhenLessThan365DaysAreLeft) {
+    // Name, life left, PEM rather than DER, no update needed.
+    const std::tuple<const char*, std::chrono::seconds, bool, bool> rows[] = {
+        {"expired", -24h, false, false},
+        {"364 days", 364 * 24h, true, false},
+        {"one second short of a year", 31'535'999s, false, false},
+        {"exactly 31536000 seconds", 31'536'000s, true, true},
+        {"366 days", 366 * 24h, false, true}};
+    for (const auto& [name, lifeLeft, pem, valid] : rows) {
+        SCOPED_TRACE(name);
+        const std::string certificate = MakeCertificate(Botan::X509_Time(kStart + lifeLeft), pem);
+        LogCapture log;
+
+        EXPECT_EQ(x509_validator::IsCertificateValid(certificate, kStart), valid);
+
+        EXPECT_EQ(
+            log.Texts(),
+            (std::vector<std::string>{
+                "Current system time is " + CTime(std::chrono::system_clock::to_time_t(kStart)),
+                "The Base Certificate expires at " +
+                    CTime(std::chrono::system_clock::to_time_t(kStart + lifeLeft)),
+                valid ? "Certificate is valid for more than one year, no DLC Update needed"
+                      : "The Base Certificate expires in less than one year. Starting the "
+                        "DLC Update"}));
+    }
+}
+
+TEST(X509ValidatorTest, ExpiryBeyondTheSystemClocksRangeIsShownInCTimeFormat) {
+    // A nanosecond system-clock time point ends in April 2262.
+    for (const auto& [notAfter, seconds] : {std::pair{"22620412000000Z", 9'223'372'800L},
+                                            std::pair{"30000101000000Z", 32'503'680'000L}}) {
+        LogCapture log;
+
+        EXPECT_TRUE(x509_validator::IsCertificateValid(
+            MakeCertificate(Botan::X509_Time(notAfter, Botan::GENERALIZED_TIME)), kStart));
+
+        EXPECT_TRUE(log.Contains("The Base Certificate expires at " + CTime(seconds)))
+            << log.Dump();
+    }
+}
+
+TEST(X509ValidatorTest, UnreadableCertificatesNeedAnUpdateAndLogNothing) {
+    const std::string der = MakeCertificate(Botan::X509_Time(kStart + 800 * 24h));
+    for (const std::string& broken :
+         {std::string(), std::string("garbage, not a certificate"), der.substr(0, der.size() / 2),
+          std::string("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")}) {
+        LogCapture log;
+
+        EXPECT_FALSE(x509_validator::IsCertificateValid(broken, kStart))
+            << "input of " << broken.size() << " bytes";
+
+        EXPECT_TRUE(log.Texts().empty()) << log.Dump();
     }
 }
 
