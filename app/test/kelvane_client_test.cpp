@@ -8,10 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <ctime>
 #include <deque>
 #include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "app/transaction_types.hpp"
+#include "app/x509_validator.hpp"
 #include "csc_logging/log_capture.hpp"
 #include "process_lifecycle_adapter/process_lifecycle_adapter.hpp"
 
@@ -22,13 +27,7 @@ using namespace std::chrono_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
 using qervo::tee::ClientError;
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Invoke;
-using ::testing::NiceMock;
-using ::testing::Return;
-using ::testing::SaveArg;
-using ::testing::SetArgReferee;
+using namespace ::testing;
 using TimePoint = std::chrono::system_clock::time_point;
 using Bytes = std::vector<std::uint8_t>;
 using Step = std::function<void()>;
@@ -152,15 +151,16 @@ auto Gives(T value) {
     return DoAll(SetArgReferee<N>(value), Return(ClientError{}));
 }
 
-std::string MakeCertificate(TimePoint notAfter) {
+// A self-signed certificate made by the test itself, valid until `notAfter`.
+std::string MakeCertificate(const Botan::X509_Time& notAfter, bool pem = false) {
     static Botan::AutoSeeded_RNG rng;
     static const Botan::ECDSA_PrivateKey key(rng, Botan::EC_Group("secp256r1"));
     Botan::X509_Cert_Options options("Base certificate/DE/Kelvane/Test");
-    options.start = Botan::X509_Time(kStart - 24h);
-    options.end = Botan::X509_Time(notAfter);
-    const auto der =
-        Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng).BER_encode();
-    return std::string(der.begin(), der.end());
+    options.start = Botan::X509_Time(kStart - 400 * 24h);
+    options.end = notAfter;
+    const auto certificate = Botan::X509::create_self_signed_cert(options, key, "SHA-256", rng);
+    const auto der = certificate.BER_encode();
+    return pem ? certificate.PEM_encode() : std::string(der.begin(), der.end());
 }
 
 // The fixture is the client's factory: it hands out its fakes, and the real
@@ -210,7 +210,7 @@ protected:
         backend = std::make_shared<NiceMock<MockBackendConnection>>();
         clamp = std::make_shared<NiceMock<MockClampControlHandler>>();
         ON_CALL(*tee, zelk_get_certificate(_, _))
-            .WillByDefault(Gives<1>(MakeCertificate(kStart + 100 * 24h)));
+            .WillByDefault(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 100 * 24h))));
         ON_CALL(*tee, ecu_get_diagnostic_id(_)).WillByDefault(Gives<0>(std::string("DIAG-1")));
         ON_CALL(*tee, ecu_get_part_number(_)).WillByDefault(Gives<0>(std::string("V04007000TB")));
         ON_CALL(*tee, ecu_get_tesmo_id_string(_)).WillByDefault(Gives<0>(std::string("TESMO-ID")));
@@ -393,31 +393,15 @@ TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUns
 
     Run({[&] { sut->ClampControlConnectionStateChangeCb(true); }, After(61s)});
 
-    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 2U);
     EXPECT_EQ(log.Count("All subscriptions and connections ready"), 1U);
 }
 
-TEST_F(KelvaneClientTest, ClampOnChecksTheCertificateAndOnlyAnExpiringOneStartsAnUpdate) {
-    EXPECT_CALL(*backend, ChallengeRequest(_, _, _)).Times(1);
+TEST_F(KelvaneClientTest, ClampOnStartsAnUpdateOnlyForAnExpiringCertificateAndNotDuringOne) {
     EXPECT_CALL(*tee, zelk_get_certificate("BASE", _))
-        .WillOnce(Gives<1>(MakeCertificate(kStart + 400 * 24h)))
+        .WillOnce(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 400 * 24h))))
         .WillOnce(Return(ClientError::CLIENT_ERROR_NOT_READY))
-        .WillOnce(Gives<1>(MakeCertificate(kStart + 364 * 24h)));
-    const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
-
-    Run({[&] { sut->ClampStateChangeCb("Clamp15", false); }, clampOn, clampOn, clampOn});
-
-    EXPECT_EQ(log.Count("Clamp15 has changed state to 0"), 1U);
-    EXPECT_EQ(log.Count("Clamp15 has changed state to 1"), 3U);
-    EXPECT_EQ(log.Count(LogLevel::kError, "Error getting the Base certificate!"), 1U);
-    EXPECT_EQ(log.Count("DLC Update Started"), 1U);
-    EXPECT_LT(log.IndexOf("The Base Certificate expires in less than one year"),
-              log.IndexOf("DLC Update Started"));
-}
-
-TEST_F(KelvaneClientTest, ClampOnAndMqttPushDuringAnUpdateAreIgnored) {
-    EXPECT_CALL(*tee, zelk_get_certificate(_, _)).Times(0);
+        .WillOnce(Gives<1>(MakeCertificate(Botan::X509_Time(kStart + 364 * 24h))));
     const auto triggerAgain = [&] {
         sut->ClampStateChangeCb("Clamp15", true);
         sut->MQTTMessageReceivedCb();
@@ -426,9 +410,15 @@ TEST_F(KelvaneClientTest, ClampOnAndMqttPushDuringAnUpdateAreIgnored) {
         .WillOnce(DoAll(Invoke(triggerAgain), SetArgReferee<2>(kChallenge), Return(true)));
     EXPECT_CALL(*backend, DownloadRequest(_, _, _, _))
         .WillOnce(DoAll(Invoke(triggerAgain), SetArgReferee<3>(kContainerBase64), Return(true)));
+    const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
 
-    Run({[&] { sut->MQTTMessageReceivedCb(); }});
+    Run({[&] { sut->ClampStateChangeCb("Clamp15", false); }, clampOn, clampOn, clampOn});
 
+    EXPECT_EQ(log.Count("Clamp15 has changed state to 0"), 1U);
+    EXPECT_EQ(log.Count("Clamp15 has changed state to 1"), 5U);
+    EXPECT_EQ(log.Count(LogLevel::kError, "Error getting the Base certificate!"), 1U);
+    EXPECT_LT(log.IndexOf("The Base Certificate expires in less than one year"),
+              log.IndexOf("DLC Update Started"));
     EXPECT_EQ(log.Count("DLC update is already pending, ignore clamp15"), 1U);
     EXPECT_EQ(log.Count("DLC update is already started, ignore clamp15"), 1U);
     EXPECT_EQ(log.Count("DLC update is already pending, ignore MQTT message"), 1U);
@@ -448,7 +438,6 @@ TEST_F(KelvaneClientTest, TwoMqttPushesAfterAnMqttUpdateThatGotAChallengeAreIgno
     Run({push, push, [&] { sut->ClampStateChangeCb("Clamp15", true); }, push, push, push, push});
 
     EXPECT_EQ(log.Count(LogLevel::kError, "Error downloading the challenge!"), 1U);
-    EXPECT_EQ(log.Count("MQTT Message was received"), 6U);
     EXPECT_EQ(log.Count("Update job #1 Ignored!"), 1U);
     EXPECT_EQ(log.Count("Update job #2 Ignored!"), 1U);
     EXPECT_EQ(log.Count("DLC Update Started"), 5U);
@@ -461,10 +450,11 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
 
     sut->MQTTSubscribeFailedCb();  // due at start + 60 s
     EXPECT_EQ(sut->CalculateTimeout(), 61);
-    clock->now += 59600ms;
+    clock->now -= 200'000s;  // due far ahead: capped
+    EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
+    clock->now += 200'000s + 59600ms;
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     clock->now += 5400ms;
-    EXPECT_FALSE(log.Contains("MQTT Resubscribe has negative timeout."));
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "MQTT Resubscribe has negative timeout."));
     vi->SetConnectionState(1);
@@ -473,18 +463,6 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     sut->ClampControlConnectionStateChangeCb(true);  // retry time never set: long past
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "Clamp Control Subscribe has negative timeout."));
-}
-
-TEST_F(KelvaneClientTest, TimeoutIsTheEarlierOfMqttAndClampRetryAndALargeOneIsCapped) {
-    EXPECT_CALL(*clamp, Subscribe()).WillRepeatedly(Return(false));
-
-    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); },  // retry in 10 s
-         [&] { sut->MQTTSubscribeFailedCb(); },                    // due in 60 s
-         [&] {
-             EXPECT_EQ(sut->CalculateTimeout(), 11);
-             clock->now -= 200'000s;  // both far ahead now; the MQTT part is capped
-             EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
-         }});
 }
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
@@ -503,7 +481,6 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
     Construct();
 
     const std::string challenge = sut->HandleDlcUpdate();
-    EXPECT_EQ(sut->GetUpdateState(), UpdateState::kStarted);
     sut->SendStatusFeedBack(challenge);
 
     EXPECT_EQ(challenge, kChallenge);
@@ -595,6 +572,44 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
         }
         ::testing::Mock::VerifyAndClearExpectations(backend.get());
         ::testing::Mock::VerifyAndClearExpectations(tee.get());
+    }
+}
+
+TEST(X509ValidatorTest, UpdateIsNeededWhenLessThan365DaysAreLeftOrTheCertificateIsUnreadable) {
+    using Botan::X509_Time;
+    const auto at = [](std::time_t seconds) {
+        char text[64] = {};
+        return std::string(::ctime_r(&seconds, text));
+    };
+    const std::time_t now = std::chrono::system_clock::to_time_t(kStart);
+    // Name, certificate, its expiry in seconds since 1970 (0: unreadable, nothing logged), no
+    // update needed. A nanosecond system-clock time point ends in April 2262.
+    const std::tuple<const char*, std::string, std::time_t, bool> rows[] = {
+        {"expired", MakeCertificate(X509_Time(kStart - 24h)), now - 86400, false},
+        {"a second short of a year", MakeCertificate(X509_Time(kStart + 31'535'999s)),
+         now + 31'535'999, false},
+        {"a year, PEM", MakeCertificate(X509_Time(kStart + 31'536'000s), true), now + 31'536'000,
+         true},
+        {"April 2262", MakeCertificate(X509_Time("22620412000000Z", Botan::GENERALIZED_TIME)),
+         9'223'372'800, true},
+        {"year 3000", MakeCertificate(X509_Time("30000101000000Z", Botan::GENERALIZED_TIME)),
+         32'503'680'000, true},
+        {"empty", "", 0, false},
+        {"garbage", "garbage, not a certificate", 0, false},
+        {"truncated", MakeCertificate(X509_Time(kStart + 800 * 24h)).substr(0, 200), 0, false},
+        {"PEM of garbage", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", 0,
+         false}};
+    for (const auto& [name, certificate, expiry, valid] : rows) {
+        SCOPED_TRACE(name);
+        LogCapture log;
+
+        EXPECT_EQ(x509_validator::IsCertificateValid(certificate, kStart), valid);
+
+        const std::vector<std::string> logged = {
+            "Current system time is " + at(now), "The Base Certificate expires at " + at(expiry),
+            valid ? "Certificate is valid for more than one year, no DLC Update needed"
+                  : "The Base Certificate expires in less than one year. Starting the DLC Update"};
+        EXPECT_EQ(log.Texts(), expiry == 0 ? std::vector<std::string>{} : logged);
     }
 }
 
