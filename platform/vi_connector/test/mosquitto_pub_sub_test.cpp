@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <numeric>
@@ -61,17 +61,16 @@ public:
 
     /// The events starting with `prefix` so far, once there are `count` of them.
     Events WaitFor(const std::string& prefix, std::size_t count = 0) {
-        std::unique_lock<std::mutex> lock(mutex_);
         Events found;
-        changed_.wait_for(lock, kTimeout, [&] {
-            found.clear();
-            for (const auto& event : events_) {
-                if (event.rfind(prefix, 0) == 0) {
-                    found.push_back(event);
-                }
-            }
-            return found.size() >= count;
-        });
+        kelvane::testing::WaitUntil(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                found.clear();
+                std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
+                             [&](const std::string& event) { return event.rfind(prefix, 0) == 0; });
+                return found.size() >= count;
+            },
+            kTimeout);
         return found;
     }
 
@@ -81,35 +80,28 @@ private:
     void Add(std::string event) {
         std::lock_guard<std::mutex> lock(mutex_);
         events_.push_back(std::move(event));
-        changed_.notify_all();
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
     Events events_;
 };
 
 // A connector configured for `port`, started and ready.
-class StartedConnector {
-public:
-    StartedConnector(std::uint16_t port, const std::string& extraMqtt = "") {
-        const auto path = directory_.Write(
-            "vi.ini",
-            "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(port) +
-                "\nkeep_alive=5\nreconnect_delay_min_ms=50\nreconnect_delay_max_ms=400\n" +
-                extraMqtt + "[transaction t]\nurl=http://127.0.0.1:1/\ntoken=x\n");
-        connector_ = std::make_unique<VIConnector>(nullptr, nullptr, path);
-        connector_->Start();
-        kelvane::testing::WaitUntil(
-            [&] { return connector_->GetSessionStatus() == SessionStatus::kOk; }, kTimeout);
-    }
-    VIConnector* operator->() { return connector_.get(); }
-    void Destroy() { connector_.reset(); }
-
-private:
-    TemporaryDirectory directory_;
-    std::unique_ptr<VIConnector> connector_;
-};
+std::unique_ptr<VIConnector> StartedConnector(std::uint16_t port,
+                                              const std::string& extraMqtt = "") {
+    TemporaryDirectory directory;
+    auto connector = std::make_unique<VIConnector>(
+        nullptr, nullptr,
+        directory.Write("vi.ini", "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(port) +
+                                      "\nkeep_alive=5\nreconnect_delay_min_ms=50\n"
+                                      "reconnect_delay_max_ms=400\n" +
+                                      extraMqtt +
+                                      "[transaction t]\nurl=http://127.0.0.1:1/\ntoken=x\n"));
+    connector->Start();
+    kelvane::testing::WaitUntil([&] { return connector->GetSessionStatus() == SessionStatus::kOk; },
+                                kTimeout);
+    return connector;
+}
 
 // Publishes `payload` (read from a file, so any bytes) as another client would.
 void PublishFromOtherClient(const MosquittoBroker& broker, const std::string& topic,
@@ -128,9 +120,9 @@ TEST(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessagesPa
     broker.Stop();
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
-    StartedConnector sut(broker.Port());
+    auto sut = StartedConnector(broker.Port());
     VIConnector notStarted(nullptr, &callback, "/nonexistent/vi.ini");
-    StartedConnector missingCa(broker.Port(), "tls_ca_file=/nonexistent/ca.pem\n");
+    auto missingCa = StartedConnector(broker.Port(), "tls_ca_file=/nonexistent/ca.pem\n");
 
     EXPECT_EQ(notStarted.PubSubConnect(&callback), pubsub_status::kFailed);
     EXPECT_EQ(missingCa->PubSubConnect(&callback), pubsub_status::kFailed);
@@ -170,7 +162,7 @@ TEST(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessagesPa
         log.Contains(csc_logging::LogLevel::kError, "PubSubConnect before a successful Start()"));
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
     // The owner of the callback may be gone before the connector is destroyed.
-    sut.Destroy();
+    sut.reset();
     EXPECT_EQ(callback.WaitFor("state").size(), 2U);
     EXPECT_TRUE(callback.WaitFor("failed").empty());
 }
@@ -186,7 +178,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
         left = true;
     };
     RecordingPubSubCallback next;
-    StartedConnector sut(broker.Port());
+    auto sut = StartedConnector(broker.Port());
     ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
     sut->PubSubSubscribe("push/#", true);
     ASSERT_EQ(disconnected.WaitFor("suback", 1).size(), 1U);

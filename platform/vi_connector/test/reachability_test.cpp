@@ -30,24 +30,22 @@ using States = std::vector<std::uint8_t>;
 
 constexpr const char* kServiceId = "TTVI-Kelvane-C003";
 
-class RecordingStateCallback : public VIServiceControllerCallbackIf {
-public:
+struct RecordingStateCallback : VIServiceControllerCallbackIf {
     void VISCSessionStatus(SCSessionStatus) override {}
     void VISCInvocationURL(SCUrlResult) override {}
     void VISCConnectionState(SCConnectionStateUpdate update) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex);
         EXPECT_EQ(update.transactionTypeId, kServiceId);
-        states_.push_back(update.state);
+        states.push_back(update.state);
     }
 
-    States Reported() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return states_;
+    States Reported() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return states;
     }
 
-private:
-    mutable std::mutex mutex_;
-    States states_;
+    std::mutex mutex;
+    States states;
 };
 
 TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestructionCancelsAProbe) {
@@ -89,25 +87,21 @@ TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestruc
     sut.reset();
 
     EXPECT_TRUE(sawCancel);
-    EXPECT_EQ(callback.Reported(), (States{1, 2, 1, 2, 1}));
+    EXPECT_TRUE(reported({1, 2, 1, 2, 1}));
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
-    const std::vector<std::pair<const char*, std::optional<std::pair<std::string, std::uint16_t>>>>
-        cases = {
-            {"http://127.0.0.1:8080/zelk/dlc/challenge", {{"127.0.0.1", 8080}}},
-            {"https://backend.example/path?q=1", {{"backend.example", 443}}},
-            {"http://[::1]:9000/x", {{"::1", 9000}}},
-            {"http://host:99999/", std::nullopt},
-            {"http://[::1/", std::nullopt},
-        };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"http://127.0.0.1:8080/zelk/dlc/challenge", "127.0.0.1 8080"},
+        {"https://backend.example/path?q=1", "backend.example 443"},
+        {"http://[::1]:9000/x", "::1 9000"},
+        {"http://host:99999/", ""},
+        {"http://[::1/", ""},
+    };
     for (const auto& [url, expected] : cases) {
         const auto target = ProbeTargetFromUrl(url);
 
-        EXPECT_EQ(
-            target ? std::make_optional(std::make_pair(target->host, target->port)) : std::nullopt,
-            expected)
-            << url;
+        EXPECT_EQ(target ? target->host + " " + std::to_string(target->port) : "", expected) << url;
     }
 }
 
