@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,22 +60,17 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
 
 constexpr const char* kId = "TTVI-Kelvane-C003.COzelkDlcChallenge";
 
-// A started connector whose one transaction takes its token from `tokenLine`.
-struct TokenSource {
-    explicit TokenSource(const std::string& tokenLine)
-        : sut(nullptr, nullptr,
-              dir.Write("vi.ini", std::string("[transaction ") + kId +
-                                      "]\nurl=http://127.0.0.1:1/c\n" + tokenLine + "\n")) {
-        sut.Start();
-        sut.Stop();  // joins the start, keeps the configuration
-    }
-
-    TemporaryDirectory dir;
-    VIConnector sut;
-};
-
 TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrorsNeverShowIt) {
     TemporaryDirectory dir;
+    const auto startedWith = [&](const std::string& tokenLine) {
+        auto connector = std::make_unique<VIConnector>(
+            nullptr, nullptr,
+            dir.Write("vi.ini", std::string("[transaction ") + kId +
+                                    "]\nurl=http://127.0.0.1:1/c\n" + tokenLine + "\n"));
+        connector->Start();
+        connector->Stop();  // joins the start, keeps the configuration
+        return connector;
+    };
     const auto file = [&](const std::string& name, const std::string& content, mode_t mode) {
         const auto path = dir.Write(name, content);
         ::chmod(path.c_str(), mode);
@@ -114,9 +110,9 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     for (const auto& [tokenLine, token, logged] : cases) {
         SCOPED_TRACE(tokenLine);
         csc_logging::LogCapture log;
-        TokenSource source(tokenLine);
+        const auto sut = startedWith(tokenLine);
 
-        const auto result = source.sut.GetToken(kId);
+        const auto result = sut->GetToken(kId);
 
         EXPECT_EQ(result.token, token);
         EXPECT_EQ(result.status == 1, !token.empty());
@@ -127,12 +123,12 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     }
     const ScopedEnvironment unset("CREDENTIALS_DIRECTORY", std::nullopt);
     csc_logging::LogCapture log;
-    TokenSource source("token_credential=backend-token");
-    EXPECT_NE(source.sut.GetToken(kId).status, 1U);
+    const auto sut = startedWith("token_credential=backend-token");
+    EXPECT_NE(sut->GetToken(kId).status, 1U);
     EXPECT_TRUE(log.Contains("CREDENTIALS_DIRECTORY is not set")) << log.Dump();
-    EXPECT_EQ(source.sut.GetInvocationUrl(kId).url, "http://127.0.0.1:1/c");
-    EXPECT_NE(source.sut.GetInvocationUrl("unknown").status, 0U);
-    EXPECT_NE(source.sut.GetToken("unknown").status, 1U);
+    EXPECT_EQ(sut->GetInvocationUrl(kId).url, "http://127.0.0.1:1/c");
+    EXPECT_NE(sut->GetInvocationUrl("unknown").status, 0U);
+    EXPECT_NE(sut->GetToken("unknown").status, 1U);
 }
 
 }  // namespace
