@@ -120,8 +120,7 @@ TEST(AraBindingTest, SearchesAndCallsFollowTheOfferThroughALostBusUntilStopped) 
 TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {
     using namespace ara::com::internal;
     const ErrorDomain& sut = DiagServicesDomain();
-    const auto busy = zelk::interfaces::diagservices::MakeApplicationError(
-        zelk::interfaces::diagservices::DiagServicesErrc::ZELK_ERROR_BUSY);
+    const auto busy = diag::MakeApplicationError(diag::DiagServicesErrc::ZELK_ERROR_BUSY);
 
     const sdbus::Error onTheBus = sut.ToBusError(busy);
 

@@ -13,11 +13,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using ara::exec::ExecutionReturnType;
-using ara::exec::ExecutionState;
 using csc_logging::LogLevel;
 using kelvane::testing::NotifySocket;
-using kelvane::testing::ScopedEnvironment;
 
 enum class Checkpoint : std::uint32_t { kAlive = 1 };
 
@@ -30,10 +27,10 @@ TEST(LifecycleTest, AGoneNotifySocketIsWarnedOnceUntilItIsBack) {
         NotifySocket gone;
         path = gone.Path();
     }
-    const ScopedEnvironment goneSocket("NOTIFY_SOCKET", path);
+    const kelvane::testing::ScopedEnvironment goneSocket("NOTIFY_SOCKET", path);
 
-    EXPECT_EQ(execution.ReportExecutionState(ExecutionState::kRunning),
-              ExecutionReturnType::kGeneralError);
+    EXPECT_EQ(execution.ReportExecutionState(ara::exec::ExecutionState::kRunning),
+              ara::exec::ExecutionReturnType::kGeneralError);
     entity.ReportCheckpoint(Checkpoint::kAlive);
     entity.ReportCheckpoint(Checkpoint::kAlive);
     NotifySocket back;
