@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -81,12 +82,8 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     TemporaryDirectory credentials;
     ::chmod(credentials.Write("backend-token", "from-systemd\n").c_str(), 0400);
     const ScopedEnvironment credentialsDirectory("CREDENTIALS_DIRECTORY", credentials.Path());
-    struct Case {
-        std::string tokenLine;
-        std::string token;  // empty: refused
-        std::string logged;
-    };
-    const std::vector<Case> cases = {
+    // The token line, the token it gives (empty: refused) and the line logged.
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
         {file("good", "abc-._~+/XYZ09==\n", 0600), "abc-._~+/XYZ09==", ""},
         {file("crlf", "abc\r\n", 0600), "abc", ""},  // the file's own line end is not part of it
         {file("shared", "abc\n", 0644), "abc", "can be read by group or others"},

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -112,13 +113,8 @@ TEST(TcpConnectTest, GivesABlockingCloseOnExecSocketOrAStatusAndALineNamingTheFa
     const auto refused = kelvane::testing::FreeTcpPort();
     // A label over 63 characters cannot be resolved, so no query leaves the host.
     const std::string unresolvable = std::string(64, 'a') + ".invalid";
-    struct Case {
-        std::string host;
-        std::uint16_t port;
-        int family;  // of the peer; 0: no connection
-        std::string logged;
-    };
-    const std::vector<Case> cases = {
+    // Host, port, the peer's address family (0: no connection) and the line logged.
+    const std::vector<std::tuple<std::string, std::uint16_t, int, std::string>> cases = {
         {"127.0.0.1", v4.Port(), AF_INET, ""},
         {"::1", v6.Port(), AF_INET6, ""},
         {"localhost", v4.Port(), AF_INET, ""},
