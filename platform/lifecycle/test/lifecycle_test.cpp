@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <string>
 
 #include "ara/exec/execution_client.h"
 #include "ara/phm/supervised_entity.h"
@@ -14,7 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using csc_logging::LogLevel;
-using kelvane::testing::NotifySocket;
 
 enum class Checkpoint : std::uint32_t { kAlive = 1 };
 
@@ -22,18 +20,13 @@ TEST(LifecycleTest, AGoneNotifySocketIsWarnedOnceUntilItIsBack) {
     csc_logging::LogCapture log;
     const ara::exec::ExecutionClient execution;
     const ara::phm::SupervisedEntity entity("kelvane-client/KeepAlive");
-    std::string path;
-    {
-        NotifySocket gone;
-        path = gone.Path();
-    }
-    const kelvane::testing::ScopedEnvironment goneSocket("NOTIFY_SOCKET", path);
+    const kelvane::testing::ScopedEnvironment goneSocket("NOTIFY_SOCKET", "/nonexistent/notify");
 
     EXPECT_EQ(execution.ReportExecutionState(ara::exec::ExecutionState::kRunning),
               ara::exec::ExecutionReturnType::kGeneralError);
     entity.ReportCheckpoint(Checkpoint::kAlive);
     entity.ReportCheckpoint(Checkpoint::kAlive);
-    NotifySocket back;
+    kelvane::testing::NotifySocket back;
     entity.ReportCheckpoint(Checkpoint::kAlive);
 
     EXPECT_TRUE(back.WaitFor("WATCHDOG=1", 5000ms));
