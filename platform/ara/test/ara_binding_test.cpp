@@ -53,31 +53,29 @@ public:
     }
 };
 
-/// Records the size of each list an availability handler was given.
-class Availability {
-public:
+// The size of each list an availability handler was given.
+struct Availability {
     ara::com::FindServiceHandler<ara::com::ServiceHandle> Handler() {
-        return [this](ara::com::ServiceHandleContainer<ara::com::ServiceHandle> handles,
-                      ara::com::FindServiceHandle) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            sizes_.push_back(handles.size());
+        return [this](auto handles, ara::com::FindServiceHandle) {
+            std::lock_guard<std::mutex> lock(mutex);
+            sizes.push_back(handles.size());
         };
     }
     /// The sizes so far, once there are `count` of them.
-    Sizes Reported(std::size_t count = 0) const {
+    Sizes Reported(std::size_t count = 0) {
+        Sizes copy;
         WaitUntil(
             [&] {
-                std::lock_guard<std::mutex> lock(mutex_);
-                return sizes_.size() >= count;
+                std::lock_guard<std::mutex> lock(mutex);
+                copy = sizes;
+                return copy.size() >= count;
             },
             kTimeout);
-        std::lock_guard<std::mutex> lock(mutex_);
-        return sizes_;
+        return copy;
     }
 
-private:
-    mutable std::mutex mutex_;
-    Sizes sizes_;
+    std::mutex mutex;
+    Sizes sizes;
 };
 
 DiagServicesProxy ProxyOn(const PrivateDbusDaemon& bus) {
@@ -122,8 +120,7 @@ TEST(AraBindingTest, SearchesAndCallsFollowTheOfferThroughALostBusUntilStopped) 
 TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {
     using namespace ara::com::internal;
     const ErrorDomain& sut = DiagServicesDomain();
-    const auto busy = zelk::interfaces::diagservices::MakeApplicationError(
-        zelk::interfaces::diagservices::DiagServicesErrc::ZELK_ERROR_BUSY);
+    const auto busy = diag::MakeApplicationError(diag::DiagServicesErrc::ZELK_ERROR_BUSY);
 
     const sdbus::Error onTheBus = sut.ToBusError(busy);
 

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -59,22 +61,17 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
 
 constexpr const char* kId = "TTVI-Kelvane-C003.COzelkDlcChallenge";
 
-// A started connector whose one transaction takes its token from `tokenLine`.
-struct TokenSource {
-    explicit TokenSource(const std::string& tokenLine)
-        : sut(nullptr, nullptr,
-              dir.Write("vi.ini", std::string("[transaction ") + kId +
-                                      "]\nurl=http://127.0.0.1:1/c\n" + tokenLine + "\n")) {
-        sut.Start();
-        sut.Stop();  // joins the start, keeps the configuration
-    }
-
-    TemporaryDirectory dir;
-    VIConnector sut;
-};
-
 TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrorsNeverShowIt) {
     TemporaryDirectory dir;
+    const auto startedWith = [&](const std::string& tokenLine) {
+        auto connector = std::make_unique<VIConnector>(
+            nullptr, nullptr,
+            dir.Write("vi.ini", std::string("[transaction ") + kId +
+                                    "]\nurl=http://127.0.0.1:1/c\n" + tokenLine + "\n"));
+        connector->Start();
+        connector->Stop();  // joins the start, keeps the configuration
+        return connector;
+    };
     const auto file = [&](const std::string& name, const std::string& content, mode_t mode) {
         const auto path = dir.Write(name, content);
         ::chmod(path.c_str(), mode);
@@ -85,12 +82,8 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     TemporaryDirectory credentials;
     ::chmod(credentials.Write("backend-token", "from-systemd\n").c_str(), 0400);
     const ScopedEnvironment credentialsDirectory("CREDENTIALS_DIRECTORY", credentials.Path());
-    struct Case {
-        std::string tokenLine;
-        std::string token;  // empty: refused
-        std::string logged;
-    };
-    const std::vector<Case> cases = {
+    // The token line, the token it gives (empty: refused) and the line logged.
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
         {file("good", "abc-._~+/XYZ09==\n", 0600), "abc-._~+/XYZ09==", ""},
         {file("crlf", "abc\r\n", 0600), "abc", ""},  // the file's own line end is not part of it
         {file("shared", "abc\n", 0644), "abc", "can be read by group or others"},
@@ -114,9 +107,9 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     for (const auto& [tokenLine, token, logged] : cases) {
         SCOPED_TRACE(tokenLine);
         csc_logging::LogCapture log;
-        TokenSource source(tokenLine);
+        const auto sut = startedWith(tokenLine);
 
-        const auto result = source.sut.GetToken(kId);
+        const auto result = sut->GetToken(kId);
 
         EXPECT_EQ(result.token, token);
         EXPECT_EQ(result.status == 1, !token.empty());
@@ -127,12 +120,12 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     }
     const ScopedEnvironment unset("CREDENTIALS_DIRECTORY", std::nullopt);
     csc_logging::LogCapture log;
-    TokenSource source("token_credential=backend-token");
-    EXPECT_NE(source.sut.GetToken(kId).status, 1U);
+    const auto sut = startedWith("token_credential=backend-token");
+    EXPECT_NE(sut->GetToken(kId).status, 1U);
     EXPECT_TRUE(log.Contains("CREDENTIALS_DIRECTORY is not set")) << log.Dump();
-    EXPECT_EQ(source.sut.GetInvocationUrl(kId).url, "http://127.0.0.1:1/c");
-    EXPECT_NE(source.sut.GetInvocationUrl("unknown").status, 0U);
-    EXPECT_NE(source.sut.GetToken("unknown").status, 1U);
+    EXPECT_EQ(sut->GetInvocationUrl(kId).url, "http://127.0.0.1:1/c");
+    EXPECT_NE(sut->GetInvocationUrl("unknown").status, 0U);
+    EXPECT_NE(sut->GetToken("unknown").status, 1U);
 }
 
 }  // namespace

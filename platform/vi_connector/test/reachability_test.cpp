@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
@@ -30,24 +31,22 @@ using States = std::vector<std::uint8_t>;
 
 constexpr const char* kServiceId = "TTVI-Kelvane-C003";
 
-class RecordingStateCallback : public VIServiceControllerCallbackIf {
-public:
+struct RecordingStateCallback : VIServiceControllerCallbackIf {
     void VISCSessionStatus(SCSessionStatus) override {}
     void VISCInvocationURL(SCUrlResult) override {}
     void VISCConnectionState(SCConnectionStateUpdate update) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex);
         EXPECT_EQ(update.transactionTypeId, kServiceId);
-        states_.push_back(update.state);
+        states.push_back(update.state);
     }
 
-    States Reported() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return states_;
+    States Reported() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return states;
     }
 
-private:
-    mutable std::mutex mutex_;
-    States states_;
+    std::mutex mutex;
+    States states;
 };
 
 TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestructionCancelsAProbe) {
@@ -89,25 +88,21 @@ TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestruc
     sut.reset();
 
     EXPECT_TRUE(sawCancel);
-    EXPECT_EQ(callback.Reported(), (States{1, 2, 1, 2, 1}));
+    EXPECT_TRUE(reported({1, 2, 1, 2, 1}));
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
-    const std::vector<std::pair<const char*, std::optional<std::pair<std::string, std::uint16_t>>>>
-        cases = {
-            {"http://127.0.0.1:8080/zelk/dlc/challenge", {{"127.0.0.1", 8080}}},
-            {"https://backend.example/path?q=1", {{"backend.example", 443}}},
-            {"http://[::1]:9000/x", {{"::1", 9000}}},
-            {"http://host:99999/", std::nullopt},
-            {"http://[::1/", std::nullopt},
-        };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"http://127.0.0.1:8080/zelk/dlc/challenge", "127.0.0.1 8080"},
+        {"https://backend.example/path?q=1", "backend.example 443"},
+        {"http://[::1]:9000/x", "::1 9000"},
+        {"http://host:99999/", ""},
+        {"http://[::1/", ""},
+    };
     for (const auto& [url, expected] : cases) {
         const auto target = ProbeTargetFromUrl(url);
 
-        EXPECT_EQ(
-            target ? std::make_optional(std::make_pair(target->host, target->port)) : std::nullopt,
-            expected)
-            << url;
+        EXPECT_EQ(target ? target->host + " " + std::to_string(target->port) : "", expected) << url;
     }
 }
 
@@ -118,13 +113,8 @@ TEST(TcpConnectTest, GivesABlockingCloseOnExecSocketOrAStatusAndALineNamingTheFa
     const auto refused = kelvane::testing::FreeTcpPort();
     // A label over 63 characters cannot be resolved, so no query leaves the host.
     const std::string unresolvable = std::string(64, 'a') + ".invalid";
-    struct Case {
-        std::string host;
-        std::uint16_t port;
-        int family;  // of the peer; 0: no connection
-        std::string logged;
-    };
-    const std::vector<Case> cases = {
+    // Host, port, the peer's address family (0: no connection) and the line logged.
+    const std::vector<std::tuple<std::string, std::uint16_t, int, std::string>> cases = {
         {"127.0.0.1", v4.Port(), AF_INET, ""},
         {"::1", v6.Port(), AF_INET6, ""},
         {"localhost", v4.Port(), AF_INET, ""},
