@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
+#include <optional>
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/child_process.hpp"
@@ -57,26 +57,20 @@ TEST_F(BackendTls, HandshakeRefusedByEitherSideFailsBeforeAnyRequestNamingTheRea
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.reason);
-        auto port = testing::FreeTcpPort();
+        testing::ScriptedTcpServer resetter(testing::ScriptedTcpServer::Script().ReceiveBytes(1));
+        const auto port = row.serverCert.empty() ? resetter.Port() : testing::FreeTcpPort();
         const auto events = dir_.File("events-" + std::to_string(port) + ".jsonl");
-        std::vector<std::string> argv = {testing::FindProgram("kelvane-backend-sim"),
-                                         "run",
-                                         "--port",
-                                         std::to_string(port),
-                                         "--event-log",
-                                         events};
-        argv.insert(argv.end(), {"--tls-cert", pki_.File(row.serverCert + ".pem"), "--tls-key",
-                                 pki_.File(row.serverCert + ".key")});
+        std::vector<std::string> argv = {testing::FindProgram("kelvane-backend-sim"), "run",
+                                         "--port", std::to_string(port)};
+        argv.insert(argv.end(),
+                    {"--event-log", events, "--tls-cert", pki_.File(row.serverCert + ".pem"),
+                     "--tls-key", pki_.File(row.serverCert + ".key")});
         if (row.requireClientCert) {
             argv.insert(argv.end(), {"--tls-client-ca", pki_.File("ca.pem")});
         }
-        std::unique_ptr<testing::ChildProcess> backend;
-        testing::ScriptedTcpServer resetter(testing::ScriptedTcpServer::Script().ReceiveBytes(1));
-        if (row.serverCert.empty()) {
-            port = resetter.Port();
-        } else {
-            backend = std::make_unique<testing::ChildProcess>(
-                testing::ChildProcess::Options{argv, {}, dir_.File("backend.log")});
+        std::optional<testing::ChildProcess> backend;
+        if (!row.serverCert.empty()) {
+            backend.emplace(testing::ChildProcess::Options{argv, {}, dir_.File("backend.log")});
             ASSERT_TRUE(testing::WaitUntil([&] { return testing::AcceptsConnections(port); }, 10s));
         }
         const std::string client = "cert_file = " + pki_.File("client.pem") +

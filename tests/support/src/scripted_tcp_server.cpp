@@ -85,9 +85,8 @@ void ScriptedTcpServer::Serve() {
         }
         changed_.notify_all();
         Play(fd);
-        char buffer[4096];
-        for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
-            Record(buffer, static_cast<std::size_t>(count));
+        std::string unread;
+        while (Read(fd, unread, unread.size() + 1, 0)) {
         }
         ::close(fd);
         {
@@ -98,14 +97,6 @@ void ScriptedTcpServer::Serve() {
     }
 }
 
-void ScriptedTcpServer::Record(const char* data, std::size_t size) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        received_.back().append(data, size);
-    }
-    changed_.notify_all();
-}
-
 bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs) {
     char buffer[4096];
     while (pending.size() < atLeast) {
@@ -114,8 +105,12 @@ bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, 
         if (count <= 0) {
             return false;
         }
-        Record(buffer, static_cast<std::size_t>(count));
         pending.append(buffer, static_cast<std::size_t>(count));
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            received_.back().append(buffer, static_cast<std::size_t>(count));
+        }
+        changed_.notify_all();
     }
     return true;
 }
@@ -157,8 +152,6 @@ void ScriptedTcpServer::Play(int fd) {
             case Script::Kind::kKeepOpen:
                 while (Read(fd, pending, pending.size() + 1, -1)) {
                 }
-                return;
-            case Script::Kind::kClose:
                 return;
             case Script::Kind::kReceiveBytes:
                 break;
