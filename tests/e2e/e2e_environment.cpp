@@ -31,15 +31,15 @@ std::size_t CountOccurrences(const std::string& haystack, const std::string& nee
 
 }  // namespace
 
-E2eEnvironment::E2eEnvironment(E2eOptions options)
-    : options_(std::move(options))
-    , broker_(options_.brokerConfig)
+E2eEnvironment::E2eEnvironment(std::string tlsDirectory, const std::string& brokerConfig)
+    : tlsDirectory_(std::move(tlsDirectory))
+    , broker_(brokerConfig)
     , backendPort_(testing::FreeTcpPort())
     , stateDir_(directory_.File("vehicle")) {
     // An expiring Base certificate: the first ignition starts an update.
     Run({FindProgram("kelvane-vehicle-sim"), "init", "--state", stateDir_, "--base-cert-days",
          "200", "--secret", kSecret});
-    const std::string& pki = options_.tlsDirectory;
+    const std::string& pki = tlsDirectory_;
     const std::string base =
         (pki.empty() ? "http://127.0.0.1:" : "https://127.0.0.1:") + std::to_string(backendPort_);
     std::string config = pki.empty() ? ""
@@ -74,7 +74,7 @@ void E2eEnvironment::StartBackend(const std::vector<std::string>& faults) {
     argv.insert(argv.end(), {"--event-log", directory_.File("backend-events.jsonl")});
     argv.insert(argv.end(), {"--token", kToken, "--secret", kSecret, "--mqtt-port",
                              std::to_string(broker_.Port())});
-    if (const auto& pki = options_.tlsDirectory; !pki.empty()) {
+    if (const auto& pki = tlsDirectory_; !pki.empty()) {
         argv.insert(argv.end(), {"--tls-cert", pki + "/server.pem", "--tls-key",
                                  pki + "/server.key", "--tls-client-ca", pki + "/ca.pem"});
     }

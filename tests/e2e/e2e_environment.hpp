@@ -28,18 +28,14 @@ constexpr const char* kReady = "All subscriptions and connections ready";
 constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
 
-struct E2eOptions {
-    std::string tlsDirectory;  ///< set: HTTPS with client certificates, MakeTestCertificates' PKI
-    std::string brokerConfig;  ///< appended to the broker's configuration
-};
-
 /// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
 /// the backend simulator and the real kelvane-client binary, each with its log
 /// in the environment's directory. Everything is stopped on destruction, and
-/// the logs are printed when the test has failed.
+/// the logs are printed when the test has failed. Given `tlsDirectory` (MakeTestCertificates'
+/// PKI), the backend talks HTTPS with client certificates; `brokerConfig` is added to the broker's.
 class E2eEnvironment {
 public:
-    explicit E2eEnvironment(E2eOptions options = {});
+    explicit E2eEnvironment(std::string tlsDirectory = "", const std::string& brokerConfig = "");
     ~E2eEnvironment();
 
     void StartBackend(const std::vector<std::string>& faults = {});
@@ -84,7 +80,7 @@ private:
     /// Runs a tool to completion and returns its output; throws when it fails, unless `tolerant`.
     std::string Run(std::vector<std::string> argv, bool tolerant = false) const;
 
-    E2eOptions options_;
+    std::string tlsDirectory_;
     testing::TemporaryDirectory directory_;
     testing::PrivateDbusDaemon bus_;
     testing::MosquittoBroker broker_;

@@ -138,10 +138,9 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     };
     serveAs("other-name");
     const auto port = std::to_string(testing::FreeTcpPort());
-    E2eEnvironment env({pki.Path(), "user root\nlistener " + port + " 127.0.0.1\ncafile " +
-                                        pki.File("ca.pem") + "\ncertfile " +
-                                        pki.File("broker.pem") + "\nkeyfile " +
-                                        pki.File("broker.key") + "\n"});
+    E2eEnvironment env(pki.Path(), "user root\nlistener " + port + " 127.0.0.1\ncafile " +
+                                       pki.File("ca.pem") + "\ncertfile " + pki.File("broker.pem") +
+                                       "\nkeyfile " + pki.File("broker.key") + "\n");
     env.ReplaceInConnectorConfig("port = " + std::to_string(env.Broker().Port()) + "\n",
                                  "port = " + port + "\ntls_ca_file = " + pki.File("ca.pem") + "\n");
     const auto before = env.VehicleStatus();
