@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <iostream>
 #include <stdexcept>
 
@@ -112,14 +111,10 @@ void E2eEnvironment::StartClient() {
 }
 
 std::size_t E2eEnvironment::ClientPeakRssKiB() const {
-    std::ifstream status("/proc/" + std::to_string(client_ ? client_->Pid() : 0) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmHWM:", 0) == 0) {
-            return std::stoul(line.substr(6));
-        }
-    }
-    return 0;
+    const auto status =
+        ReadFile("/proc/" + std::to_string(client_ ? client_->Pid() : 0) + "/status");
+    const auto at = status.find("VmHWM:");
+    return at == std::string::npos ? 0 : std::stoul(status.substr(at + 6));
 }
 
 void E2eEnvironment::Push() {

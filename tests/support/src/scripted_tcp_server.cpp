@@ -79,22 +79,23 @@ void ScriptedTcpServer::Serve() {
         if (fd < 0) {
             continue;
         }
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            received_.emplace_back();
-        }
-        changed_.notify_all();
+        Change([this] { received_.emplace_back(); });
         Play(fd);
         std::string unread;
         while (Read(fd, unread, unread.size() + 1, 0)) {
         }
         ::close(fd);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            ++finished_;
-        }
-        changed_.notify_all();
+        Change([this] { ++finished_; });
     }
+}
+
+template <typename Changer>
+void ScriptedTcpServer::Change(Changer changer) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        changer();
+    }
+    changed_.notify_all();
 }
 
 bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs) {
@@ -106,11 +107,7 @@ bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, 
             return false;
         }
         pending.append(buffer, static_cast<std::size_t>(count));
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            received_.back().append(buffer, static_cast<std::size_t>(count));
-        }
-        changed_.notify_all();
+        Change([&] { received_.back().append(buffer, static_cast<std::size_t>(count)); });
     }
     return true;
 }
@@ -122,12 +119,12 @@ void ScriptedTcpServer::Play(int fd) {
         switch (step.kind) {
             case Script::Kind::kReceiveRequest:
             case Script::Kind::kReceiveHeader: {
-                while (pending.find("\r\n\r\n") == std::string::npos) {
+                std::size_t headerEnd = 0;
+                while ((headerEnd = pending.find("\r\n\r\n")) == std::string::npos) {
                     if (!Read(fd, pending, pending.size() + 1)) {
                         return;
                     }
                 }
-                const std::size_t headerEnd = pending.find("\r\n\r\n");
                 std::string header = pending.substr(0, headerEnd + 2);
                 std::transform(header.begin(), header.end(), header.begin(),
                                [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

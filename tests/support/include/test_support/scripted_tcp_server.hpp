@@ -82,6 +82,9 @@ private:
     int Poll(int fd, short events, int timeoutMs) const;
     /// Reads (and records) until `pending` holds `atLeast` bytes; false on end, stop or time-out.
     bool Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs = 60000);
+    /// Applies `changer` to the records under the lock and wakes the waiters.
+    template <typename Changer>
+    void Change(Changer changer);
 
     Script script_;
     Family family_;
