@@ -66,7 +66,6 @@ public:
     ScriptedTcpServer& operator=(const ScriptedTcpServer&) = delete;
 
     std::uint16_t Port() const { return port_; }
-    /// "http://127.0.0.1:<port>" (or "http://[::1]:<port>") + path.
     std::string Url(const std::string& path = "/") const;
 
     std::size_t Connections() const;
