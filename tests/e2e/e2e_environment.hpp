@@ -28,34 +28,26 @@ constexpr const char* kReady = "All subscriptions and connections ready";
 constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
 
-struct E2eOptions {
-    /// Set: HTTPS with client certificates, PKI of MakeTestCertificates here.
-    std::string tlsDirectory;
-    /// Appended to the broker's configuration (e.g. a TLS listener).
-    std::string brokerConfig;
-};
-
 /// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
 /// the backend simulator and the real kelvane-client binary, each with its log
 /// in the environment's directory. Everything is stopped on destruction, and
-/// the logs are printed when the test has failed.
+/// the logs are printed when the test has failed. Given `tlsDirectory` (MakeTestCertificates'
+/// PKI), the backend talks HTTPS with client certificates; `brokerConfig` is added to the broker's.
 class E2eEnvironment {
 public:
-    explicit E2eEnvironment(E2eOptions options = {});
+    explicit E2eEnvironment(std::string tlsDirectory = "", const std::string& brokerConfig = "");
     ~E2eEnvironment();
 
     void StartBackend(const std::vector<std::string>& faults = {});
     void StopBackend() { backend_->Stop(); }
     void StartVehicle();
     void StopVehicle() { vehicle_->Stop(); }
-    /// SIGKILL: the simulator gets no chance to tidy up.
-    void KillVehicle() { vehicle_.reset(); }
+    void KillVehicle() { vehicle_.reset(); }  // SIGKILL
     void StartClient();
     /// SIGTERM; the client's exit status (137 when it had to be killed after `grace`).
     int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5)) {
         return client_->Stop(grace);
     }
-    /// Exit status once the client ended by itself, or nothing.
     std::optional<int> ClientExit(std::chrono::milliseconds timeout) {
         return client_->WaitForExit(timeout);
     }
@@ -69,14 +61,13 @@ public:
     void AddBackendFault(const std::string& definition);
     /// `kelvane-vehicle-sim <arguments> --state DIR`; throws when it fails.
     void VehicleCommand(std::vector<std::string> arguments);
-    /// Edits the client's connector file (before StartClient): every `from` becomes `to`.
+    /// Before StartClient: every `from` in the client's connector file becomes `to`.
     void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
     std::string WriteFile(const std::string& name, const std::string& content) const {
         return directory_.Write(name, content);
     }
 
     std::size_t ClientLogCount(const std::string& text) const;
-    /// Waits until the client's log holds `text` at least `occurrences` times.
     bool WaitForClientLog(const std::string& text, std::size_t occurrences = 1,
                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
     /// `kelvane-vehicle-sim status`; an empty object when it fails.
@@ -85,13 +76,11 @@ public:
     std::string VehicleLog() const { return testing::ReadFile(directory_.File("vehicle.log")); }
 
 private:
-    /// Every process's log, for a failing test's output.
     std::string Logs() const;
-    /// Runs a command-line tool to completion; its exit status and output.
-    std::pair<int, std::string> RunTool(std::vector<std::string> argv) const;
-    void Run(std::vector<std::string> argv) const;
+    /// Runs a tool to completion and returns its output; throws when it fails, unless `tolerant`.
+    std::string Run(std::vector<std::string> argv, bool tolerant = false) const;
 
-    E2eOptions options_;
+    std::string tlsDirectory_;
     testing::TemporaryDirectory directory_;
     testing::PrivateDbusDaemon bus_;
     testing::MosquittoBroker broker_;

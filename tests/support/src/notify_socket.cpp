@@ -31,21 +31,17 @@ NotifySocket::~NotifySocket() {
     ::close(fd_);
 }
 
-void NotifySocket::Receive() {
+std::vector<std::string> NotifySocket::Messages() {
     char buffer[4096];
     for (ssize_t got; (got = ::recv(fd_, buffer, sizeof buffer, 0)) >= 0;) {
         messages_.emplace_back(buffer, static_cast<std::size_t>(got));
     }
-}
-
-std::vector<std::string> NotifySocket::Messages() {
-    Receive();
     return messages_;
 }
 
 std::size_t NotifySocket::Count(const std::string& message) {
-    Receive();
-    return static_cast<std::size_t>(std::count(messages_.begin(), messages_.end(), message));
+    const auto messages = Messages();
+    return static_cast<std::size_t>(std::count(messages.begin(), messages.end(), message));
 }
 
 bool NotifySocket::WaitFor(const std::string& message, std::chrono::milliseconds timeout,

@@ -79,29 +79,21 @@ void ScriptedTcpServer::Serve() {
         if (fd < 0) {
             continue;
         }
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            received_.emplace_back();
-        }
-        changed_.notify_all();
+        Change([this] { received_.emplace_back(); });
         Play(fd);
-        char buffer[4096];
-        for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
-            Record(buffer, static_cast<std::size_t>(count));
+        std::string unread;
+        while (Read(fd, unread, unread.size() + 1, 0)) {
         }
         ::close(fd);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            ++finished_;
-        }
-        changed_.notify_all();
+        Change([this] { ++finished_; });
     }
 }
 
-void ScriptedTcpServer::Record(const char* data, std::size_t size) {
+template <typename Changer>
+void ScriptedTcpServer::Change(Changer changer) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        received_.back().append(data, size);
+        changer();
     }
     changed_.notify_all();
 }
@@ -114,8 +106,8 @@ bool ScriptedTcpServer::Read(int fd, std::string& pending, std::size_t atLeast, 
         if (count <= 0) {
             return false;
         }
-        Record(buffer, static_cast<std::size_t>(count));
         pending.append(buffer, static_cast<std::size_t>(count));
+        Change([&] { received_.back().append(buffer, static_cast<std::size_t>(count)); });
     }
     return true;
 }
@@ -127,12 +119,12 @@ void ScriptedTcpServer::Play(int fd) {
         switch (step.kind) {
             case Script::Kind::kReceiveRequest:
             case Script::Kind::kReceiveHeader: {
-                while (pending.find("\r\n\r\n") == std::string::npos) {
+                std::size_t headerEnd = 0;
+                while ((headerEnd = pending.find("\r\n\r\n")) == std::string::npos) {
                     if (!Read(fd, pending, pending.size() + 1)) {
                         return;
                     }
                 }
-                const std::size_t headerEnd = pending.find("\r\n\r\n");
                 std::string header = pending.substr(0, headerEnd + 2);
                 std::transform(header.begin(), header.end(), header.begin(),
                                [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -157,8 +149,6 @@ void ScriptedTcpServer::Play(int fd) {
             case Script::Kind::kKeepOpen:
                 while (Read(fd, pending, pending.size() + 1, -1)) {
                 }
-                return;
-            case Script::Kind::kClose:
                 return;
             case Script::Kind::kReceiveBytes:
                 break;

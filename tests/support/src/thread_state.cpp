@@ -18,11 +18,8 @@ bool ThreadIsBlocked(pid_t tid) {
     std::getline(stat, line);
     // The state follows the command name, which is in parentheses and may hold spaces.
     const auto afterName = line.rfind(')');
-    if (afterName == std::string::npos || afterName + 2 >= line.size()) {
-        return false;
-    }
-    const char state = line[afterName + 2];
-    return state == 'S' || state == 'D';
+    return afterName != std::string::npos && afterName + 2 < line.size() &&
+           (line[afterName + 2] == 'S' || line[afterName + 2] == 'D');
 }
 
 }  // namespace kelvane::testing

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kelvane::testing {
@@ -44,13 +45,19 @@ private:
 /// Waits until `condition` holds, checking every `interval`; false on time-out.
 template <typename Condition>
 bool WaitUntil(Condition condition, std::chrono::milliseconds timeout,
-               std::chrono::milliseconds interval = std::chrono::milliseconds(10));
+               std::chrono::milliseconds interval = std::chrono::milliseconds(10)) {
+    for (const auto deadline = std::chrono::steady_clock::now() + timeout; !condition();
+         std::this_thread::sleep_for(interval)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+    }
+    return true;
+}
 
 /// A built program in the build tree (KELVANE_BUILD_DIR overrides where), else left to PATH.
 std::string FindProgram(const std::string& name);
 
 }  // namespace kelvane::testing
-
-#include "test_support/wait_until.inl"
 
 #endif  // TEST_SUPPORT_CHILD_PROCESS_HPP

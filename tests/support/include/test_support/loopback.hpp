@@ -8,7 +8,6 @@ namespace kelvane::testing {
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 std::uint16_t FreeTcpPort();
 
-/// True when something accepts TCP connections on 127.0.0.1:port.
 bool AcceptsConnections(std::uint16_t port);
 
 }  // namespace kelvane::testing

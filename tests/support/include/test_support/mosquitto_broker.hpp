@@ -10,9 +10,8 @@
 
 namespace kelvane::testing {
 
-/// A mosquitto broker of the test's own on 127.0.0.1 and a free port.
-/// `extraConfig` is appended to its configuration (for example a
-/// dynamic-security plugin that refuses a topic).
+/// A mosquitto broker of the test's own on 127.0.0.1 and a free port; `extraConfig`
+/// is appended to its configuration. Start() after Stop() uses the same port.
 class MosquittoBroker {
 public:
     explicit MosquittoBroker(std::string extraConfig = "");
@@ -21,11 +20,6 @@ public:
 
     void Start();
     void Stop() { process_.reset(); }
-    /// Stops and starts again on the same port.
-    void Restart() {
-        Stop();
-        Start();
-    }
 
 private:
     TemporaryDirectory directory_;

@@ -33,9 +33,6 @@ public:
                  std::size_t occurrences = 1);
 
 private:
-    /// Takes in the datagrams pending now.
-    void Receive();
-
     TemporaryDirectory directory_;
     std::string path_;
     int fd_ = -1;

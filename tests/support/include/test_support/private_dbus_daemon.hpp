@@ -17,7 +17,6 @@ class PrivateDbusDaemon {
 public:
     PrivateDbusDaemon();
 
-    /// "unix:path=..."
     const std::string& Address() const { return address_; }
 
     /// The bus goes away (every connection is lost) ...

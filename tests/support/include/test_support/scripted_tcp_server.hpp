@@ -30,9 +30,8 @@ public:
         Script& Pause(std::chrono::milliseconds duration) {
             return Add(Kind::kPause, {}, static_cast<std::size_t>(duration.count()));
         }
-        /// Closes the connection (also what happens at the end of a script),
-        /// after recording whatever has arrived unread.
-        Script& Close() { return Add(Kind::kClose); }
+        /// Ends the script: the connection is closed after recording whatever arrived unread.
+        Script& Close() { return *this; }
         /// Keeps the connection open, recording anything more it receives,
         /// until the peer closes it or the server is destroyed.
         Script& KeepOpen() { return Add(Kind::kKeepOpen); }
@@ -45,7 +44,6 @@ public:
             kReceiveBytes,
             kSend,
             kPause,
-            kClose,
             kKeepOpen
         };
         struct Step {
@@ -62,17 +60,14 @@ public:
 
     enum class Family { kIPv4, kIPv6 };
 
-    /// Listens on 127.0.0.1 (or ::1) and a free port.
     explicit ScriptedTcpServer(Script script, Family family = Family::kIPv4);
     ~ScriptedTcpServer();
     ScriptedTcpServer(const ScriptedTcpServer&) = delete;
     ScriptedTcpServer& operator=(const ScriptedTcpServer&) = delete;
 
     std::uint16_t Port() const { return port_; }
-    /// "http://127.0.0.1:<port>" (or "http://[::1]:<port>") + path.
     std::string Url(const std::string& path = "/") const;
 
-    /// Connections accepted so far.
     std::size_t Connections() const;
     /// Bytes received on connection `index` (0 = first), empty if there is none.
     std::string Received(std::size_t index) const;
@@ -86,8 +81,9 @@ private:
     int Poll(int fd, short events, int timeoutMs) const;
     /// Reads (and records) until `pending` holds `atLeast` bytes; false on end, stop or time-out.
     bool Read(int fd, std::string& pending, std::size_t atLeast, int timeoutMs = 60000);
-    /// Appends to what the current connection received.
-    void Record(const char* data, std::size_t size);
+    /// Applies `changer` to the records under the lock and wakes the waiters.
+    template <typename Changer>
+    void Change(Changer changer);
 
     Script script_;
     Family family_;

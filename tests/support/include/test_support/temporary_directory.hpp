@@ -14,9 +14,7 @@ public:
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
     const std::string& Path() const { return path_; }
-    /// Path() + "/" + name.
     std::string File(const std::string& name) const { return path_ + "/" + name; }
-    /// Writes `content` to File(name) and returns that path.
     std::string Write(const std::string& name, const std::string& content) const;
 
 private:

@@ -5,7 +5,6 @@
 
 namespace kelvane::testing {
 
-/// The kernel's id of the calling thread, as /proc/self/task names it.
 pid_t CurrentThreadId();
 
 /// True while thread `tid` of this process sleeps in the kernel (waits in a
