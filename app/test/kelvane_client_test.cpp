@@ -463,6 +463,9 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     sut->ClampControlConnectionStateChangeCb(true);  // retry time never set: long past
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     EXPECT_TRUE(log.Contains(LogLevel::kWarning, "Clamp Control Subscribe has negative timeout."));
+    vi->SetConnectionState(0);
+    sut->MQTTSubscribeFailedCb();  // both pending: the clamp retry, long past, comes first
+    EXPECT_EQ(sut->CalculateTimeout(), 1);
 }
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
