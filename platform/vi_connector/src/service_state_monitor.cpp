@@ -200,23 +200,6 @@ void ServiceStateMonitor::Subscribe(const std::string& transactionTypeId,
     Deliver();
 }
 
-void ServiceStateMonitor::Force(std::optional<std::uint8_t> state) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        forced_ = state;
-    }
-    Deliver();
-}
-
-std::uint8_t ServiceStateMonitor::State() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return StateLocked();
-}
-
-std::uint8_t ServiceStateMonitor::StateLocked() const {
-    return forced_.value_or(measured_);
-}
-
 void ServiceStateMonitor::SetMeasured(std::uint8_t state) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -254,7 +237,7 @@ void ServiceStateMonitor::Deliver() {
     std::vector<VIServiceControllerCallbackIf*> callbacks;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        const std::uint8_t state = StateLocked();
+        const std::uint8_t state = measured_;
         for (auto& subscriber : subscribers_) {
             if (subscriber.reported != state) {
                 subscriber.reported = state;

@@ -49,9 +49,6 @@ public:
     static std::unique_ptr<ServiceStateMonitor> FromConfig(const ConnectorConfig& config);
 
     void Subscribe(const std::string& transactionTypeId, VIServiceControllerCallbackIf* callback);
-    /// Overrides the fixed or probed state; nothing (nullopt) returns to it.
-    void Force(std::optional<std::uint8_t> state);
-    std::uint8_t State() const;
 
 private:
     struct Subscriber {
@@ -62,7 +59,6 @@ private:
 
     void Run(std::chrono::milliseconds interval);
     void SetMeasured(std::uint8_t state);
-    std::uint8_t StateLocked() const;
     void Deliver();
 
     Probe probe_;
@@ -71,7 +67,6 @@ private:
 
     mutable std::mutex mutex_;
     std::uint8_t measured_ = kNotConnected;
-    std::optional<std::uint8_t> forced_;
     std::vector<Subscriber> subscribers_;
 
     // Held while callbacks run, so that reports keep the order of the changes.

@@ -227,26 +227,11 @@ unsigned int VIConnector::SubscribeTransactionTypeState(std::string transactionT
         }
         if (!stateMonitor_) {
             stateMonitor_ = ServiceStateMonitor::FromConfig(*config_);
-            if (forcedConnectionState_) {
-                stateMonitor_->Force(forcedConnectionState_);
-            }
         }
         monitor = stateMonitor_;
     }
     monitor->Subscribe(transactionTypeId, callback);
     return 1;
-}
-
-void VIConnector::ForceConnectionState(std::optional<std::uint8_t> state) {
-    std::shared_ptr<ServiceStateMonitor> monitor;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        forcedConnectionState_ = state;
-        monitor = stateMonitor_;
-    }
-    if (monitor) {
-        monitor->Force(state);
-    }
 }
 
 SocketResult VIConnector::SocketConnect(const std::string& transactionTypeId,

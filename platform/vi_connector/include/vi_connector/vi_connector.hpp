@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,10 +57,6 @@ public:
     virtual unsigned int SubscribeTransactionTypeState(std::string transactionTypeId,
                                                        VIServiceControllerCallbackIf* callback,
                                                        unsigned int flags);
-    /// For tests and bench set-ups: reports `state` instead of the configured
-    /// one until called with nothing.
-    virtual void ForceConnectionState(std::optional<std::uint8_t> state);
-
     /// A connected TCP socket to host:port on behalf of a transaction type.
     virtual SocketResult SocketConnect(const std::string& transactionTypeId,
                                        const std::string& host, std::uint16_t port);
@@ -107,7 +102,6 @@ private:
     std::thread startThread_;
     std::unique_ptr<MosquittoPubSub> pubSub_;            // created on first use, under mutex_
     std::shared_ptr<ServiceStateMonitor> stateMonitor_;  // guarded by mutex_
-    std::optional<std::uint8_t> forcedConnectionState_;  // guarded by mutex_
 };
 
 }  // namespace vi_connector
