@@ -17,10 +17,6 @@ std::optional<std::vector<std::uint8_t>> FromHex(std::string_view text) {
     }
 }
 
-std::string CounterToHex(std::uint16_t counter) {
-    return ToHex({static_cast<std::uint8_t>(counter >> 8), static_cast<std::uint8_t>(counter)});
-}
-
 std::optional<std::uint16_t> CounterFromHex(std::string_view text) {
     const auto bytes = text.size() == 4 ? FromHex(text) : std::nullopt;
     if (!bytes) {

@@ -16,9 +16,6 @@ std::string ToHex(const std::vector<std::uint8_t>& bytes);
 /// Either case accepted; nothing on an odd length or a non-hex character.
 std::optional<std::vector<std::uint8_t>> FromHex(std::string_view text);
 
-/// The training counter as the client sends it: four upper-case hex digits.
-std::string CounterToHex(std::uint16_t counter);
-
 /// Exactly four hex digits (either case), else nothing.
 std::optional<std::uint16_t> CounterFromHex(std::string_view text);
 
