@@ -59,9 +59,4 @@ std::optional<ChallengeRegistry::Use> ChallengeRegistry::UseOf(const std::string
     return it == entries_.end() ? std::nullopt : it->second.use;
 }
 
-std::size_t ChallengeRegistry::Size() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return entries_.size();
-}
-
 }  // namespace backend_sim

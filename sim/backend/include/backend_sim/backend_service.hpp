@@ -45,8 +45,6 @@ public:
     HttpResponse Serve(Exchange exchange, const HttpRequest& request, bool corruptMac,
                        sim_common::Json& event);
 
-    const ChallengeRegistry& Challenges() const { return challenges_; }
-
 private:
     HttpResponse ServeChallenge(sim_common::Json& event);
     HttpResponse ServeDownload(const HttpRequest& request, bool corruptMac,

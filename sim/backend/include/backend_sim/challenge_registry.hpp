@@ -36,7 +36,6 @@ public:
     bool MarkUsed(const std::string& challenge, const Use& use, Clock::time_point now);
     /// The download that used the challenge, if any.
     std::optional<Use> UseOf(const std::string& challenge) const;
-    std::size_t Size() const;
 
 private:
     struct Entry {

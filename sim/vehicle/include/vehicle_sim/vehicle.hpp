@@ -65,7 +65,6 @@ public:
                          std::string& detail);
 
     VehicleState State() const;
-    const std::string& Directory() const { return directory_; }
 
 private:
     struct PendingChallenge {

@@ -29,8 +29,6 @@ public:
     const std::string& BusAddress() const noexcept { return busAddress_; }
     const std::string& BusName() const noexcept { return busName_; }
     const std::string& ObjectPath() const noexcept { return objectPath_; }
-    /// The unique connection name that owned BusName() when the instance was found.
-    const std::string& Owner() const noexcept { return owner_; }
 
     bool operator==(const ServiceHandle& other) const noexcept {
         return std::tie(busAddress_, busName_, objectPath_, owner_) ==
@@ -42,6 +40,8 @@ private:
     std::string busAddress_;
     std::string busName_;
     std::string objectPath_;
+    // The unique connection that owned BusName() when the instance was found: a
+    // restarted service is another instance.
     std::string owner_;
 };
 
