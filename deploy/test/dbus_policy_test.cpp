@@ -3,97 +3,273 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "ac/com/runtime/component_singleton.hpp"
+#include "clampcontrolclient/clamp_control_callback_if.hpp"
+#include "clampcontrolclient/clamp_control_client.hpp"
+#include "clampcontrolclient/clamp_control_service.hpp"
 #include "test_support/child_process.hpp"
+#include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 
+// The installed D-Bus policy and the platform's signal handling on a private bus
+// configured like Debian's system bus. Calls and forgeries come from other users,
+// so these tests need root.
 namespace {
 
 using namespace std::chrono_literals;
 using kelvane::testing::ChildProcess;
 using kelvane::testing::ReadFile;
+using kelvane::testing::WaitUntil;
 
-// Each is also the interface it speaks.
-const std::vector<std::string> kOurServices = {
-    "zelk.interfaces.diagservices.DiagServices", "zelk.interfaces.typeidaccess.TypeIdAccess",
-    "ac.dm.genericuds.GenericUDSService", "clampcontrol.ClampControl"};
+const std::string kDiag = "zelk.interfaces.diagservices.DiagServices";
+const std::string kClamp = "clampcontrol.ClampControl";
+// Each is also the interface it speaks, described in the file beside it.
+const std::vector<std::pair<std::string, std::string>> kOurServices = {
+    {kDiag, "diag_services.xml"},
+    {"zelk.interfaces.typeidaccess.TypeIdAccess", "type_id_access.xml"},
+    {"ac.dm.genericuds.GenericUDSService", "generic_uds_service.xml"},
+    {kClamp, "clamp_control.xml"}};
+// What the client calls; every other method must stay closed.
+const std::set<std::string> kClientCalls = {
+    kDiag + ".GetIdentityHash",
+    kDiag + ".GetPssHash",
+    kDiag + ".GetTrainingCounter",
+    kDiag + ".GetZelkVIN",
+    kDiag + ".HandleDlc",
+    "zelk.interfaces.typeidaccess.TypeIdAccess.GetCertificate",
+    "ac.dm.genericuds.GenericUDSService.HandleMessage",
+    kClamp + ".Subscribe"};
 // Open to everybody by its own policy, and speaking one of our interfaces: a
 // rule of ours keyed on the interface alone would wrongly close it.
 const std::string kUnrelated = "org.example.Unrelated";
 
-// Calls `interface`.Probe at `name` as `user`: "reached" when the bus delivered
-// it (the service knows no such object), "denied" when the bus refused it.
-std::string Call(const std::string& user, const std::string& group, const std::string& socket,
-                 const std::string& name, const std::string& interface) {
-    const auto output = socket + "." + user + "." + name;
-    ChildProcess call({{"setpriv", "--reuid=" + user, "--regid=" + group, "--clear-groups",
-                        "dbus-send", "--bus=unix:path=" + socket, "--print-reply", "--dest=" + name,
-                        "/probe", interface + ".Probe"},
-                       {},
-                       output});
-    call.WaitForExit(20s);
-    const std::string text = ReadFile(output);
-    return text.find("Error.AccessDenied") != std::string::npos    ? "denied"
-           : text.find("Error.UnknownObject") != std::string::npos ? "reached"
-                                                                   : text;
+std::vector<std::string> MethodsOf(const std::string& descriptionFile) {
+    std::ifstream file(std::string(KELVANE_IDL_DIR) + "/" + descriptionFile);
+    std::stringstream text;
+    text << file.rdbuf();
+    std::vector<std::string> methods;
+    const std::string marker = "<method name=\"";
+    for (auto at = text.str().find(marker); at != std::string::npos;
+         at = text.str().find(marker, at + 1)) {
+        const auto start = at + marker.size();
+        methods.push_back(text.str().substr(start, text.str().find('"', start) - start));
+    }
+    return methods;
 }
 
-TEST(DbusPolicy, OnlyTheServiceUserReachesOurServicesAndOtherServicesAreUntouched) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "calling as other users needs root";
-    }
-    kelvane::testing::TemporaryDirectory directory;
-    ::chmod(directory.Path().c_str(), 0755);  // other users reach the socket
-    // Debian's daemon user stands in for the service user, nobody for anybody else.
-    std::string policy = ReadFile(KELVANE_DBUS_POLICY);
-    policy.replace(policy.find("user=\"kelvane\""), 14, "user=\"daemon\"");
-    const auto ours = "<include>" + directory.Write("ours.conf", policy) + "</include>";
-    // How a vendor ships a service policy: root owns the names, callers are
-    // the business of the callers' own files.
-    const auto theirs = "<include>" + directory.Write("theirs.conf", R"(<busconfig>
+// A dbus-daemon with the default context of Debian's system.conf (method calls
+// need a hole), reachable by other users, reading our policy with the service
+// user renamed to `serviceUser` and a vendor's service policy, in either order.
+class SystemLikeBus {
+public:
+    SystemLikeBus(const std::string& serviceUser, bool oursFirst)
+        : socket_(directory_.File("bus")) {
+        ::chmod(directory_.Path().c_str(), 0755);
+        std::string policy = ReadFile(KELVANE_DBUS_POLICY);
+        policy.replace(policy.find("user=\"kelvane\""), 14, "user=\"" + serviceUser + "\"");
+        const auto ours = "<include>" + directory_.Write("ours.conf", policy) + "</include>";
+        // How a vendor ships a service policy: root owns the names, callers are
+        // the business of the callers' own files.
+        const auto theirs = "<include>" + directory_.Write("theirs.conf", R"(<busconfig>
 <policy user="root"><allow own="*"/></policy>
 <policy context="default"><allow send_destination="org.example.Unrelated"/></policy>
 </busconfig>)") + "</include>";
-    auto names = kOurServices;
-    names.push_back(kUnrelated);
-    for (const bool oursFirst : {true, false}) {
-        SCOPED_TRACE(oursFirst ? "our policy read first" : "our policy read last");
-        const auto socket = directory.File(oursFirst ? "first" : "last");
-        // The default context of Debian's system.conf: method calls need a hole.
         const std::string systemBus = R"(<busconfig><type>system</type><auth>EXTERNAL</auth>
 <policy context="default"><allow user="*"/><deny own="*"/><deny send_type="method_call"/>
 <allow send_type="signal"/><allow send_requested_reply="true" send_type="method_return"/>
 <allow send_requested_reply="true" send_type="error"/><allow receive_type="method_call"/>
 <allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
 <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/></policy>)";
-        const auto config = directory.Write(
-            "system.conf", systemBus + "<listen>unix:path=" + socket + "</listen>" +
+        const auto config = directory_.Write(
+            "system.conf", systemBus + "<listen>unix:path=" + socket_ + "</listen>" +
                                (oursFirst ? ours + theirs : theirs + ours) + "</busconfig>\n");
-        ChildProcess daemon({{"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + config},
-                             {},
-                             socket + ".log"});
-        ASSERT_TRUE(
-            kelvane::testing::WaitUntil([&] { return ::access(socket.c_str(), F_OK) == 0; }, 10s))
-            << ReadFile(socket + ".log");
+        daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
+            {"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + config},
+            {},
+            socket_ + ".log"});
+        if (!WaitUntil([&] { return ::access(socket_.c_str(), F_OK) == 0; }, 10s)) {
+            throw std::runtime_error("no system-like bus: " + ReadFile(socket_ + ".log"));
+        }
+    }
+
+    std::string Address() const { return "unix:path=" + socket_; }
+
+    // dbus-send as `user` (nobody stands for anybody, Debian's daemon user for
+    // the service user): "reached" when the bus delivered a call (no object
+    // answers it), "denied" when the bus refused it, else what it printed.
+    std::string SendAs(const std::string& user, const std::string& group,
+                       const std::vector<std::string>& arguments) {
+        const auto output = directory_.File("send." + std::to_string(++sends_));
+        std::vector<std::string> argv = {"setpriv",        "--reuid=" + user, "--regid=" + group,
+                                         "--clear-groups", "dbus-send",       "--bus=" + Address()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        ChildProcess send({argv, {}, output});
+        send.WaitForExit(20s);
+        const std::string text = ReadFile(output);
+        return text.find("Error.AccessDenied") != std::string::npos    ? "denied"
+               : text.find("Error.UnknownObject") != std::string::npos ? "reached"
+                                                                       : text;
+    }
+
+    std::string CallAs(const std::string& user, const std::string& group, const std::string& name,
+                       const std::string& method) {
+        return SendAs(user, group, {"--print-reply", "--dest=" + name, "/probe", method});
+    }
+
+private:
+    kelvane::testing::TemporaryDirectory directory_;
+    std::string socket_;
+    std::unique_ptr<ChildProcess> daemon_;
+    int sends_ = 0;
+};
+
+TEST(DbusPolicy, TheServiceUserReachesExactlyTheMethodsTheClientCallsAndOthersAreUntouched) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "calling as other users needs root";
+    }
+    for (const bool oursFirst : {true, false}) {
+        SCOPED_TRACE(oursFirst ? "our policy read first" : "our policy read last");
+        SystemLikeBus bus("daemon", oursFirst);
         // One connection per name: the bus matches send_destination against
         // every name the receiving connection owns.
         std::vector<std::unique_ptr<sdbus::IConnection>> services;
-        for (const auto& name : names) {
-            services.push_back(sdbus::createSessionBusConnectionWithAddress("unix:path=" + socket));
+        for (const auto& name : {kOurServices[0].first, kOurServices[1].first,
+                                 kOurServices[2].first, kOurServices[3].first, kUnrelated}) {
+            services.push_back(sdbus::createSessionBusConnectionWithAddress(bus.Address()));
             services.back()->requestName(name);
             services.back()->enterEventLoopAsync();
         }
 
-        for (const auto& name : kOurServices) {
-            EXPECT_EQ(Call("daemon", "daemon", socket, name, name), "reached") << name;
-            EXPECT_EQ(Call("nobody", "nogroup", socket, name, name), "denied") << name;
+        std::size_t allowed = 0;
+        for (const auto& [name, description] : kOurServices) {
+            for (const auto& member : MethodsOf(description)) {
+                const auto method = name + "." + member;
+                const bool used = kClientCalls.count(method) != 0;
+                allowed += used ? 1 : 0;
+                EXPECT_EQ(bus.CallAs("daemon", "daemon", name, method), used ? "reached" : "denied")
+                    << method;
+                if (used) {
+                    EXPECT_EQ(bus.CallAs("nobody", "nogroup", name, method), "denied") << method;
+                }
+            }
         }
-        EXPECT_EQ(Call("daemon", "daemon", socket, kUnrelated, kOurServices[0]), "reached");
-        EXPECT_EQ(Call("nobody", "nogroup", socket, kUnrelated, kOurServices[0]), "reached");
+        EXPECT_EQ(allowed, kClientCalls.size()) << "a called method is missing from the IDL";
+        EXPECT_EQ(bus.CallAs("daemon", "daemon", kUnrelated, kDiag + ".GetStatus"), "reached");
+        EXPECT_EQ(bus.CallAs("nobody", "nogroup", kUnrelated, kDiag + ".GetStatus"), "reached");
     }
+}
+
+class RecordingClampCallback : public clampcontrolclient::ClampControlCallbackIf {
+public:
+    void ConnectionStateNotification(bool connected) override { Add(connected ? "up" : "down"); }
+    void ClampControlNotification(bool on) override { Add(on ? "on" : "off"); }
+    void ClampControlSubscribedNotification() override { Add("subscribed"); }
+
+    std::vector<std::string> Events() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+
+private:
+    void Add(const std::string& event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+    }
+    std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+TEST(DbusPolicy, SignalsForgedByAnotherUserChangeNothingAndTheRealOnesStillArrive) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "sending as another user needs root";
+    }
+    // Root plays the service user and the vehicle; nobody forges.
+    SystemLikeBus bus("root", true);
+    kelvane::testing::ScopedEnvironment useIt("KELVANE_DBUS_ADDRESS", bus.Address());
+    clampcontrolclient::ClampControlService clampService;
+    clampService.Offer();
+    RecordingClampCallback clamp;
+    clampcontrolclient::ClampControlClient client;
+    client.RegisterCallback(&clamp);
+    client.Start();
+    ASSERT_FALSE(client.Subscribe().empty());
+    ASSERT_TRUE(WaitUntil([&] { return clamp.Events().size() >= 3; }, 5s));
+    const std::vector<std::string> subscribed = {"up", "subscribed", "off"};
+    ASSERT_EQ(clamp.Events(), subscribed);
+
+    auto diagOwner = sdbus::createSessionBusConnectionWithAddress(bus.Address());
+    diagOwner->requestName(kDiag);
+    ac::com::runtime::Component_singleton component(true, "test");
+    std::mutex mutex;
+    std::vector<std::size_t> diagSeen;
+    const auto diagSeenSoFar = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return diagSeen;
+    };
+    auto search = zelk::interfaces::diagservices::proxy::DiagServicesProxy::StartFindService(
+        [&](auto handles, ara::com::FindServiceHandle) {
+            std::lock_guard<std::mutex> lock(mutex);
+            diagSeen.push_back(handles.size());
+        },
+        ara::core::InstanceSpecifier(zelk::interfaces::diagservices::kInstance));
+    ASSERT_TRUE(WaitUntil([&] { return diagSeenSoFar().size() == 1; }, 5s));
+
+    // Sprayed at every connection, as each would be by someone who guessed its name.
+    auto daemon = sdbus::createProxy(*diagOwner, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    std::vector<std::string> names;
+    daemon->callMethod("ListNames").onInterface("org.freedesktop.DBus").storeResultsTo(names);
+    const std::string ownerChanged = "org.freedesktop.DBus.NameOwnerChanged";
+    const std::string clampPath = "/clampcontrol/ClampControl";
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [](const std::string& name) { return name.rfind(':', 0) != 0; }),
+                names.end());
+    for (const auto& name : names) {
+        const auto to = "--dest=" + name;
+        std::vector<std::vector<std::string>> forgeries = {
+            {"--type=signal", to, clampPath, kClamp + ".ClampStateChanged", "boolean:true"},
+            {"--type=signal", to, clampPath, kClamp + ".Subscribed", "string:x", "boolean:true"},
+            {"--type=signal", to, "/org/freedesktop/DBus", ownerChanged, "string:" + kClamp,
+             "string::1.1", "string:"},
+            {"--type=signal", to, "/org/freedesktop/DBus", ownerChanged, "string:" + kDiag,
+             "string::1.1", "string::1.999"}};
+        for (const auto& leaver : names) {
+            forgeries.push_back({"--type=signal", to, "/org/freedesktop/DBus", ownerChanged,
+                                 "string:" + leaver, "string:" + leaver, "string:"});
+        }
+        for (const auto& forgery : forgeries) {
+            ASSERT_EQ(bus.SendAs("nobody", "nogroup", forgery), "");
+        }
+    }
+
+    // The real changes, after the forgeries: the last of each shows that
+    // everything before it has been handled.
+    clampService.SetClampState(true);
+    clampService.SetClampState(false);
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            const auto events = clamp.Events();
+            return events.size() >= 5 && events.back() == "off";
+        },
+        5s));
+    diagOwner->releaseName(kDiag);
+    ASSERT_TRUE(WaitUntil([&] { return diagSeenSoFar().size() >= 2; }, 5s));
+
+    const std::vector<std::string> realOnly = {"up", "subscribed", "off", "on", "off"};
+    EXPECT_EQ(clamp.Events(), realOnly);
+    EXPECT_EQ(clampService.SubscriberCount(), 1u);
+    EXPECT_EQ(diagSeenSoFar(), (std::vector<std::size_t>{1, 0}));
+    zelk::interfaces::diagservices::proxy::DiagServicesProxy::StopFindService(search);
+    client.Stop();
 }
 
 }  // namespace

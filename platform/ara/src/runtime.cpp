@@ -19,7 +19,7 @@ namespace {
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 
-constexpr const char* kBusDaemonName = "org.freedesktop.DBus";
+using idl::kBusDaemonName;
 constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
 
 std::string OwnerChangeRule(const std::string& busName) {
@@ -234,6 +234,9 @@ void Runtime::Follow(std::uint64_t id, sdbus::IConnection& connection) {
     // Subscribe before asking, so that no change between the two is missed.
     search.match =
         connection.addMatch(OwnerChangeRule(search.busName), [this, id](sdbus::Message& message) {
+            if (!senderFilter_.Accept(message, kBusDaemonName)) {
+                return;
+            }
             std::string name;
             std::string oldOwner;
             std::string newOwner;

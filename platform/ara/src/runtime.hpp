@@ -15,6 +15,7 @@
 #include "ara/com/types.hpp"
 #include "ara/core/instance_specifier.hpp"
 #include "idl/bus_loop.hpp"
+#include "idl/sender_filter.hpp"
 
 namespace ara::com::internal {
 
@@ -85,6 +86,7 @@ private:
     std::map<std::uint64_t, Search> searches_;
     std::map<std::uint64_t, Offering> offerings_;
     std::unique_ptr<sdbus::IProxy> busDaemon_;
+    idl::SenderFilter senderFilter_{"ara::com"};
     // What a callback released while it may still be running; freed by the next task.
     std::vector<sdbus::Slot> deadSlots_;
     std::vector<std::shared_ptr<void>> deadObjects_;

@@ -12,6 +12,7 @@
 #include "idl/bus_connection.hpp"
 #include "idl/bus_loop.hpp"
 #include "idl/clamp_control_proxy.h"
+#include "idl/sender_filter.hpp"
 
 namespace clampcontrolclient {
 namespace {
@@ -32,11 +33,19 @@ bool MeansServiceAbsent(const std::string& errorName) {
 
 }  // namespace
 
+// Who may speak for the service: its current unique owner. Loop thread only.
+struct ServiceSender {
+    idl::SenderFilter filter{"ClampControlClient"};
+    std::string owner;
+};
+
 class ClampControlClient::ServiceProxy final
     : public sdbus::ProxyInterfaces<clampcontrol::ClampControl_proxy> {
 public:
-    ServiceProxy(sdbus::IConnection& connection, ClampControlClient& owner)
-        : ProxyInterfaces(connection, names::kBusName, names::kObjectPath), owner_(owner) {
+    ServiceProxy(sdbus::IConnection& connection, ClampControlClient& owner, ServiceSender& sender)
+        : ProxyInterfaces(connection, names::kBusName, names::kObjectPath)
+        , owner_(owner)
+        , sender_(sender) {
         registerProxy();
     }
     ~ServiceProxy() { unregisterProxy(); }
@@ -53,12 +62,24 @@ public:
 
 private:
     void onSubscribed(const std::string& /*subscriptionId*/, const bool& clamp15On) override {
-        owner_.ReportSubscribed();
-        owner_.ReportState(clamp15On);
+        if (FromService()) {
+            owner_.ReportSubscribed();
+            owner_.ReportState(clamp15On);
+        }
     }
-    void onClampStateChanged(const bool& clamp15On) override { owner_.ReportState(clamp15On); }
+    void onClampStateChanged(const bool& clamp15On) override {
+        if (FromService()) {
+            owner_.ReportState(clamp15On);
+        }
+    }
+
+    bool FromService() {
+        const sdbus::Message* message = getProxy().getCurrentlyProcessedMessage();
+        return message != nullptr && sender_.filter.Accept(*message, sender_.owner);
+    }
 
     ClampControlClient& owner_;
+    ServiceSender& sender_;
 };
 
 struct ClampControlClient::Bus {
@@ -75,25 +96,35 @@ struct ClampControlClient::Bus {
             std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
                 names::kDbusInterface + "',member='NameOwnerChanged',arg0='" + names::kBusName +
                 "'",
-            [&owner](sdbus::Message& message) {
+            [this, &owner](sdbus::Message& message) {
+                if (!sender.filter.Accept(message, idl::kBusDaemonName)) {
+                    return;
+                }
                 std::string name;
                 std::string oldOwner;
                 std::string newOwner;
                 message >> name >> oldOwner >> newOwner;
+                sender.owner = newOwner;
                 if (!oldOwner.empty() && !newOwner.empty()) {
                     owner.ReportConnection(
                         false);  // handed over: the old owner's subscriptions are gone
                 }
                 owner.ReportConnection(!newOwner.empty());
             });
-        service = std::make_unique<ServiceProxy>(connection, owner);
-        bool present = false;
+        service = std::make_unique<ServiceProxy>(connection, owner, sender);
+        sender.owner.clear();
         auto dbus = sdbus::createProxy(connection, names::kDbusName, names::kDbusPath);
-        dbus->callMethod("NameHasOwner")
-            .onInterface(names::kDbusInterface)
-            .withArguments(std::string(names::kBusName))
-            .storeResultsTo(present);
-        owner.ReportConnection(present);
+        try {
+            dbus->callMethod("GetNameOwner")
+                .onInterface(names::kDbusInterface)
+                .withArguments(std::string(names::kBusName))
+                .storeResultsTo(sender.owner);
+        } catch (const sdbus::Error& error) {
+            if (error.getName() != "org.freedesktop.DBus.Error.NameHasNoOwner") {
+                throw;
+            }
+        }
+        owner.ReportConnection(!sender.owner.empty());
     }
 
     void Lose(ClampControlClient& owner) {
@@ -106,6 +137,7 @@ struct ClampControlClient::Bus {
     }
 
     std::atomic<bool> stopping{false};
+    ServiceSender sender;
     sdbus::Slot ownerWatch;
     std::unique_ptr<ServiceProxy> service;
     // Last: its thread ends before the members above go.

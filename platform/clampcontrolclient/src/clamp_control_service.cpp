@@ -13,6 +13,7 @@
 #include "idl/bus_connection.hpp"
 #include "idl/bus_loop.hpp"
 #include "idl/clamp_control_adaptor.h"
+#include "idl/sender_filter.hpp"
 
 namespace clampcontrolclient {
 namespace {
@@ -132,6 +133,9 @@ private:
                 std::string("type='signal',sender='") + names::kDbusName + "',interface='" +
                     names::kDbusInterface + "',member='NameOwnerChanged'",
                 [this](sdbus::Message& message) {
+                    if (!senderFilter_.Accept(message, idl::kBusDaemonName)) {
+                        return;
+                    }
                     std::string name;
                     std::string oldOwner;
                     std::string newOwner;
@@ -178,6 +182,7 @@ private:
         bool GetState() override { return owner_.ClampState(); }
 
         Impl& owner_;
+        idl::SenderFilter senderFilter_{"ClampControlService"};
         sdbus::Slot leaverWatch_;
     };
 

@@ -18,9 +18,6 @@ std::string BusAddress() {
     if (const char* address = Environment("KELVANE_DBUS_ADDRESS")) {
         return address;
     }
-    if (const char* address = Environment("DBUS_SESSION_BUS_ADDRESS")) {
-        return address;
-    }
     return kSystemBus;
 }
 

@@ -49,7 +49,7 @@ const char* const kOverview =
     "\n"
     "Every command takes --state DIR (default $KELVANE_VEHICLE_STATE, else\n"
     "./vehicle-state). 'kelvane-vehicle-sim COMMAND --help' shows its options.\n"
-    "The bus: KELVANE_DBUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS, else the system bus.\n"
+    "The bus: KELVANE_DBUS_ADDRESS, else the system bus.\n"
     "Exit codes: 0 success, 1 failure, 2 bad command line.\n";
 
 int UsageError(const std::string& reason) {

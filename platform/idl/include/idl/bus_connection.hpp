@@ -10,7 +10,8 @@
 namespace idl {
 
 /// The bus the vehicle services live on: KELVANE_DBUS_ADDRESS when set, else
-/// DBUS_SESSION_BUS_ADDRESS when set, else the system bus.
+/// the system bus. DBUS_SESSION_BUS_ADDRESS is ignored on purpose: a stray
+/// variable must not move us onto a bus where anyone may own the names.
 std::string BusAddress();
 
 /// A new connection to BusAddress(). Throws sdbus::Error when the bus cannot be reached.
