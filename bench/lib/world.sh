@@ -213,6 +213,7 @@ token = $world_token
 url = $backend/zelk/dlc/feedback
 token = $world_token
 INI
+    chmod 600 "$work/vi-connector.ini" # it holds tokens: the connector refuses it otherwise
     printf '[supervision]\nkeep_alive_period_ms = %s\n' "$2" >"$work/phm.ini"
 }
 

@@ -10,6 +10,7 @@
 
 #include "ini_file_reader/ini_file_reader.hpp"
 #include "loopback_host.hpp"
+#include "secret_file.hpp"
 
 namespace vi_connector {
 namespace {
@@ -59,6 +60,15 @@ public:
         long number = static_cast<long>(out);
         Number(section, key, min, max, number);
         out = static_cast<T>(number);
+    }
+
+    void Flag(const std::string& section, const std::string& key, bool& out) {
+        const std::string value = ini_.Get(section, key, out ? "true" : "false");
+        if (value == "true" || value == "false") {
+            out = value == "true";
+        } else {
+            Fail("[" + section + "] " + key + "='" + value + "' is neither true nor false");
+        }
     }
 
     void OnlyKeys(const std::string& section, const std::set<std::string>& known) {
@@ -155,16 +165,16 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     if (mqtt.reconnectDelayMaxMs < mqtt.reconnectDelayMinMs) {
         read.Fail("[mqtt] reconnect_delay_max_ms is below reconnect_delay_min_ms");
     }
-    const std::string allowPlaintext = ini.Get("mqtt", "allow_plaintext", "false");
-    if (allowPlaintext == "true") {
-        mqtt.allowPlaintext = true;
-    } else if (allowPlaintext != "false") {
-        read.Fail("[mqtt] allow_plaintext='" + allowPlaintext + "' is neither true nor false");
-    }
+    read.Flag("mqtt", "allow_plaintext", mqtt.allowPlaintext);
     if (mqtt.tlsCaFile.empty() && !mqtt.allowPlaintext && !IsLoopbackHost(mqtt.host)) {
         read.Fail("[mqtt] host='" + mqtt.host +
                   "' is not on loopback and tls_ca_file is not set: push messages would "
                   "cross the network in plain text (set allow_plaintext = true to accept that)");
+    }
+    // libmosquitto opens the key itself: it is held to the rule here.
+    std::string keyProblem;
+    if (!mqtt.tlsKeyFile.empty() && !CheckSecretFile(mqtt.tlsKeyFile, keyProblem)) {
+        read.Fail("[mqtt] tls_key_file: " + keyProblem);
     }
     if (mqtt.clientId.empty()) {
         mqtt.clientId = DeviceClientId();
@@ -192,12 +202,14 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
             continue;
         }
         const std::string id = section.substr(std::string(kTransactionPrefix).size());
-        read.OnlyKeys(section, {"url", "token", "token_file", "token_credential"});
+        read.OnlyKeys(section,
+                      {"url", "token", "token_file", "token_credential", "allow_plaintext"});
         TransactionSettings transaction;
         read.Text(section, "url", transaction.url);
         read.Text(section, "token", transaction.token);
         read.Text(section, "token_file", transaction.tokenFile);
         read.Text(section, "token_credential", transaction.tokenCredential);
+        read.Flag(section, "allow_plaintext", transaction.allowPlaintext);
         if (transaction.url.empty()) {
             read.Fail("[" + section + "] has no url");
         }
@@ -211,6 +223,21 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
             !IsCredentialName(transaction.tokenCredential)) {
             read.Fail("[" + section + "] token_credential='" + transaction.tokenCredential +
                       "' is not a plain file name");
+        }
+        if (SchemeOfUrl(transaction.url) == "http" && !transaction.allowPlaintext &&
+            !IsLoopbackHost(HostOfUrl(transaction.url))) {
+            read.Fail("[" + section + "] url='" + transaction.url +
+                      "' is plain http to a host that is not on loopback: its bearer token would "
+                      "cross the network in plain text (use https://, or set allow_plaintext = "
+                      "true to accept that)");
+        }
+        // This file then holds a secret itself.
+        std::string fileProblem;
+        if (!transaction.token.empty() && !CheckSecretFile(path, fileProblem)) {
+            read.Fail("[" + section +
+                      "] has an inline token, so this file must be kept like a "
+                      "token file: " +
+                      fileProblem);
         }
         config.transactions[id] = transaction;
     }

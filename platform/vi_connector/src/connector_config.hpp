@@ -47,6 +47,7 @@ struct TransactionSettings {
     std::string token;            // inline, or
     std::string tokenFile;        // read at every GetToken (rotated tokens are picked up), or
     std::string tokenCredential;  // $CREDENTIALS_DIRECTORY/<name>, read like tokenFile
+    bool allowPlaintext = false;  // an http:// url to a remote host is refused otherwise
 };
 
 /// An MQTT client id of this device: stable, and different from machine to

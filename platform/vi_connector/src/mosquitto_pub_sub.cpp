@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "csc_logging/csc_logging.hpp"
+#include "tls_policy.hpp"
 
 namespace vi_connector {
 namespace {
@@ -258,7 +259,8 @@ bool MosquittoPubSub::CreateClient() {
             // Stated, not left to library defaults: the chain and the broker's
             // name must both match.
             if (rc == MOSQ_ERR_SUCCESS) {
-                rc = mosquitto_tls_opts_set(client, 1 /* SSL_VERIFY_PEER */, nullptr, nullptr);
+                rc = mosquitto_tls_opts_set(client, 1 /* SSL_VERIFY_PEER */, kTlsMinimumVersionName,
+                                            kTls12Ciphers);
             }
             if (rc == MOSQ_ERR_SUCCESS) {
                 rc = mosquitto_tls_insecure_set(client, false);

@@ -21,6 +21,7 @@
 #include "secret_file.hpp"
 #include "sigpipe_block.hpp"
 #include "tcp_connect.hpp"
+#include "tls_policy.hpp"
 
 namespace vi_connector {
 namespace {
@@ -131,8 +132,11 @@ std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& set
         return nullptr;
     }
     std::unique_ptr<TlsConnector> connector(new TlsConnector(context));
-    SSL_CTX_set_min_proto_version(context,
-                                  settings.minVersion == 13 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    if (!ApplyTlsPolicy(context) || (settings.minVersion == 13 &&
+                                     SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) != 1)) {
+        error = "cannot apply the TLS policy: " + OpenSslError();
+        return nullptr;
+    }
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);

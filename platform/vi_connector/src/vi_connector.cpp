@@ -10,6 +10,7 @@
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 #include "tls_connector.hpp"
+#include "tls_policy.hpp"
 
 namespace vi_connector {
 namespace {
@@ -51,17 +52,6 @@ void TrimTrailingSpace(std::string& token) {
     }
 }
 
-void WarnAboutPlainTextUrls(const ConnectorConfig& config) {
-    for (const auto& [id, transaction] : config.transactions) {
-        if (SchemeOfUrl(transaction.url) == "http" && !IsLoopbackHost(HostOfUrl(transaction.url))) {
-            CSCLogging::Warning("VIConnector: [transaction " + id + "] sends plain http to " +
-                                HostOfUrl(transaction.url) +
-                                ", which is not on loopback: its bearer token crosses the "
-                                "network unencrypted");
-        }
-    }
-}
-
 MosquittoPubSub& PubSubOf(std::mutex& mutex, std::unique_ptr<MosquittoPubSub>& pubSub) {
     std::lock_guard<std::mutex> lock(mutex);
     if (!pubSub) {
@@ -95,6 +85,7 @@ void VIConnector::Start() {
     }
     sessionStatus_.store(SessionStatus::kStarting);
     startThread_ = std::thread([this] {
+        UseSecureHeapForKeys();  // before the backend's key, and the broker's after Start()
         std::string error;
         auto loaded = ConnectorConfig::Load(configPath_, error);
         SessionStatus status = SessionStatus::kRejected;
@@ -112,7 +103,6 @@ void VIConnector::Start() {
             }
         }
         if (loaded) {
-            WarnAboutPlainTextUrls(*loaded);
             std::lock_guard<std::mutex> lock(mutex_);
             config_ = std::make_shared<const ConnectorConfig>(std::move(*loaded));
             tls_ = std::move(tls);

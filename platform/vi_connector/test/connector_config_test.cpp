@@ -22,8 +22,19 @@ using kelvane::testing::TemporaryDirectory;
 
 TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
     TemporaryDirectory dir;
-    const std::string transaction = "[transaction T]\nurl=http://h/p\ntoken=t\n";
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    const std::string transaction = "[transaction T]\nurl=https://h/p\ntoken=t\n";
+    const auto plain = [](const std::string& url) {
+        return "[transaction T]\nurl=" + url + "\ntoken=t\n";
+    };
+    const auto mqttKey = "[mqtt]\ntls_ca_file=/etc/ca.pem\ntls_key_file=";
+    const auto key = dir.Write("mqtt.key", "k");
+    ASSERT_EQ(::symlink(key.c_str(), dir.File("key-link").c_str()), 0);
+    struct Case {
+        std::string content;
+        std::string problem;  // empty: accepted
+        mode_t mode = 0600;   // of the file itself
+    };
+    const std::vector<Case> cases = {
         {"[mqtt]\nport=70000\n" + transaction,
          "[mqtt] port='70000' is not a number from 1 to 65535"},
         {"[mqtt]\nhots=x\n" + transaction, "unknown key 'hots' in [mqtt]"},
@@ -31,11 +42,11 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {"[connection_state]\nmode=maybe\n" + transaction,
          "[connection_state] mode='maybe' is neither probe nor fixed"},
         {"[transaction T]\ntoken=t\n", "[transaction T] has no url"},
-        {"[transaction T]\nurl=http://h/p\n",
+        {"[transaction T]\nurl=https://h/p\n",
          "[transaction T] needs exactly one of token, token_file and token_credential"},
         {"[mqtt]\n", "no [transaction <id>] section"},
         {"", "cannot open file: No such file or directory"},
-        {"[transaction T]\nurl=http://h/p\ntoken_credential=../etc/shadow\n",
+        {"[transaction T]\nurl=https://h/p\ntoken_credential=../etc/shadow\n",
          "is not a plain file name"},
         {"[mqtt]\nhost=broker.example\n" + transaction, "allow_plaintext = true"},
         {"[mqtt]\nhost=10.0.0.1\n" + transaction, "[mqtt] host='10.0.0.1' is not on loopback"},
@@ -43,15 +54,38 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {"[mqtt]\nhost=broker.example\ntls_ca_file=/etc/ca.pem\n" + transaction, ""},
         {"[mqtt]\nhost=127.3.2.1\n" + transaction, ""},
         {"[mqtt]\nhost=::1\n" + transaction, ""},
+        // A bearer token crosses the network in plain text only when asked to.
+        {plain("http://backend.example/p"),
+         "[transaction T] url='http://backend.example/p' is plain http to a host that is not on "
+         "loopback"},
+        {plain("HTTP://10.0.0.1:80/p"), "set allow_plaintext = true"},
+        {plain("http://10.0.0.1/p") + "allow_plaintext=yes\n",
+         "[transaction T] allow_plaintext='yes' is neither true nor false"},
+        {plain("http://10.0.0.1/p") + "allow_plaintext=true\n", ""},
+        {plain("http://[::1]:8080/p"), ""},
+        // Secret files: the key libmosquitto opens, and this file once it holds a token.
+        {mqttKey + key + "\n" + transaction, ""},
+        {mqttKey + dir.File("key-link") + "\n" + transaction,
+         "[mqtt] tls_key_file: '" + dir.File("key-link") +
+             "' cannot be opened: it is a symbolic "
+             "link"},
+        {transaction, "", 0640},
+        {transaction,
+         "[transaction T] has an inline token, so this file must be kept like a "
+         "token file: '",
+         0604},
+        {transaction, "can be written by group or others", 0620},
+        {"[transaction T]\nurl=https://h/p\ntoken_file=/t\n", "", 0666},
     };
-    for (const auto& [content, problem] : cases) {
+    for (const auto& [content, problem, mode] : cases) {
         SCOPED_TRACE(content);
         const auto path = content.empty() ? dir.File("none.ini") : dir.Write("vi.ini", content);
+        ::chmod(path.c_str(), mode);
         std::string error;
 
         const auto config = ConnectorConfig::Load(path, error);
 
-        EXPECT_EQ(config.has_value(), problem.empty());
+        EXPECT_EQ(config.has_value(), problem.empty()) << error;
         if (!problem.empty()) {
             EXPECT_EQ(error.rfind(path + ": ", 0), 0U) << error;
             EXPECT_NE(error.find(problem), std::string::npos) << error;
@@ -83,10 +117,12 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     ::chmod(credentials.Write("backend-token", "from-systemd\n").c_str(), 0400);
     const ScopedEnvironment credentialsDirectory("CREDENTIALS_DIRECTORY", credentials.Path());
     // The token line, the token it gives (empty: refused) and the line logged.
-    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+    std::vector<std::tuple<std::string, std::string, std::string>> cases = {
         {file("good", "abc-._~+/XYZ09==\n", 0600), "abc-._~+/XYZ09==", ""},
         {file("crlf", "abc\r\n", 0600), "abc", ""},  // the file's own line end is not part of it
-        {file("shared", "abc\n", 0644), "abc", "can be read by group or others"},
+        {file("group", "abc\n", 0640), "abc", ""},   // root:kelvane 0640
+        {file("shared", "abc\n", 0644), "", "can be read by others"},
+        {file("writable", "abc\n", 0620), "", "can be written by group or others"},
         {file("header", "abc\r\nX-Evil: 1\n", 0600), "", "token for " + std::string(kId)},
         {file("space", "hunter token\n", 0600), "", "holds characters"},
         {file("nul", std::string("hun\0ter", 7), 0600), "", "holds characters"},
@@ -99,11 +135,12 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
         {"token_file=" + dir.File("missing"), "", "cannot be opened"},
         {"token=inline with-space", "", "from the inline token of"},
         {"token_credential=backend-token", "from-systemd", ""},
-        // Plain http is named only where it leaves the host.
-        {"token=t\n[transaction Remote]\nurl=http://backend.example/p\ntoken=t\n"
-         "[transaction Tls]\nurl=https://backend.example/p\ntoken=t",
-         "t", "[transaction Remote] sends plain http to backend.example"},
     };
+    if (::geteuid() == 0) {
+        const auto foreign = file("foreign", "abc\n", 0600);
+        ASSERT_EQ(::chown(dir.File("foreign").c_str(), 65534, 65534), 0);
+        cases.emplace_back(foreign, "", "is owned by uid 65534, neither root nor the service user");
+    }
     for (const auto& [tokenLine, token, logged] : cases) {
         SCOPED_TRACE(tokenLine);
         csc_logging::LogCapture log;

@@ -6,9 +6,10 @@
 namespace kelvane::testing {
 
 /// Throwaway PKI for TLS tests, made with the openssl tool in `directory`
-/// (P-256 keys, PEM files):
+/// (P-256 keys unless told, PEM files):
 ///   ca.pem                   the trusted CA
 ///   server.pem/.key          for 127.0.0.1 and localhost, issued by ca
+///   server-rsa.pem/.key      the same with an RSA 2048 key
 ///   client.pem/.key          client certificate, issued by ca
 ///   other-name.pem/.key      for other.example only, issued by ca
 ///   expired.pem/.key         for 127.0.0.1, issued by ca, expired yesterday
