@@ -16,6 +16,7 @@
 #include "clampcontrolclient/clamp_control_callback_if.hpp"
 #include "clampcontrolclient/clamp_control_client.hpp"
 #include "clampcontrolclient/clamp_control_service.hpp"
+#include "idl/bus_connection.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/scoped_environment.hpp"
 #include "test_support/temporary_directory.hpp"
@@ -167,6 +168,16 @@ TEST(DbusPolicy, TheServiceUserReachesExactlyTheMethodsTheClientCallsAndOthersAr
         EXPECT_EQ(bus.CallAs("daemon", "daemon", kUnrelated, kDiag + ".GetStatus"), "reached");
         EXPECT_EQ(bus.CallAs("nobody", "nogroup", kUnrelated, kDiag + ".GetStatus"), "reached");
     }
+}
+
+TEST(DbusPolicy, OnlyKelvaneDbusAddressMovesUsOffTheSystemBus) {
+    kelvane::testing::ScopedEnvironment stray("DBUS_SESSION_BUS_ADDRESS", "unix:path=/tmp/stray");
+    {
+        kelvane::testing::ScopedEnvironment unset("KELVANE_DBUS_ADDRESS", std::nullopt);
+        EXPECT_EQ(idl::BusAddress(), "system");
+    }
+    kelvane::testing::ScopedEnvironment ours("KELVANE_DBUS_ADDRESS", "unix:path=/tmp/ours");
+    EXPECT_EQ(idl::BusAddress(), "unix:path=/tmp/ours");
 }
 
 class RecordingClampCallback : public clampcontrolclient::ClampControlCallbackIf {
