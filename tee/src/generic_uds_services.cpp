@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "ara/com/application_error_exception.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "service_call.hpp"
 #include "tee/access_status.hpp"
 
 namespace qervo::tee {
@@ -56,46 +56,26 @@ std::string TesmoIdPath() {
 }
 
 GenericUdsServices::GenericUdsServices(std::string tesmoIdPath, ServiceBinding<Proxy> binding)
-    : tesmoIdPath_(std::move(tesmoIdPath)), binding_(std::move(binding)) {}
+    : tesmoIdPath_(std::move(tesmoIdPath)), service_("GenericUdsService", std::move(binding)) {}
 
-GenericUdsServices::~GenericUdsServices() {
-    if (findServiceHandle_) {
-        binding_.stopFindService(*findServiceHandle_);
-    }
-}
+GenericUdsServices::~GenericUdsServices() = default;
 
 void GenericUdsServices::Initialize() {
     CSCLogging::Info("GenericUdsServices::Initialize()");
-    if (findServiceHandle_) {
-        binding_.stopFindService(*std::exchange(findServiceHandle_, std::nullopt));
-    }
-    findServiceHandle_ = binding_.startFindService(
-        [this](ara::com::ServiceHandleContainer<Proxy::HandleType> handles,
-               ara::com::FindServiceHandle) { OnAvailability(handles); });
-}
-
-void GenericUdsServices::OnAvailability(
-    const ara::com::ServiceHandleContainer<Proxy::HandleType>& handles) {
-    if (handles.empty()) {
-        CSCLogging::Info("GenericUdsService service stopped");
-        std::atomic_store(&proxy_, std::shared_ptr<Proxy>());
-        return;
-    }
-    std::atomic_store(&proxy_, binding_.createProxy(handles.front()));
-    CSCLogging::Info("GenericUdsService service found");
+    service_.Start();
 }
 
 bool GenericUdsServices::IsReady() const {
-    return std::atomic_load(&proxy_) != nullptr;
+    return service_.IsReady();
 }
 
 std::uint8_t GenericUdsServices::ecu_get_part_number(std::string& partNumber) {
-    const auto proxy = std::atomic_load(&proxy_);
+    const auto proxy = service_.Current();
     if (!proxy) {
         CSCLogging::Error("ecu_get_part_number_from_dm() Error! genericuds service is not ready");
         return access_status::kNotAvailable;
     }
-    try {
+    return CallService("ecu_get_part_number_from_dm() Exception=", [&] {
         const auto response =
             proxy->HandleMessage(kReadDataByIdentifier, kSparePartNumberIdentifier)
                 .get()
@@ -114,12 +94,7 @@ std::uint8_t GenericUdsServices::ecu_get_part_number(std::string& partNumber) {
         text.erase(end == std::string::npos ? 0 : end + 1);
         CSCLogging::Info(CSCLogEntry() << "ecu_get_part_number_from_dm(2) part number: " << text);
         partNumber = text;
-        return access_status::kOk;
-    } catch (const ara::com::ApplicationErrorException& error) {
-        CSCLogging::Error(CSCLogEntry()
-                          << "ecu_get_part_number_from_dm() Exception=" << error.what());
-        return static_cast<std::uint8_t>(error.Error().Value());
-    }
+    });
 }
 
 std::uint8_t GenericUdsServices::ecu_get_diagnostic_id(std::string& diagnosticId) {

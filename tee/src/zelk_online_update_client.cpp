@@ -15,28 +15,35 @@ namespace {
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 
+template <typename Errc>
+constexpr std::uint8_t Code(Errc error) {
+    return static_cast<std::uint8_t>(error);
+}
+
+// Every error the diagnostic service declares is a key-management failure.
 bool IsDiagServicesApplicationError(std::uint8_t status) {
+    using Errc = zelk::interfaces::diagservices::DiagServicesErrc;
     switch (status) {
-        case 1:
-        case 21:
-        case 23:
-        case 24:
-        case 28:
-        case 29:
-        case 30:
-        case 31:
-        case 32:
-        case 33:
-        case 34:
-        case 35:
-        case 36:
-        case 40:
-        case 41:
-        case 42:
-        case 50:
-        case 51:
-        case 53:
-        case 54:
+        case Code(Errc::ZELK_ERROR_GENERAL):
+        case Code(Errc::ZELK_ERROR_TYPEID_NOT_SUPPORTED):
+        case Code(Errc::ZELK_ERROR_BUSY):
+        case Code(Errc::ZELK_ERROR_PRECONDITION_NOT_MET):
+        case Code(Errc::ZELK_ERROR_NVM_WRITE_FAILED):
+        case Code(Errc::ZELK_ERROR_PERSIST_KEY_STORAGE_FAILED):
+        case Code(Errc::ZELK_ERROR_DLC_INVALID_MAC):
+        case Code(Errc::ZELK_ERROR_DLC_MALFORMATTED):
+        case Code(Errc::ZELK_ERROR_DLC_DEPRECATED):
+        case Code(Errc::ZELK_ERROR_DLC_VERIFICATION_MISMATCH):
+        case Code(Errc::ZELK_ERROR_DLC_UNSUPPORTED_VERSION):
+        case Code(Errc::ZELK_ERROR_DLC_KEYGENUS_NOT_DERIVABLE):
+        case Code(Errc::ZELK_ERROR_DLC_MISSING_KEY):
+        case Code(Errc::ZELK_ERROR_CONFIG_NVM_RAM_BUFFER_SIZE_TOO_SMALL):
+        case Code(Errc::ZELK_ERROR_CONFIG_MAX_DLC_LENGTH_TOO_SMALL):
+        case Code(Errc::ZELK_ERROR_CONFIG_TYPEID_NOT_CONFIGURED):
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_BUSY):
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_QUEUE_FULL):
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_KEY_WRITE_FAIL):
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH):
             return true;
         default:
             return false;
@@ -189,20 +196,21 @@ ClientError ZELKOnlineUpdateClient::diagServicesErrorToClientError(std::uint8_t 
 
 ClientError ZELKOnlineUpdateClient::typeidAccessServicesErrorToClientError(
     std::uint8_t status) const {
+    using Errc = zelk::interfaces::typeidaccess::TypeIdAccessErrc;
     switch (status) {
         case access_status::kNotAvailable:
             return ClientError::CLIENT_ERROR_NOT_READY;
         case access_status::kUnknownTypeId:
             return ClientError::CLIENT_ERROR_PARAMETER;
-        case 2:
-        case 20:
-        case 21:
-        case 22:
-        case 23:
-        case 27:
+        case Code(Errc::ZELK_ERROR_GENERAL):
+        case Code(Errc::ZELK_ERROR_INVALID_TYPEID):
+        case Code(Errc::ZELK_ERROR_TYPEID_NOT_SUPPORTED):
+        case Code(Errc::ZELK_ERROR_CORRUPTED_KEY_DATA):
+        case Code(Errc::ZELK_ERROR_BUSY):
+        case Code(Errc::ZELK_ERROR_UNEXPECTED_GENUS):
             return ClientError::CLIENT_ERROR_TYPEID_ACCESS;
-        case 50:
-        case 51:
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_BUSY):
+        case Code(Errc::ZELK_ERROR_CRYPTO_E_QUEUE_FULL):
             return ClientError::CLIENT_ERROR_ZELK;
         default:
             return ClientError::CLIENT_OK;

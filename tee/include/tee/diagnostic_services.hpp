@@ -2,12 +2,11 @@
 #define TEE_DIAGNOSTIC_SERVICES_HPP
 
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <vector>
 
 #include "tee/diagnostic_services_if.hpp"
 #include "tee/service_binding.hpp"
+#include "tee/service_tracker.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 
 namespace qervo::tee {
@@ -37,13 +36,7 @@ public:
     std::uint8_t zelk_get_zelk_vin(std::vector<std::uint8_t>& vin) override;
 
 private:
-    void OnAvailability(const ara::com::ServiceHandleContainer<Proxy::HandleType>& handles);
-    std::shared_ptr<Proxy> CurrentProxy() const;
-
-    ServiceBinding<Proxy> binding_;
-    // Swapped by the availability handler on the ara::com thread, copied by calls.
-    std::shared_ptr<Proxy> proxy_;
-    std::optional<ara::com::FindServiceHandle> findServiceHandle_;
+    ServiceTracker<Proxy> service_;
 };
 
 }  // namespace qervo::tee

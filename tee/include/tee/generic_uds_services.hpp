@@ -2,13 +2,12 @@
 #define TEE_GENERIC_UDS_SERVICES_HPP
 
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <string>
 
 #include "ac/dm/genericuds/genericuds_proxy.hpp"
 #include "tee/generic_uds_services_if.hpp"
 #include "tee/service_binding.hpp"
+#include "tee/service_tracker.hpp"
 
 namespace qervo::tee {
 
@@ -43,13 +42,8 @@ public:
     std::uint8_t ecu_get_tesmo_id_string(std::string& tesmoIdString) override;
 
 private:
-    void OnAvailability(const ara::com::ServiceHandleContainer<Proxy::HandleType>& handles);
-
     std::string tesmoIdPath_;
-    ServiceBinding<Proxy> binding_;
-    // Swapped by the availability handler on the ara::com thread, copied by calls.
-    std::shared_ptr<Proxy> proxy_;
-    std::optional<ara::com::FindServiceHandle> findServiceHandle_;
+    ServiceTracker<Proxy> service_;
 };
 
 }  // namespace qervo::tee

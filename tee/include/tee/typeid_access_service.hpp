@@ -2,11 +2,10 @@
 #define TEE_TYPEID_ACCESS_SERVICE_HPP
 
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <string>
 
 #include "tee/service_binding.hpp"
+#include "tee/service_tracker.hpp"
 #include "tee/typeid_access_service_if.hpp"
 #include "tee/zelk_online_update_api.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
@@ -37,12 +36,7 @@ public:
     std::uint8_t zelk_get_certificate(const std::string& typeId, std::string& certificate) override;
 
 private:
-    void OnAvailability(const ara::com::ServiceHandleContainer<Proxy::HandleType>& handles);
-
-    ServiceBinding<Proxy> binding_;
-    // Swapped by the availability handler on the ara::com thread, copied by calls.
-    std::shared_ptr<Proxy> proxy_;
-    std::optional<ara::com::FindServiceHandle> findServiceHandle_;
+    ServiceTracker<Proxy> service_;
 };
 
 }  // namespace qervo::tee
