@@ -22,7 +22,8 @@ TEST(ServiceAccessorsTest, ReadinessFollowsTheSearchAndCallsWithoutTheServiceGiv
          "DiagnosticServices service stopped", "DiagnosticServices::Initialize()"},
         [&](DiagnosticServices& sut) {
             EXPECT_EQ(sut.zelk_handle_dlc(Bytes{1}), 101);
-            EXPECT_EQ(sut.zelk_get_identity_hash(output, Bytes(16)), 101);
+            // The service is asked for before the challenge is checked.
+            EXPECT_EQ(sut.zelk_get_identity_hash(output, Bytes(15)), 101);
             EXPECT_EQ(sut.zelk_get_pss_hash(output), 101);
             EXPECT_EQ(sut.zelk_get_training_counter(counter), 101);
             EXPECT_EQ(sut.zelk_get_zelk_vin(output), 101);
@@ -32,7 +33,8 @@ TEST(ServiceAccessorsTest, ReadinessFollowsTheSearchAndCallsWithoutTheServiceGiv
          "zelk_get_certificate() Error! typeidaccess service is not ready",
          "TypeidAccessService service found", "TypeidAccessService service stopped",
          "TypeidAccessService::Initialize()"},
-        [&](TypeidAccessService& sut) { EXPECT_EQ(sut.zelk_get_certificate("BASE", text), 101); });
+        // An unknown type id too: the service is asked for first.
+        [&](TypeidAccessService& sut) { EXPECT_EQ(sut.zelk_get_certificate("nope", text), 101); });
     ExpectReadinessFollowsTheSearch<GenericUdsServices, MockGenericUDSServiceProxy>(
         {"GenericUdsServices::Initialize()",
          "ecu_get_part_number_from_dm() Error! genericuds service is not ready",

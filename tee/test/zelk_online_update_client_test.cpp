@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <numeric>
+#include <set>
 #include <thread>
 
 #include "ara/com/com_error_domain.hpp"
@@ -60,31 +61,31 @@ protected:
     ZELKOnlineUpdateClient sut_{Dependencies()};
 };
 
-// The statuses no call below comes back with.
-TEST_F(ClientTest, AccessorStatusesMapToClientErrorsAndUnlistedOnesCountAsSuccess) {
-    using Mapping = ClientError (ZELKOnlineUpdateClient::*)(std::uint8_t) const;
-    const Mapping diag = &ZELKOnlineUpdateClient::diagServicesErrorToClientError;
-    const Mapping typeId = &ZELKOnlineUpdateClient::typeidAccessServicesErrorToClientError;
-    const Mapping uds = &ZELKOnlineUpdateClient::getericUdsAccessErrorToClientError;
-    const struct {
-        const char* name;
-        Mapping mapping;
-        std::uint8_t status;
-        ClientError expected;
-    } rows[] = {
-        {"diag not available", diag, 101, E::CLIENT_ERROR_NOT_READY},
-        {"diag 102", diag, 102, E::CLIENT_ERROR_TYPEID_ACCESS},
-        {"diag gap", diag, 22, E::CLIENT_OK},
-        {"typeid not available", typeId, 101, E::CLIENT_ERROR_NOT_READY},
-        {"typeid first listed", typeId, 2, E::CLIENT_ERROR_TYPEID_ACCESS},
-        {"typeid last listed", typeId, 27, E::CLIENT_ERROR_TYPEID_ACCESS},
-        {"typeid zelk", typeId, 51, E::CLIENT_ERROR_ZELK},
-        {"typeid 1", typeId, 1, E::CLIENT_OK},
-        {"uds not available", uds, 101, E::CLIENT_ERROR_NOT_READY},
-        {"uds 103", uds, 103, E::CLIENT_OK},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ((sut_.*row.mapping)(row.status), row.expected) << row.name;
+// Every status, as the three tables give it: a dropped or added case anywhere fails.
+TEST_F(ClientTest, EveryStatusMapsAsItsAccessorsTableSaysAndUnlistedOnesCountAsSuccess) {
+    const std::set<int> diagErrors = {1,  21, 23, 24, 28, 29, 30, 31, 32, 33,
+                                      34, 35, 36, 40, 41, 42, 50, 51, 53, 54};
+    const std::set<int> typeIdStoreErrors = {2, 20, 21, 22, 23, 27};
+    const auto listed = [](const std::set<int>& set, int status) { return set.count(status) != 0; };
+    for (int status = 0; status <= 255; ++status) {
+        const auto s = static_cast<std::uint8_t>(status);
+        const ClientError diag = status == 101                ? E::CLIENT_ERROR_NOT_READY
+                                 : status == 102              ? E::CLIENT_ERROR_TYPEID_ACCESS
+                                 : status == 103              ? E::CLIENT_ERROR_PARAMETER
+                                 : listed(diagErrors, status) ? E::CLIENT_ERROR_ZELK
+                                                              : E::CLIENT_OK;
+        const ClientError typeId = status == 101   ? E::CLIENT_ERROR_NOT_READY
+                                   : status == 102 ? E::CLIENT_ERROR_PARAMETER
+                                   : listed(typeIdStoreErrors, status)
+                                       ? E::CLIENT_ERROR_TYPEID_ACCESS
+                                   : status == 50 || status == 51 ? E::CLIENT_ERROR_ZELK
+                                                                  : E::CLIENT_OK;
+        const ClientError uds = status == 101   ? E::CLIENT_ERROR_NOT_READY
+                                : status == 102 ? E::CLIENT_ERROR_ECU_DATA
+                                                : E::CLIENT_OK;
+        EXPECT_EQ(sut_.diagServicesErrorToClientError(s), diag) << status;
+        EXPECT_EQ(sut_.typeidAccessServicesErrorToClientError(s), typeId) << status;
+        EXPECT_EQ(sut_.getericUdsAccessErrorToClientError(s), uds) << status;
     }
 }
 
