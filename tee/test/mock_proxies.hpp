@@ -10,10 +10,13 @@
 #include <vector>
 
 #include "ac/dm/genericuds/genericuds_proxy.hpp"
+#include "ac/dm/genericuds/genericuds_skeleton.hpp"
 #include "csc_logging/log_capture.hpp"
 #include "tee/service_binding.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
+#include "zelk/interfaces/diagservices/diagservices_skeleton.hpp"
 #include "zelk/interfaces/typeidaccess/typeidaccess_proxy.hpp"
+#include "zelk/interfaces/typeidaccess/typeidaccess_skeleton.hpp"
 
 namespace qervo::tee {
 

@@ -1,6 +1,5 @@
-#include "zelk/interfaces/diagservices/diagservices_common.hpp"
-
 #include "service_domains.hpp"
+#include "zelk/interfaces/diagservices/diagservices_skeleton.hpp"
 
 namespace zelk::interfaces::diagservices {
 

@@ -1,5 +1,4 @@
-#include "ac/dm/genericuds/genericuds_common.hpp"
-
+#include "ac/dm/genericuds/genericuds_skeleton.hpp"
 #include "service_domains.hpp"
 
 namespace ac::dm::genericuds {

@@ -1,6 +1,5 @@
-#include "zelk/interfaces/typeidaccess/typeidaccess_common.hpp"
-
 #include "service_domains.hpp"
+#include "zelk/interfaces/typeidaccess/typeidaccess_skeleton.hpp"
 
 namespace zelk::interfaces::typeidaccess {
 

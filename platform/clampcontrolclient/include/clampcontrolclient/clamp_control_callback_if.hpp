@@ -3,8 +3,8 @@
 
 namespace clampcontrolclient {
 
-/// Notifications of the clamp control client, made on its bus thread (the
-/// first connection state also from Start()).
+/// Notifications of the clamp control client, made on a thread of its own
+/// (the host's: its bus thread, and the first connection state from Start()).
 class ClampControlCallbackIf {
 public:
     virtual ~ClampControlCallbackIf() = default;

@@ -23,10 +23,6 @@ enum class GenericUDSServiceErrc : std::int32_t {
     UDSServiceFailed = 2,
 };
 
-/// The exception a skeleton throws to answer with `errc`
-/// (what() is "GenericUDSService::UDSServiceFailed::2").
-ara::com::ApplicationErrorException MakeApplicationError(GenericUDSServiceErrc errc);
-
 }  // namespace ac::dm::genericuds
 
 #endif  // AC_DM_GENERICUDS_GENERICUDS_COMMON_HPP

@@ -12,6 +12,14 @@ namespace ara::com::internal {
 class SkeletonBinding;
 }
 
+namespace ac::dm::genericuds {
+
+/// The exception a skeleton throws to answer with `errc`
+/// (what() is "GenericUDSService::UDSServiceFailed::2").
+ara::com::ApplicationErrorException MakeApplicationError(GenericUDSServiceErrc errc);
+
+}  // namespace ac::dm::genericuds
+
 namespace ac::dm::genericuds::skeleton {
 
 /// Server side of GenericUDSService; used like DiagServicesSkeleton (derive,

@@ -64,10 +64,6 @@ enum class DiagServicesErrc : std::int32_t {
     ZELK_ERROR_CRYPTO_E_KEY_SIZE_MISMATCH = 54,
 };
 
-/// The exception a skeleton throws to answer with `errc`
-/// (what() is e.g. "DiagServices::ZELK_ERROR_BUSY::23").
-ara::com::ApplicationErrorException MakeApplicationError(DiagServicesErrc errc);
-
 }  // namespace zelk::interfaces::diagservices
 
 #endif  // ZELK_INTERFACES_DIAGSERVICES_DIAGSERVICES_COMMON_HPP

@@ -13,6 +13,14 @@ namespace ara::com::internal {
 class SkeletonBinding;
 }
 
+namespace zelk::interfaces::diagservices {
+
+/// The exception a skeleton throws to answer with `errc`
+/// (what() is e.g. "DiagServices::ZELK_ERROR_BUSY::23").
+ara::com::ApplicationErrorException MakeApplicationError(DiagServicesErrc errc);
+
+}  // namespace zelk::interfaces::diagservices
+
 namespace zelk::interfaces::diagservices::skeleton {
 
 /// Server side of DiagServices: derive, implement the methods and call

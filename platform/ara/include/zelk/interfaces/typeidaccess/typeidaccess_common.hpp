@@ -39,10 +39,6 @@ enum class TypeIdAccessErrc : std::int32_t {
     ZELK_ERROR_CRYPTO_E_QUEUE_FULL = 51,
 };
 
-/// The exception a skeleton throws to answer with `errc`
-/// (what() is e.g. "TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20").
-ara::com::ApplicationErrorException MakeApplicationError(TypeIdAccessErrc errc);
-
 }  // namespace zelk::interfaces::typeidaccess
 
 #endif  // ZELK_INTERFACES_TYPEIDACCESS_TYPEIDACCESS_COMMON_HPP

@@ -11,6 +11,14 @@ namespace ara::com::internal {
 class SkeletonBinding;
 }
 
+namespace zelk::interfaces::typeidaccess {
+
+/// The exception a skeleton throws to answer with `errc`
+/// (what() is e.g. "TypeIdAccess::ZELK_ERROR_INVALID_TYPEID::20").
+ara::com::ApplicationErrorException MakeApplicationError(TypeIdAccessErrc errc);
+
+}  // namespace zelk::interfaces::typeidaccess
+
 namespace zelk::interfaces::typeidaccess::skeleton {
 
 /// Server side of TypeIdAccess; used like DiagServicesSkeleton (derive,
