@@ -10,6 +10,7 @@
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 #include "tls_connector.hpp"
+#include "wiped_string.hpp"
 
 namespace vi_connector {
 namespace {
@@ -160,6 +161,9 @@ TokenResult VIConnector::GetToken(const std::string& transactionTypeId) {
     }
     const auto& transaction = found->second;
     std::string token;
+    // The result takes the buffer; what stays here (a refused token, a short
+    // token's small-string copy) is wiped.
+    const WipeOnExit wipeToken(token);
     std::string source = "the inline token of " + configPath_;
     if (transaction.token.empty()) {
         std::string path = transaction.tokenFile;
