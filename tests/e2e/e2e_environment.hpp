@@ -27,7 +27,8 @@ constexpr std::size_t kRssLimitKiB = 48 * 1024;
 constexpr const char* kReady = "All subscriptions and connections ready";
 constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
-constexpr const char* kToken = "e2e-bearer-token";
+// As long as real tokens are, so that a copy outlives malloc's reuse of a freed block's start.
+constexpr const char* kToken = "e2e-bearer-token.eyJzdWIiOiJrZWx2YW5lLWNsaWVudCJ9";
 
 /// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
 /// the backend simulator and the real kelvane-client binary, each with its log
