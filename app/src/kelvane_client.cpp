@@ -8,6 +8,7 @@
 #include "app/transaction_types.hpp"
 #include "app/x509_validator.hpp"
 #include "base64_utils/base64_utils.hpp"
+#include "csa_common/secure_wipe.hpp"
 #include "csc_logging/csc_logging.hpp"
 
 namespace kelvane_client {
@@ -428,6 +429,7 @@ bool KelvaneClient::CheckConnectionState() const {
 std::string KelvaneClient::HandleDlcUpdate() {
     CSCLogging::Info("DLC Update Started");
     std::string token;
+    const csa_common::WipeOnExit wipeToken(token);
     std::string url;
     if (!GetTokenAndUrl(ChallengeRequestOperationTypeId, token, url)) {
         return {};
@@ -440,6 +442,7 @@ std::string KelvaneClient::HandleDlcUpdate() {
     std::string challenge;
     // Only the challenge text tells whether the exchange worked.
     static_cast<void>(backendConnection_->ChallengeRequest(token, url, challenge));
+    csa_common::SecureWipe(token);
     if (challenge.empty()) {
         CSCLogging::Error("Error downloading the challenge!");
         return {};
@@ -454,6 +457,7 @@ std::string KelvaneClient::HandleDlcUpdate() {
     }
 
     std::string downloadToken;
+    const csa_common::WipeOnExit wipeDownloadToken(downloadToken);
     std::string downloadUrl;
     if (!GetTokenAndUrl(DownloadRequestOperationTypeId, downloadToken, downloadUrl)) {
         return challenge;
@@ -466,6 +470,7 @@ std::string KelvaneClient::HandleDlcUpdate() {
     std::string container;
     static_cast<void>(
         backendConnection_->DownloadRequest(downloadToken, params, downloadUrl, container));
+    csa_common::SecureWipe(downloadToken);
     if (container.empty()) {
         CSCLogging::Error("Error downloading the container!");
         return challenge;
@@ -490,6 +495,7 @@ void KelvaneClient::SendStatusFeedBack(std::string challenge) {
     SetFeedbackParameters(params);
 
     std::string token;
+    const csa_common::WipeOnExit wipeToken(token);
     std::string url;
     if (!GetTokenAndUrl(StatusFeedbackOperationTypeId, token, url)) {
         return;
@@ -515,13 +521,16 @@ bool KelvaneClient::GetTokenAndUrl(const std::string& operationTypeId, std::stri
         return false;
     }
     // The platform's two calls use opposite success values.
-    const vi_connector::TokenResult tokenResult = viConnector_->GetToken(operationTypeId);
+    vi_connector::TokenResult tokenResult = viConnector_->GetToken(operationTypeId);
+    const csa_common::WipeOnExit wipeResult(tokenResult.token);
     if (tokenResult.status != kTokenOk) {
         CSCLogging::Error(CSCLogEntry() << "Failed to get the Token for '" << operationTypeId
                                         << "', status=" << tokenResult.status);
         return false;
     }
-    token = tokenResult.token;
+    // The caller wipes `token`; assigning would leave a second buffer.
+    csa_common::SecureWipe(token);
+    token.swap(tokenResult.token);
     CSCLogging::Info("Got Token for '" + operationTypeId + "'");
 
     const vi_connector::UrlResult urlResult = viConnector_->GetInvocationUrl(operationTypeId);

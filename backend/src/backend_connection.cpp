@@ -1,5 +1,7 @@
 #include "backend/backend_connection.hpp"
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "csa_common/http_connection.hpp"
@@ -33,6 +35,7 @@ constexpr const char* kDownloadAccept = "application/TTVI_CT_zelkDlcResponse_v3+
 constexpr const char* kFeedbackContentType =
     "application/TTVI_CO_ZelkDlcStatusFeedbackRequest_v3+proto";
 
+constexpr std::string_view kBearer = "Bearer ";
 constexpr std::uint16_t kHttpOk = 200;
 constexpr std::uint16_t kHttpNoContent = 204;
 constexpr char kHexDigits[] = "0123456789ABCDEF";
@@ -61,7 +64,13 @@ bool Run(const std::shared_ptr<vi_connector::VIConnector>& connector, const Exch
     if (exchange.accept != nullptr) {
         protocol.SetOption(HttpOption::Accept, exchange.accept);
     }
-    protocol.SetOption(HttpOption::Authorization, "Bearer " + token);
+    // One heap buffer, reserved whole and handed over by the moves (a small
+    // string would be copied instead, leaving the token on the stack);
+    // HttpProtocol wipes it.
+    std::string authorization;
+    authorization.reserve(std::max(kBearer.size() + token.size(), std::string().capacity() + 1));
+    authorization.append(kBearer).append(token);
+    protocol.SetOption(HttpOption::Authorization, std::move(authorization));
     // Without it the response would only end after a 10 s silence.
     protocol.SetOption(HttpOption::Connection, "close");
     protocol.SetOption(HttpOption::Payload, std::move(body));

@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "csa_common/secure_wipe.hpp"
+
 namespace csa_common {
 namespace {
 
@@ -25,6 +27,12 @@ HttpProtocol::HttpProtocol() {
     responseStatusCode = 0;
 }
 
+HttpProtocol::~HttpProtocol() {
+    SecureWipe(authorization);
+    SecureWipe(requestHeader);
+    SecureWipe(request);
+}
+
 void HttpProtocol::SetDefaultValues() {
     options = 0;
     skipResponsePayload = 0;
@@ -32,7 +40,7 @@ void HttpProtocol::SetDefaultValues() {
     payload.clear();
     host.clear();
     connection.clear();
-    authorization.clear();
+    SecureWipe(authorization);
     accept.clear();
     contentType = "text/html";
     contentLength = kActualContentLength;
@@ -69,6 +77,8 @@ void HttpProtocol::SetOption(HttpOption option, std::string value) {
             contentLength = std::move(value);
             break;
         case HttpOption::Authorization:
+            // The old buffer changes hands on the move and is freed with `value`.
+            SecureWipe(authorization);
             authorization = std::move(value);
             break;
         case HttpOption::Accept:
@@ -98,6 +108,7 @@ const std::string& HttpProtocol::Build(Method method) {
     const bool isPut = method == Method::kPut;
     const bool inlinePayload = (options & kFlagBit) != 0;
 
+    // Reserved whole: a growing string would free copies of the token unwiped.
     std::string out;
     out.reserve(256 + uri.size() + host.size() + contentType.size() + accept.size() +
                 authorization.size() + connection.size() + contentLength.size() + payload.size());
@@ -133,6 +144,8 @@ const std::string& HttpProtocol::Build(Method method) {
         }
     }
     out.append(kHeaderEnd);
+    SecureWipe(requestHeader);
+    SecureWipe(request);
     requestHeader = out;
     // A PUT waiting for "100 Continue" sends its body separately.
     if (!isPut || inlinePayload) {

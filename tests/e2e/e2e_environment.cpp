@@ -1,11 +1,13 @@
 #include "e2e_environment.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <iostream>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
+#include "test_support/process_memory.hpp"
 
 namespace kelvane::e2e {
 namespace {
@@ -16,7 +18,6 @@ using testing::FindProgram;
 using testing::ReadFile;
 using testing::WaitUntil;
 
-constexpr const char* kToken = "e2e-bearer-token";
 constexpr const char* kSecret = "e2e-shared-secret";
 
 std::size_t CountOccurrences(const std::string& haystack, const std::string& needle) {
@@ -148,6 +149,17 @@ void E2eEnvironment::ReplaceInConnectorConfig(const std::string& from, const std
         text.replace(at, from.size(), to);
     }
     directory_.Write("vi-connector.ini", text);
+}
+
+std::string E2eEnvironment::UseTokenFile() {
+    const std::string tokenFile = directory_.Write("backend.token", std::string(kToken) + "\n");
+    ::chmod(tokenFile.c_str(), 0600);
+    ReplaceInConnectorConfig(std::string("token = ") + kToken, "token_file = " + tokenFile);
+    return tokenFile;
+}
+
+std::size_t E2eEnvironment::ClientMemoryCount(const std::string& bytes) const {
+    return testing::CountInProcessMemory(client_->Pid(), bytes);
 }
 
 std::size_t E2eEnvironment::ClientLogCount(const std::string& text) const {

@@ -27,6 +27,8 @@ constexpr std::size_t kRssLimitKiB = 48 * 1024;
 constexpr const char* kReady = "All subscriptions and connections ready";
 constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
+// As long as real tokens are, so that a copy outlives malloc's reuse of a freed block's start.
+constexpr const char* kToken = "e2e-bearer-token.eyJzdWIiOiJrZWx2YW5lLWNsaWVudCJ9";
 
 /// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
 /// the backend simulator and the real kelvane-client binary, each with its log
@@ -63,11 +65,15 @@ public:
     void VehicleCommand(std::vector<std::string> arguments);
     /// Before StartClient: every `from` in the client's connector file becomes `to`.
     void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
+    /// Before StartClient: every transaction reads kToken from a file (0600); returns its path.
+    std::string UseTokenFile();
     std::string WriteFile(const std::string& name, const std::string& content) const {
         return directory_.Write(name, content);
     }
 
     std::size_t ClientLogCount(const std::string& text) const;
+    /// Occurrences of `bytes` anywhere in the running client's memory.
+    std::size_t ClientMemoryCount(const std::string& bytes) const;
     bool WaitForClientLog(const std::string& text, std::size_t occurrences = 1,
                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
     /// `kelvane-vehicle-sim status`; an empty object when it fails.

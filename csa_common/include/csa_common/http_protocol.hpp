@@ -24,13 +24,18 @@ enum class HttpOption : std::uint8_t {
 
 /// One HTTP/1.1 exchange in text form: builds the request bytes and splits
 /// the raw response into status, header and payload. It does no I/O; a new
-/// object is made for every exchange.
+/// object is made for every exchange. The Authorization value and the built
+/// request carry a bearer token: they are wiped when replaced and on
+/// destruction, and the object is not copied.
 class HttpProtocol {
 public:
     /// Content-Length value that stands for the payload's real byte count.
     static constexpr const char* kActualContentLength = "__actual__";
 
     HttpProtocol();
+    ~HttpProtocol();
+    HttpProtocol(const HttpProtocol&) = delete;
+    HttpProtocol& operator=(const HttpProtocol&) = delete;
 
     /// Clears the flags and string options, then sets Content-Type "text/html"
     /// and Content-Length "__actual__". Built request and response are kept.

@@ -14,6 +14,7 @@
 
 #include "csc_logging/csc_logging.hpp"
 #include "sigpipe_block.hpp"
+#include "wiped_string.hpp"
 
 namespace vi_connector {
 namespace {
@@ -40,6 +41,8 @@ struct TlsPump::Channel {
     Clock::time_point lastMoved = Clock::now();
 
     ~Channel() {
+        // The client's requests carry bearer tokens in plain text.
+        Wipe(toNet);
         if (ssl != nullptr) {
             // close_notify (best effort, the socket is non-blocking); a session
             // not shut down is not resumed later.
@@ -64,6 +67,7 @@ struct TlsPump::Channel {
             const ssize_t got = ::read(localFd, chunk, kBufferBytes - toNet.size());
             if (got > 0) {
                 toNet.append(chunk, static_cast<std::size_t>(got));
+                OPENSSL_cleanse(chunk, static_cast<std::size_t>(got));
                 moved = true;
             } else if (got < 0 && errno == EINTR) {
                 continue;
@@ -227,6 +231,8 @@ bool TlsPump::Add(SSL* ssl, int netFd, int localFd, std::string peer) {
         channel.netFd = netFd;
         channel.localFd = localFd;
         channel.peer = std::move(peer);
+        // Never grows, so no buffer holding request bytes is freed unwiped.
+        channel.toNet.reserve(kBufferBytes);
         ++count_;
     }
     Wake();

@@ -11,6 +11,7 @@
 #include "tcp_connect.hpp"
 #include "tls_connector.hpp"
 #include "tls_policy.hpp"
+#include "wiped_string.hpp"
 
 namespace vi_connector {
 namespace {
@@ -150,6 +151,9 @@ TokenResult VIConnector::GetToken(const std::string& transactionTypeId) {
     }
     const auto& transaction = found->second;
     std::string token;
+    // The result takes the buffer; what stays here (a refused token, a short
+    // token's small-string copy) is wiped.
+    const WipeOnExit wipeToken(token);
     std::string source = "the inline token of " + configPath_;
     if (transaction.token.empty()) {
         std::string path = transaction.tokenFile;

@@ -1,0 +1,100 @@
+#include "test_support/process_memory.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kelvane::testing {
+namespace {
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+std::runtime_error Failure(const std::string& what) {
+    return std::runtime_error(what + ": " + std::strerror(errno) +
+                              (errno == EACCES || errno == EPERM
+                                   ? " (a non-dumpable process needs CAP_SYS_PTRACE)"
+                                   : ""));
+}
+
+}  // namespace
+
+std::size_t CountInProcessMemory(pid_t pid, std::string_view bytes) {
+    if (bytes.empty()) {
+        throw std::invalid_argument("CountInProcessMemory: nothing to look for");
+    }
+    const std::string proc = "/proc/" + std::to_string(pid);
+    std::ifstream maps(proc + "/maps");
+    if (!maps) {
+        throw Failure("cannot open " + proc + "/maps");
+    }
+    const Descriptor mem(::open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+    if (mem.get() < 0) {
+        throw Failure("cannot open " + proc + "/mem");
+    }
+
+    constexpr std::size_t kChunk = 1 << 20;
+    const std::size_t keep = bytes.size() - 1;  // a match may straddle two chunks
+    std::vector<char> buffer(keep + kChunk);
+    std::size_t count = 0;
+    std::size_t bytesRead = 0;
+    for (std::string line; std::getline(maps, line);) {
+        std::istringstream fields(line);
+        unsigned long start = 0;
+        unsigned long end = 0;
+        char dash = 0;
+        std::string permissions;
+        fields >> std::hex >> start >> dash >> end >> permissions;
+        if (permissions.empty() || permissions[0] != 'r') {
+            continue;
+        }
+        std::size_t carried = 0;
+        for (unsigned long at = start; at < end;) {
+            const std::size_t want = std::min<unsigned long>(kChunk, end - at);
+            const ssize_t got =
+                ::pread(mem.get(), buffer.data() + carried, want, static_cast<off_t>(at));
+            // Some pages cannot be read ([vvar], a file mapping past the file's end, a
+            // region unmapped since the list was read): the rest of the region is skipped.
+            if (got <= 0) {
+                break;
+            }
+            bytesRead += static_cast<std::size_t>(got);
+            const std::string_view window(buffer.data(), carried + static_cast<std::size_t>(got));
+            for (auto found = window.find(bytes); found != std::string_view::npos;
+                 found = window.find(bytes, found + bytes.size())) {
+                ++count;
+            }
+            // Carry the tail that cannot hold a whole match already counted.
+            carried = std::min(keep, window.size());
+            std::memmove(buffer.data(), window.data() + window.size() - carried, carried);
+            at += static_cast<unsigned long>(got);
+        }
+    }
+    if (bytesRead == 0) {
+        throw Failure("cannot read the memory of " + proc);
+    }
+    return count;
+}
+
+}  // namespace kelvane::testing
