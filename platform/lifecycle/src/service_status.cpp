@@ -1,13 +1,48 @@
 #include "service_status.hpp"
 
-#include <systemd/sd-daemon.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 #include "csc_logging/story_line.hpp"
 #include "utc_time.hpp"
 
 namespace ara::exec {
+namespace {
 
 using csc_logging::StoryEvent;
+
+// sd_notify() waits while the manager's queue is full; here, under the logging
+// lock, that would stall every thread that logs. So the datagram goes out only
+// if it can go at once. Abstract socket names start with '@'.
+bool SendWithoutWaiting(const std::string& message) {
+    const char* path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::size_t length = path == nullptr ? 0 : std::strlen(path);
+    if (length == 0 || length >= sizeof(address.sun_path) || (path[0] != '/' && path[0] != '@')) {
+        return false;
+    }
+    std::memcpy(address.sun_path, path, length);
+    if (path[0] == '@') {
+        address.sun_path[0] = '\0';
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    const auto sent = ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                               reinterpret_cast<const sockaddr*>(&address),
+                               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+    ::close(fd);
+    return sent == static_cast<ssize_t>(message.size());
+}
+
+}  // namespace
 
 ServiceStatus::ServiceStatus() {
     Notify();
@@ -22,6 +57,9 @@ ServiceStatus::~ServiceStatus() {
 void ServiceStatus::Write(const csc_logging::LogRecord& record) {
     const auto story = csc_logging::FindStoryLine(record.text);
     if (!story) {
+        if (sent_ != status_) {
+            Notify();  // the queue was full last time
+        }
         return;
     }
     switch (story->event) {
@@ -68,7 +106,7 @@ void ServiceStatus::Write(const csc_logging::LogRecord& record) {
             activity_ = Activity::kStopping;
             break;
         case StoryEvent::kCertificateValid:
-            return;
+            break;
     }
     Notify();
 }
@@ -109,11 +147,10 @@ void ServiceStatus::Notify() {
     if (!lastUpdate_.empty()) {
         status += "; " + lastUpdate_;
     }
-    if (status != sent_) {
-        // Runs under the logging lock: a failure cannot be logged, and READY=1
-        // and WATCHDOG=1 report a missing socket already.
-        (void)sd_notify(0, status.c_str());
-        sent_ = std::move(status);
+    status_ = std::move(status);
+    // A status that cannot go now goes with the next record.
+    if (status_ != sent_ && SendWithoutWaiting(status_)) {
+        sent_ = status_;
     }
 }
 

@@ -39,6 +39,7 @@ private:
     bool feedbackFailed_ = false;
     // How and when the last update ended; empty before the first.
     std::string lastUpdate_;
+    std::string status_;
     std::string sent_;
 };
 
