@@ -18,6 +18,7 @@ packages=(
     gcovr
     libcurl4-openssl-dev
     procps
+    faketime   # a test runs a process with its clock in 2001
     dpkg-dev file lintian reuse  # packaging: tools/package.sh, lintian, reuse lint
 )
 

@@ -580,9 +580,11 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
 
 TEST(X509ValidatorTest, UpdateIsNeededWhenLessThan365DaysAreLeftOrTheCertificateIsUnreadable) {
     using Botan::X509_Time;
+    // ctime's text, whose closing line feed the log shows escaped.
     const auto at = [](std::time_t seconds) {
         char text[64] = {};
-        return std::string(::ctime_r(&seconds, text));
+        std::string line = ::ctime_r(&seconds, text);
+        return line.substr(0, line.size() - 1) + "\\n";
     };
     const std::time_t now = std::chrono::system_clock::to_time_t(kStart);
     // Name, certificate, its expiry in seconds since 1970 (0: unreadable, nothing logged), no

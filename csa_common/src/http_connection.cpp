@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -26,16 +27,34 @@ constexpr std::uint8_t kBadUrl = 2;
 constexpr std::uint8_t kReceiveFailed = 3;
 constexpr std::uint16_t kContinue = 100;
 
+char Lower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 bool EqualsIgnoringCase(const std::string& text, const char* lowerCase) {
     std::size_t i = 0;
     for (; i < text.size() && lowerCase[i] != '\0'; ++i) {
-        const char c = text[i];
-        const char lower = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-        if (lower != lowerCase[i]) {
+        if (Lower(text[i]) != lowerCase[i]) {
             return false;
         }
     }
     return i == text.size() && lowerCase[i] == '\0';
+}
+
+// Whether a "Transfer-Encoding" field of the header names "chunked" (names and
+// codings are case-insensitive).
+bool SaysChunked(const std::string& header) {
+    static constexpr std::string_view kName = "\r\ntransfer-encoding:";
+    std::string lower(header.size(), '\0');
+    std::transform(header.begin(), header.end(), lower.begin(), Lower);
+    for (auto at = lower.find(kName); at != std::string::npos; at = lower.find(kName, at + 1)) {
+        const auto valueEnd = lower.find("\r\n", at + kName.size());
+        if (lower.substr(at + kName.size(), valueEnd - at - kName.size()).find("chunked") !=
+            std::string::npos) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Leading digits as std::stoi reads them ("8080?x=1" is 8080), narrowed to
@@ -195,6 +214,14 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         throw;
     }
     exchangeDeadline_ = std::chrono::steady_clock::time_point::max();
+    // Bodies are taken as they come, never de-chunked: say so, since the
+    // chunk sizes are then read as part of the body.
+    if (SaysChunked(protocol.ResponseHeader())) {
+        CSCLogging::Warning(
+            "HttpConnection: the response says 'Transfer-Encoding: chunked', which this client "
+            "does not decode; its body is taken with the chunk sizes in it. The server, or a "
+            "proxy in front of it, must send the body unchunked and close the connection");
+    }
 
     CSCLogging::Debug(CSCLogEntry() << "HttpConnection: Received payload "
                                     << protocol.ResponsePayload().size() << " bytes\n\n");

@@ -4,6 +4,7 @@
 set -euo pipefail
 build_dir=$1
 deploy_dir=$2
+story_lines=$3  # the source that gives each story line its journal MESSAGE_ID
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 
@@ -12,6 +13,7 @@ DESTDIR="$stage" cmake --install "$build_dir" --prefix /usr >/dev/null
 expected=(
     usr/bin/kelvane-client
     usr/lib/systemd/system/kelvane-client.service
+    usr/lib/systemd/catalog/kelvane-client.catalog
     usr/lib/sysusers.d/kelvane-client.conf
     usr/share/dbus-1/system.d/kelvane-client.conf
     etc/kelvane-client/vi-connector.ini
@@ -33,6 +35,17 @@ done
 [[ -x "$stage/usr/bin/kelvane-client" ]] || { echo "/usr/bin/kelvane-client is not executable"; failed=1; }
 if command -v xmllint >/dev/null 2>&1; then
     xmllint --noout "$stage/usr/share/dbus-1/system.d/kelvane-client.conf" || failed=1
+fi
+
+# Every MESSAGE_ID the journal sink sends is explained in the catalog, and journalctl reads it.
+if command -v journalctl >/dev/null 2>&1; then
+    journalctl --root="$stage" --update-catalog || failed=1
+    catalog=$(journalctl --root="$stage" --list-catalog)
+    for id in $(grep -o '"[0-9a-f]\{32\}"' "$story_lines" | tr -d '"' | sort -u); do
+        grep -q "^$id kelvane-client: " <<<"$catalog" || { echo "MESSAGE_ID $id is not in the journal catalog"; failed=1; }
+    done
+    [[ $(grep -c . <<<"$catalog") -eq $(grep -o '"[0-9a-f]\{32\}"' "$story_lines" | sort -u | wc -l) ]] ||
+        { echo "the journal catalog explains ids the client never sends"; failed=1; }
 fi
 
 if command -v systemd-analyze >/dev/null 2>&1; then

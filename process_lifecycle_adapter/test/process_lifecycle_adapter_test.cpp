@@ -72,7 +72,8 @@ TEST_F(ProcessLifecycleAdapterTest, SigtermReachesTheCallbackOnceAndDestructionE
     ASSERT_EQ(destroyed.wait_for(5s), std::future_status::ready) << "the keep-alive wait is hours";
     EXPECT_EQ(callback_.terminateCalls.load(), 1);
     EXPECT_EQ(callback_.healthCalls.load(), 0);
-    EXPECT_EQ(notifySocket_.Messages(), (std::vector<std::string>{"READY=1", "STOPPING=1"}));
+    EXPECT_EQ(notifySocket_.Messages(),
+              (std::vector<std::string>{"STATUS=Waiting for the broker", "READY=1", "STOPPING=1"}));
     EXPECT_TRUE(log_.Contains(LogLevel::kInfo, "termination requested by signal 15"));
 }
 

@@ -1,13 +1,48 @@
 #include "console_sink.hpp"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
 #include "csc_logging/log_sink.hpp"
 
 namespace csc_logging {
+namespace {
+
+bool StderrIsTheJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    char end = '\0';
+    if (stream == nullptr || std::sscanf(stream, "%llu:%llu%c", &device, &inode, &end) != 2) {
+        return false;
+    }
+    struct stat status {};
+    return ::fstat(STDERR_FILENO, &status) == 0 &&
+           static_cast<unsigned long long>(status.st_dev) == device &&
+           static_cast<unsigned long long>(status.st_ino) == inode;
+}
+
+const char* JournalPriority(LogLevel level) {
+    switch (level) {
+        case LogLevel::kError:
+            return "<3>";
+        case LogLevel::kWarning:
+            return "<4>";
+        case LogLevel::kInfo:
+            return "<6>";
+        case LogLevel::kDebug:
+        case LogLevel::kVerbose:
+            break;
+    }
+    return "<7>";
+}
+
+}  // namespace
 
 std::string FormatRecord(const LogRecord& record) {
     const auto sinceEpoch = record.time.time_since_epoch();
@@ -28,8 +63,11 @@ std::string FormatRecord(const LogRecord& record) {
     return line;
 }
 
+ConsoleSink::ConsoleSink() : toJournal_(StderrIsTheJournal()) {}
+
 void ConsoleSink::Write(const LogRecord& record) {
-    std::string line = FormatRecord(record);
+    std::string line =
+        toJournal_ ? JournalPriority(record.level) + FormatRecord(record) : FormatRecord(record);
     line.push_back('\n');
     const char* data = line.data();
     std::size_t left = line.size();

@@ -1,11 +1,14 @@
 #include "csc_logging/csc_logging.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <vector>
 
 #include "console_sink.hpp"
+#include "journal_sink.hpp"
 #include "log_dispatcher.hpp"
 #ifdef KELVANE_WITH_DLT
 #include "dlt_sink.hpp"
@@ -33,16 +36,24 @@ void CSCLogging::InitLogging(const std::string& appId, const std::string& descri
     }
 
     const std::string_view sinkName = Environment("KELVANE_LOG", "console");
-    const bool console = sinkName == "console" || sinkName == "both";
+    bool console = sinkName == "console" || sinkName == "both";
     const bool dlt = sinkName == "dlt" || sinkName == "both";
-    if (!console && !dlt && sinkName != "none") {
+    const bool journal = sinkName == "journal";
+    if (!console && !dlt && !journal && sinkName != "none") {
         problems.push_back("KELVANE_LOG='" + std::string(sinkName) +
-                           "' is not one of console, dlt, both, none; using console");
+                           "' is not one of console, dlt, both, journal, none; using console");
+        console = true;
     }
 
     std::vector<std::unique_ptr<LogSink>> sinks;
-    if (console || (!dlt && sinkName != "none")) {
-        sinks.push_back(std::make_unique<ConsoleSink>());
+    if (journal) {
+        if (::access(JournalSink::kSocket, W_OK) == 0) {
+            sinks.push_back(std::make_unique<JournalSink>());
+        } else {
+            problems.push_back(std::string("KELVANE_LOG=journal, but there is no journal at ") +
+                               JournalSink::kSocket + "; logging to the console");
+            console = true;
+        }
     }
 #ifdef KELVANE_WITH_DLT
     if (dlt) {
@@ -52,12 +63,13 @@ void CSCLogging::InitLogging(const std::string& appId, const std::string& descri
     if (dlt) {
         problems.push_back("this build has no DLT support; KELVANE_LOG=" + std::string(sinkName) +
                            " logs to the console only");
-        if (!console) {
-            sinks.push_back(std::make_unique<ConsoleSink>());
-        }
+        console = true;
     }
     (void)description;
 #endif
+    if (console) {
+        sinks.insert(sinks.begin(), std::make_unique<ConsoleSink>());
+    }
 
     LogDispatcher::Instance().Configure(appId, std::move(sinks), *threshold);
     for (const auto& problem : problems) {

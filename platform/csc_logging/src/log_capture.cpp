@@ -1,15 +1,13 @@
 #include "csc_logging/log_capture.hpp"
 
-#include "log_dispatcher.hpp"
-
 namespace csc_logging {
 
 LogCapture::LogCapture() {
-    LogDispatcher::Instance().AddCapture(this);
+    AddObserver(this, LogLevel::kVerbose);
 }
 
 LogCapture::~LogCapture() {
-    LogDispatcher::Instance().RemoveCapture(this);
+    RemoveObserver(this);
 }
 
 void LogCapture::Write(const LogRecord& record) {

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "console_sink.hpp"
+#include "escape_control_bytes.hpp"
 
 namespace csc_logging {
 
@@ -25,20 +26,32 @@ void LogDispatcher::Configure(std::string appId, std::vector<std::unique_ptr<Log
     threshold_.store(threshold);
 }
 
-void LogDispatcher::AddCapture(LogSink* capture) {
+void LogDispatcher::AddObserver(LogSink* observer, LogLevel lowest) {
     std::lock_guard<std::mutex> lock(mutex_);
-    captures_.push_back(capture);
-    captureCount_.store(static_cast<int>(captures_.size()));
+    observers_.emplace_back(observer, lowest);
+    UpdateObserverFloorLocked();
 }
 
-void LogDispatcher::RemoveCapture(LogSink* capture) {
+void LogDispatcher::RemoveObserver(LogSink* observer) {
     std::lock_guard<std::mutex> lock(mutex_);
-    captures_.erase(std::remove(captures_.begin(), captures_.end(), capture), captures_.end());
-    captureCount_.store(static_cast<int>(captures_.size()));
+    observers_.erase(
+        std::remove_if(observers_.begin(), observers_.end(),
+                       [observer](const auto& entry) { return entry.first == observer; }),
+        observers_.end());
+    UpdateObserverFloorLocked();
+}
+
+void LogDispatcher::UpdateObserverFloorLocked() {
+    int floor = kNoObserver;
+    for (const auto& [observer, lowest] : observers_) {
+        floor = std::min(floor, static_cast<int>(lowest));
+    }
+    observerFloor_.store(floor);
 }
 
 void LogDispatcher::Dispatch(LogLevel level, const std::string& text) {
     LogRecord record{std::chrono::system_clock::now(), level, {}, text};
+    EscapeControlBytes(record.text);
     std::lock_guard<std::mutex> lock(mutex_);
     record.appId = appId_;
     if (level >= threshold_.load()) {
@@ -46,9 +59,19 @@ void LogDispatcher::Dispatch(LogLevel level, const std::string& text) {
             sink->Write(record);
         }
     }
-    for (auto* capture : captures_) {
-        capture->Write(record);
+    for (const auto& [observer, lowest] : observers_) {
+        if (level >= lowest) {
+            observer->Write(record);
+        }
     }
+}
+
+void AddObserver(LogSink* observer, LogLevel lowest) {
+    LogDispatcher::Instance().AddObserver(observer, lowest);
+}
+
+void RemoveObserver(LogSink* observer) {
+    LogDispatcher::Instance().RemoveObserver(observer);
 }
 
 }  // namespace csc_logging

@@ -11,10 +11,10 @@
 namespace csc_logging {
 namespace {
 
-TEST(CSCLoggingTest, EveryLevelReachesTheSinksWithIntegersInDecimalAndRecordsFormatAsUtc) {
+TEST(CSCLoggingTest, EveryLevelReachesTheSinksEscapedWithIntegersInDecimalAndFormatsAsUtc) {
     LogCapture log;
 
-    CSCLogging::Verbose("v");
+    CSCLogging::Verbose("v\r\n\tDLC Update finished successfully.\x1b[2K\x7f\x01\\n \xc3\xa9");
     CSCLogging::Debug(CSCLogEntry() << "a" << std::uint8_t{7} << "," << std::int8_t{-3} << ","
                                     << std::uint16_t{65535} << "," << true << "," << false);
     CSCLogging::Info("i");
@@ -23,6 +23,8 @@ TEST(CSCLoggingTest, EveryLevelReachesTheSinksWithIntegersInDecimalAndRecordsFor
 
     const auto records = log.Records();
     ASSERT_EQ(records.size(), 5U);
+    EXPECT_EQ(records[0].text,
+              "v\\r\\n\\tDLC Update finished successfully.\\x1b[2K\\x7f\\x01\\\\n \xc3\xa9");
     EXPECT_EQ(records[1].text, "a7,-3,65535,1,0");
     for (std::size_t i = 0; i < records.size(); ++i) {
         EXPECT_EQ(records[i].level, static_cast<LogLevel>(i)) << records[i].text;

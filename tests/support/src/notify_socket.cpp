@@ -1,5 +1,6 @@
 #include "test_support/notify_socket.hpp"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -25,17 +26,34 @@ NotifySocket::NotifySocket() : path_(directory_.File("notify")) {
         throw std::runtime_error("NotifySocket: cannot bind " + path_ + ": " + error);
     }
     environment_ = std::make_unique<ScopedEnvironment>("NOTIFY_SOCKET", path_);
+    reader_ = std::thread([this] {
+        pollfd entry{fd_, POLLIN, 0};
+        while (!stopping_.load()) {
+            if (::poll(&entry, 1, 50) > 0) {
+                ReceivePending();
+            }
+        }
+    });
 }
 
 NotifySocket::~NotifySocket() {
+    stopping_.store(true);
+    reader_.join();
     ::close(fd_);
 }
 
-std::vector<std::string> NotifySocket::Messages() {
+void NotifySocket::ReceivePending() {
+    std::lock_guard<std::mutex> lock(mutex_);
     char buffer[4096];
     for (ssize_t got; (got = ::recv(fd_, buffer, sizeof buffer, 0)) >= 0;) {
         messages_.emplace_back(buffer, static_cast<std::size_t>(got));
     }
+}
+
+std::vector<std::string> NotifySocket::Messages() {
+    // What was sent before this call is here, even if the reader has not seen it yet.
+    ReceivePending();
+    std::lock_guard<std::mutex> lock(mutex_);
     return messages_;
 }
 

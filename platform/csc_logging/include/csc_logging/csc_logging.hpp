@@ -9,7 +9,7 @@
 namespace csc_logging {
 
 /// The platform's logging front end. Records go to the sinks chosen by
-/// KELVANE_LOG (console, dlt, both, none) at or above KELVANE_LOG_LEVEL
+/// KELVANE_LOG (console, dlt, both, journal, none) at or above KELVANE_LOG_LEVEL
 /// (default info); a LogCapture sees every record. Thread-safe: a record is
 /// written whole before the next one starts.
 class CSCLogging {

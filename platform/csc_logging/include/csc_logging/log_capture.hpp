@@ -14,7 +14,8 @@
 namespace csc_logging {
 
 /// Keeps every record logged while it exists, at every level, whatever the
-/// configured threshold. Meant for tests:
+/// configured threshold, its text escaped as every sink writes it ("\\n" for
+/// a line feed). Meant for tests:
 ///
 ///     csc_logging::LogCapture log;
 ///     sut.Run();

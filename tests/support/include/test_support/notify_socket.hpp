@@ -1,10 +1,13 @@
 #ifndef TEST_SUPPORT_NOTIFY_SOCKET_HPP
 #define TEST_SUPPORT_NOTIFY_SOCKET_HPP
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "test_support/scoped_environment.hpp"
@@ -15,7 +18,9 @@ namespace kelvane::testing {
 /// Stands in for systemd's notification socket: a unix datagram socket in a
 /// temporary directory. While it lives, NOTIFY_SOCKET points at it (the previous
 /// value comes back on destruction), so sd_notify() in this process, or in a
-/// child started meanwhile, sends here. Use it from one thread.
+/// child started meanwhile, sends here. Like systemd it reads all the time, so
+/// that a sender never finds the queue full and blocks (the kernel queues only
+/// a few datagrams per socket).
 class NotifySocket {
 public:
     NotifySocket();
@@ -33,11 +38,16 @@ public:
                  std::size_t occurrences = 1);
 
 private:
+    void ReceivePending();
+
     TemporaryDirectory directory_;
     std::string path_;
     int fd_ = -1;
     std::unique_ptr<ScopedEnvironment> environment_;
+    std::mutex mutex_;
     std::vector<std::string> messages_;
+    std::atomic<bool> stopping_{false};
+    std::thread reader_;
 };
 
 }  // namespace kelvane::testing

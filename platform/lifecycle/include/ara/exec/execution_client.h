@@ -2,8 +2,11 @@
 #define ARA_EXEC_EXECUTION_CLIENT_H
 
 #include <cstdint>
+#include <memory>
 
 namespace ara::exec {
+
+class ServiceStatus;
 
 /// The states an application reports to execution management.
 enum class ExecutionState : std::uint8_t {
@@ -18,15 +21,21 @@ enum class ExecutionReturnType : std::uint8_t {
 
 /// Reports the application's execution state to execution management. On a
 /// host this is systemd's notification socket: kRunning sends "READY=1",
-/// kTerminating "STOPPING=1"; without NOTIFY_SOCKET nothing is sent.
+/// kTerminating "STOPPING=1", and while the client exists a STATUS= line tells
+/// what it does and how its last update ended; without NOTIFY_SOCKET nothing
+/// is sent. Made at start, it warns when the system clock reads earlier than
+/// the build: a clock that was never set.
 class ExecutionClient {
 public:
-    ExecutionClient() noexcept = default;
-    virtual ~ExecutionClient() noexcept = default;
+    ExecutionClient() noexcept;
+    virtual ~ExecutionClient() noexcept;
     ExecutionClient(const ExecutionClient&) = delete;
     ExecutionClient& operator=(const ExecutionClient&) = delete;
 
     virtual ExecutionReturnType ReportExecutionState(ExecutionState state) const noexcept;
+
+private:
+    std::unique_ptr<ServiceStatus> status_;
 };
 
 }  // namespace ara::exec
