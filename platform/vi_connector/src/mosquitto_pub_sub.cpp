@@ -20,6 +20,8 @@ using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 
 constexpr int kSubscribeQos = 1;
+// Pushes are live events: a stored (retained) message must never start an update.
+constexpr int kSubscribeOptions = MQTT_SUB_OPT_SEND_RETAIN_NEVER;
 // SUBACK and PUBACK reason codes from 0x80 on are refusals.
 constexpr int kFirstFailureReason = 0x80;
 // How long a DISCONNECT may take to leave once the session is asked to stop.
@@ -92,6 +94,9 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     DestroyClient();
 
     settings_ = settings;
+    const bool v5 = settings_.protocol == MqttSettings::Protocol::kV5 ||
+                    (settings_.protocol == MqttSettings::Protocol::kAuto && !brokerLacksV5_);
+    protocol_ = v5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
     if (!CreateClient()) {
         return pubsub_status::kFailed;
     }
@@ -164,7 +169,7 @@ SubscribeResult MosquittoPubSub::Subscribe(const std::string& topic, bool queueW
         return {pubsub_status::kAlreadyOrQueued, 0};
     }
     int mid = 0;
-    const int rc = mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr);
+    const int rc = SendSubscribe(topic, mid);
     if (rc != MOSQ_ERR_SUCCESS) {
         CSCLogging::Error("VIConnector: cannot subscribe to '" + topic + "': " + Describe(rc));
         return {pubsub_status::kFailed, 0};
@@ -213,22 +218,29 @@ std::uint32_t MosquittoPubSub::Publish(const std::string& topic,
     return pubsub_status::kOk;
 }
 
+int MosquittoPubSub::SendSubscribe(const std::string& topic, int& mid) {
+    // libmosquitto leaves the options out of an MQTT 3.1.1 SUBSCRIBE.
+    return mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, kSubscribeOptions,
+                                  nullptr);
+}
+
 bool MosquittoPubSub::CreateClient() {
     InitialiseLibrary();
-    const char* id = settings_.clientId.empty() ? nullptr : settings_.clientId.c_str();
-    mosquitto* client = mosquitto_new(id, true, this);
+    // Not a clean start: the broker keeps the session, and the pushes sent
+    // while we are away, for the next connection with the same id.
+    mosquitto* client = mosquitto_new(settings_.clientId.c_str(), false, this);
     if (client == nullptr) {
         CSCLogging::Error(std::string("VIConnector: cannot create an MQTT client: ") +
                           std::strerror(errno));
         return false;
     }
-    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, protocol_);
     mosquitto_threaded_set(client, true);
     mosquitto_connect_v5_callback_set(client, &MosquittoPubSub::OnConnect);
     mosquitto_message_v5_callback_set(client, &MosquittoPubSub::OnMessage);
     mosquitto_subscribe_v5_callback_set(client, &MosquittoPubSub::OnSubscribe);
     mosquitto_publish_v5_callback_set(client, &MosquittoPubSub::OnPublish);
-    if (!AnnounceMaximumPacketSize(client)) {
+    if (protocol_ == MQTT_PROTOCOL_V5 && !SetConnectProperties(client)) {
         mosquitto_destroy(client);
         return false;
     }
@@ -278,21 +290,26 @@ bool MosquittoPubSub::CreateClient() {
     return true;
 }
 
-bool MosquittoPubSub::AnnounceMaximumPacketSize(mosquitto* client) {
-    // The broker then drops larger messages for us instead of sending them.
-    // libmosquitto 2.0 takes CONNECT properties only through its blocking
-    // connect, which keeps them for every later (asynchronous) connect; an
-    // invalid port makes it store them and return before connecting.
+bool MosquittoPubSub::SetConnectProperties(mosquitto* client) {
+    // A broker that obeys the maximum packet size drops larger messages for us
+    // instead of sending them. libmosquitto 2.0 takes CONNECT properties only
+    // through its blocking connect, which keeps them for every later
+    // (asynchronous) connect; an invalid port makes it store them and return
+    // before connecting.
     mosquitto_property* properties = nullptr;
     int rc =
         mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacketBytes);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_property_add_int32(&properties, MQTT_PROP_SESSION_EXPIRY_INTERVAL,
+                                          settings_.sessionExpirySeconds);
+    }
     if (rc == MOSQ_ERR_SUCCESS) {
         rc = mosquitto_connect_bind_v5(client, "localhost", -1, settings_.keepAliveSeconds, nullptr,
                                        properties);
     }
     mosquitto_property_free_all(&properties);
     if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_INVAL) {
-        CSCLogging::Error("VIConnector: cannot set the MQTT maximum packet size: " + Describe(rc));
+        CSCLogging::Error("VIConnector: cannot set the MQTT connect properties: " + Describe(rc));
         return false;
     }
     return true;
@@ -336,6 +353,16 @@ void MosquittoPubSub::Run() {
         const bool wasUp = HandleLinkDown(false);
         if (StopRequested()) {
             break;
+        }
+        if (fallBackToV311_) {
+            // A new client: libmosquitto refuses to send the stored MQTT 5
+            // connect properties with 3.1.1.
+            fallBackToV311_ = false;
+            DestroyClient();
+            if (!CreateClient()) {
+                break;
+            }
+            continue;
         }
         if (wasUp) {
             CSCLogging::Warning("VIConnector: MQTT link to " + Broker() + " lost: " + failure);
@@ -406,6 +433,14 @@ void MosquittoPubSub::OnConnect(mosquitto* /*client*/, void* self, int reason, i
 
 void MosquittoPubSub::OnMessage(mosquitto* /*client*/, void* self, const mosquitto_message* message,
                                 const mosquitto_property* /*properties*/) {
+    // Sent because it was stored, not because it happened now (libmosquitto
+    // has acknowledged it already).
+    if (message->retain) {
+        CSCLogging::Debug(CSCLogEntry()
+                          << "VIConnector: dropped a retained message on '"
+                          << (message->topic ? message->topic : "") << "': pushes are live events");
+        return;
+    }
     // A broker that ignores our maximum packet size still gets no copy made.
     if (message->payloadlen > static_cast<int>(kMaxPayloadBytes)) {
         CSCLogging::Warning(CSCLogEntry()
@@ -510,6 +545,16 @@ void MosquittoPubSub::HandleEvents() {
 }
 
 void MosquittoPubSub::HandleConnack(int reason) {
+    if (reason == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION &&
+        settings_.protocol == MqttSettings::Protocol::kAuto && protocol_ == MQTT_PROTOCOL_V5) {
+        CSCLogging::Info("VIConnector: MQTT broker " + Broker() +
+                         " does not speak MQTT 5; using MQTT 3.1.1 until restart");
+        brokerLacksV5_ = true;
+        fallBackToV311_ = true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        protocol_ = MQTT_PROTOCOL_V311;
+        return;
+    }
     if (reason != 0) {
         CSCLogging::Warning(CSCLogEntry()
                             << "VIConnector: MQTT broker " << Broker()
@@ -524,8 +569,7 @@ void MosquittoPubSub::HandleConnack(int reason) {
             std::string topic = std::move(queuedSubscriptions_.front());
             queuedSubscriptions_.pop_front();
             int mid = 0;
-            if (mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr) ==
-                MOSQ_ERR_SUCCESS) {
+            if (SendSubscribe(topic, mid) == MOSQ_ERR_SUCCESS) {
                 subscriptionsInFlight_[mid] = std::move(topic);
             } else {
                 unsent.push_back(std::move(topic));
@@ -533,7 +577,7 @@ void MosquittoPubSub::HandleConnack(int reason) {
         }
     }
     CSCLogging::Info("VIConnector: MQTT connected to " + Broker() + " as '" + settings_.clientId +
-                     "'");
+                     "' (MQTT " + (protocol_ == MQTT_PROTOCOL_V5 ? "5" : "3.1.1") + ")");
     ReportState(VIPubSubCallbackIf::kConnected);
     if (const auto callback = Callback()) {
         for (const auto& topic : unsent) {

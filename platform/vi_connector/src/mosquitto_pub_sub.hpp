@@ -19,12 +19,11 @@
 
 namespace vi_connector {
 
-/// The connector's MQTT channel: one libmosquitto session (MQTT 5, clean
-/// start) served by a network thread of its own, which reconnects with a
-/// bounded exponential back-off (full jitter) and delivers every VIPubSubCallbackIf
-/// notification. The thread sleeps until the socket has traffic, a request
-/// arrives or a keep-alive ping is due, so an idle link costs about two
-/// wake-ups per keep-alive period.
+/// The connector's MQTT channel: one libmosquitto session (MQTT 5 or 3.1.1, kept
+/// by the broker between connections) served by a network thread of its own, which reconnects with
+/// a bounded exponential back-off (full jitter) and delivers every VIPubSubCallbackIf notification.
+/// The thread sleeps until the socket has traffic, a request arrives or a keep-alive ping is due,
+/// so an idle link costs about two wake-ups per keep-alive period.
 ///
 /// Notifications are made on the network thread holding only the delivery
 /// lock, which Disconnect() waits for; a callback may call back into this object.
@@ -84,7 +83,8 @@ private:
     void AddEvent(Event event);
 
     bool CreateClient();
-    bool AnnounceMaximumPacketSize(mosquitto* client);
+    bool SetConnectProperties(mosquitto* client);
+    int SendSubscribe(const std::string& topic, int& mid);
     void DestroyClient();
     bool OnNetworkThread() const;
     bool StopRequested() const;
@@ -116,6 +116,9 @@ private:
     std::thread thread_;
     std::atomic<std::thread::id> networkThreadId_{};
     MqttSettings settings_;  // written only while no network thread runs
+    int protocol_ = 0;       // MQTT_PROTOCOL_V5 or _V311; guarded by mutex_ while the thread runs
+    bool brokerLacksV5_ = false;   // kept from session to session
+    bool fallBackToV311_ = false;  // network thread: reconnect at once with 3.1.1
 
     // Held while notifying, taken before mutex_; recursive because a callback
     // may disconnect from it.

@@ -13,6 +13,7 @@
 #include "csc_logging/log_capture.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/mosquitto_broker.hpp"
+#include "test_support/scripted_mqtt_broker.hpp"
 #include "test_support/temporary_directory.hpp"
 #include "test_support/thread_state.hpp"
 #include "vi_connector/vi_connector.hpp"
@@ -25,6 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using kelvane::testing::MosquittoBroker;
+using kelvane::testing::ScriptedMqttBroker;
 using Bytes = std::vector<std::uint8_t>;
 using Events = std::vector<std::string>;
 
@@ -86,12 +88,13 @@ private:
 };
 
 // A connector configured for `port`, started and ready.
-std::unique_ptr<VIConnector> StartedConnector(std::uint16_t port,
-                                              const std::string& extraMqtt = "") {
+std::unique_ptr<VIConnector> StartedConnector(std::uint16_t port, const std::string& extraMqtt = "",
+                                              const std::string& clientId = "vehicle") {
     kelvane::testing::TemporaryDirectory directory;
     auto connector = std::make_unique<VIConnector>(
         nullptr, nullptr,
         directory.Write("vi.ini", "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(port) +
+                                      "\nclient_id=" + clientId +
                                       "\nkeep_alive=5\nreconnect_delay_min_ms=50\n"
                                       "reconnect_delay_max_ms=400\n" +
                                       extraMqtt +
@@ -198,6 +201,95 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_EQ(next.WaitFor("message", 1), Events{"message push/2 2"});
     EXPECT_EQ(disconnected.WaitFor("").size(), 6U);  // three states, suback, puback, message
 }
+
+// The same story in both protocol versions: a push is a live event that must not be lost.
+class PersistentSessionTest : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(PersistentSessionTest, PushesSentWhileAwayArriveOnceAndStoredOnesNever) {
+    MosquittoBroker broker;
+    RecordingPubSubCallback publisherEvents, first, second;
+    auto publisher = StartedConnector(broker.Port(), "", "publisher");
+    ASSERT_EQ(publisher->PubSubConnect(&publisherEvents), pubsub_status::kInProgress);
+    ASSERT_EQ(publisherEvents.WaitFor("state", 2).size(), 2U);
+    const auto publish = [&](const std::string& text, bool retain) {
+        const auto acknowledged = publisherEvents.WaitFor("puback").size() + 1;
+        publisher->PubSubPublish("push/ecu", Bytes(text.begin(), text.end()), 1, 0,
+                                 PublishPayloadFormat::kUnspecified, "", retain);
+        ASSERT_EQ(publisherEvents.WaitFor("puback", acknowledged).size(), acknowledged);
+    };
+    const std::string protocol = "protocol=" + GetParam() + "\n";
+    csc_logging::LogCapture log;
+
+    publish("stored", true);
+    auto sut = StartedConnector(broker.Port(), protocol);
+    ASSERT_EQ(sut->PubSubConnect(&first), pubsub_status::kInProgress);
+    sut->PubSubSubscribe("push/ecu", true);
+    ASSERT_EQ(first.WaitFor("suback", 1).size(), 1U);
+    publish("live", false);
+    ASSERT_EQ(first.WaitFor("message", 1).size(), 1U);
+    sut.reset();  // the vehicle is switched off
+    publish("while away", false);
+    sut = StartedConnector(broker.Port(), protocol);
+    ASSERT_EQ(sut->PubSubConnect(&second), pubsub_status::kInProgress);
+    ASSERT_EQ(second.WaitFor("message", 1).size(), 1U);
+    sut->PubSubSubscribe("push/ecu", true);  // as the client does after every connection
+    ASSERT_EQ(second.WaitFor("suback", 1).size(), 1U);
+    publish("live again", false);
+
+    EXPECT_EQ(first.WaitFor("message"), Events{"message push/ecu live"});
+    EXPECT_EQ(second.WaitFor("message", 2),
+              (Events{"message push/ecu while away", "message push/ecu live again"}));
+    EXPECT_EQ(log.Count(csc_logging::LogLevel::kInfo, "(MQTT " + GetParam() + ")"), 2U)
+        << log.Dump();
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, PersistentSessionTest, ::testing::Values("5", "3.1.1"),
+                         [](const auto& row) { return row.param == "5" ? "V5" : "V311"; });
+
+// Brokers mosquitto cannot play, scripted byte by byte.
+struct ScriptedBrokerCase {
+    std::string name;
+    ScriptedMqttBroker::Options broker;
+    std::string settings;   // [mqtt] lines
+    Events messages;        // what the callback sees
+    std::string logged;     // a line that must appear
+    char subscribeOptions;  // retained messages are never sent for MQTT 5
+};
+
+void PrintTo(const ScriptedBrokerCase& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ScriptedBrokerTest : public ::testing::TestWithParam<ScriptedBrokerCase> {};
+
+TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
+    const auto& row = GetParam();
+    ScriptedMqttBroker broker(row.broker);
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback callback;
+    auto sut = StartedConnector(broker.Port(), row.settings);
+
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    sut->PubSubSubscribe("push/ecu", true);
+
+    EXPECT_EQ(callback.WaitFor("message", row.messages.size()), row.messages);
+    EXPECT_TRUE(log.WaitFor(row.logged, kTimeout)) << log.Dump();
+    for (const auto& subscribe : broker.WaitForPackets(8, 1, kTimeout)) {
+        EXPECT_EQ(subscribe.bytes.back(), row.subscribeOptions);
+    }
+}
+
+const std::string kPush = ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false);
+
+INSTANTIATE_TEST_SUITE_P(Brokers, ScriptedBrokerTest,
+                         ::testing::Values(ScriptedBrokerCase{
+                             "OnlyV311",
+                             {true, "", false, kPush, "", ""},
+                             "",
+                             {"message push/ecu go"},
+                             "does not speak MQTT 5; using MQTT 3.1.1 until restart",
+                             '\x01'}),
+                         [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace vi_connector
