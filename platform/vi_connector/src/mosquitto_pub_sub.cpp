@@ -1,7 +1,6 @@
 #include "mosquitto_pub_sub.hpp"
 
 #include <mqtt_protocol.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <random>
 #include <utility>
 
+#include "broker_relay.hpp"
+#include "broker_tls.hpp"
 #include "csc_logging/csc_logging.hpp"
 
 namespace vi_connector {
@@ -26,10 +27,12 @@ constexpr int kSubscribeOptions = MQTT_SUB_OPT_SEND_RETAIN_NEVER;
 constexpr int kFirstFailureReason = 0x80;
 // How long a DISCONNECT may take to leave once the session is asked to stop.
 constexpr auto kDisconnectGrace = std::chrono::seconds(2);
+// TCP connect and TLS handshake with the broker.
+constexpr int kBrokerConnectTimeoutMs = 10000;
 // Push messages carry no payload we use; anything larger is hostile. The
 // packet limit told to the broker leaves room for the topic and properties.
 constexpr std::uint32_t kMaxPayloadBytes = 64 * 1024;
-constexpr std::uint32_t kMaxPacketBytes = kMaxPayloadBytes + 1024;
+constexpr std::uint32_t kMaxPacketBytes = MqttPacketGate::kMaxPacketBytes;
 
 void InitialiseLibrary() {
     static std::once_flag once;
@@ -94,6 +97,16 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     DestroyClient();
 
     settings_ = settings;
+    tls_.reset();
+    if (!settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
+        !settings_.tlsKeyFile.empty()) {
+        std::string error;
+        tls_ = MakeBrokerTlsContext(settings_, error);
+        if (!tls_) {
+            CSCLogging::Error("VIConnector: MQTT TLS set-up failed: " + error);
+            return pubsub_status::kFailed;
+        }
+    }
     const bool v5 = settings_.protocol == MqttSettings::Protocol::kV5 ||
                     (settings_.protocol == MqttSettings::Protocol::kAuto && !brokerLacksV5_);
     protocol_ = v5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
@@ -245,46 +258,6 @@ bool MosquittoPubSub::CreateClient() {
         return false;
     }
 
-    const bool wantsTls = !settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
-                          !settings_.tlsKeyFile.empty();
-    if (wantsTls) {
-        std::string problem;
-        if (settings_.tlsCaFile.empty()) {
-            problem = "tls_ca_file is required for TLS";
-        }
-        for (const auto& [key, path] : {std::pair{"tls_ca_file", &settings_.tlsCaFile},
-                                        std::pair{"tls_cert_file", &settings_.tlsCertFile},
-                                        std::pair{"tls_key_file", &settings_.tlsKeyFile}}) {
-            if (problem.empty() && !path->empty() && ::access(path->c_str(), R_OK) != 0) {
-                problem =
-                    std::string(key) + " '" + *path + "' cannot be read: " + std::strerror(errno);
-            }
-        }
-        if (problem.empty()) {
-            const auto optional = [](const std::string& path) {
-                return path.empty() ? nullptr : path.c_str();
-            };
-            int rc = mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
-                                       optional(settings_.tlsCertFile),
-                                       optional(settings_.tlsKeyFile), nullptr);
-            // Stated, not left to library defaults: the chain and the broker's
-            // name must both match.
-            if (rc == MOSQ_ERR_SUCCESS) {
-                rc = mosquitto_tls_opts_set(client, 1 /* SSL_VERIFY_PEER */, nullptr, nullptr);
-            }
-            if (rc == MOSQ_ERR_SUCCESS) {
-                rc = mosquitto_tls_insecure_set(client, false);
-            }
-            if (rc != MOSQ_ERR_SUCCESS) {
-                problem = Describe(rc);
-            }
-        }
-        if (!problem.empty()) {
-            CSCLogging::Error("VIConnector: MQTT TLS set-up failed: " + problem);
-            mosquitto_destroy(client);
-            return false;
-        }
-    }
     std::lock_guard<std::mutex> lock(mutex_);
     client_ = client;
     return true;
@@ -386,6 +359,21 @@ void MosquittoPubSub::Run() {
 }
 
 std::string MosquittoPubSub::RunSession() {
+    // libmosquitto talks to the relay, which owns the broker's socket and
+    // hands it no packet larger than the bound.
+    std::string error;
+    const auto relay = BrokerRelay::Listen(error);
+    if (!relay) {
+        return error;
+    }
+    const int connected = mosquitto_connect_async(client_, relay->SocketPath().c_str(), 0,
+                                                  settings_.keepAliveSeconds);
+    if (connected != MOSQ_ERR_SUCCESS) {
+        return Describe(connected);
+    }
+    if (!relay->Start(settings_.host, settings_.port, tls_, kBrokerConnectTimeoutMs, error)) {
+        return error;
+    }
     {
         // A Disconnect that came before the connect could not reach this socket.
         std::lock_guard<std::mutex> lock(mutex_);
@@ -396,12 +384,13 @@ std::string MosquittoPubSub::RunSession() {
     // libmosquitto shortens the wait itself when a keep-alive ping is due.
     const int timeoutMs = settings_.keepAliveSeconds * 1000;
     std::chrono::steady_clock::time_point giveUpAt{};
-    while (true) {
+    std::string failure;
+    while (failure.empty()) {
         const int rc = mosquitto_loop(client_, timeoutMs, 1);
-        const std::string failure = rc == MOSQ_ERR_SUCCESS ? std::string() : Describe(rc);
         HandleEvents();
         if (rc != MOSQ_ERR_SUCCESS) {
-            return failure;
+            failure = Describe(rc);
+            break;
         }
         std::lock_guard<std::mutex> lock(mutex_);
         if (!stopRequested_) {
@@ -414,9 +403,12 @@ std::string MosquittoPubSub::RunSession() {
             giveUpAt = now + kDisconnectGrace;
         }
         if (!linkUp_ || now >= giveUpAt) {
-            return "disconnected";
+            failure = "disconnected";
         }
     }
+    relay->Stop();
+    // The relay knows why better than libmosquitto, which only saw its socket close.
+    return relay->Failure().empty() ? failure : relay->Failure();
 }
 
 void MosquittoPubSub::AddEvent(Event event) {

@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "broker_tls.hpp"
 #include "connector_config.hpp"
 #include "vi_connector/vi_pub_sub_callback_if.hpp"
 #include "vi_connector/vi_types.hpp"
@@ -115,8 +117,9 @@ private:
     std::mutex controlMutex_;  // serialises Connect, Disconnect and destruction
     std::thread thread_;
     std::atomic<std::thread::id> networkThreadId_{};
-    MqttSettings settings_;  // written only while no network thread runs
-    int protocol_ = 0;       // MQTT_PROTOCOL_V5 or _V311; guarded by mutex_ while the thread runs
+    MqttSettings settings_;         // written only while no network thread runs
+    std::shared_ptr<SSL_CTX> tls_;  // with settings_, when they ask for TLS
+    int protocol_ = 0;  // MQTT_PROTOCOL_V5 or _V311; guarded by mutex_ while the thread runs
     bool brokerLacksV5_ = false;   // kept from session to session
     bool fallBackToV311_ = false;  // network thread: reconnect at once with 3.1.1
 

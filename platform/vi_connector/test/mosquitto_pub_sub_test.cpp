@@ -15,6 +15,7 @@
 #include "test_support/mosquitto_broker.hpp"
 #include "test_support/scripted_mqtt_broker.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "test_support/test_certificates.hpp"
 #include "test_support/thread_state.hpp"
 #include "vi_connector/vi_connector.hpp"
 
@@ -250,10 +251,11 @@ INSTANTIATE_TEST_SUITE_P(Protocols, PersistentSessionTest, ::testing::Values("5"
 struct ScriptedBrokerCase {
     std::string name;
     ScriptedMqttBroker::Options broker;
-    std::string settings;   // [mqtt] lines
-    Events messages;        // what the callback sees
-    std::string logged;     // a line that must appear
-    char subscribeOptions;  // retained messages are never sent for MQTT 5
+    bool tls;
+    Events messages;                   // what the callback sees
+    std::string logged;                // a line that must appear
+    char subscribeOptions;             // retained messages are never sent for MQTT 5
+    std::vector<std::string> pubacks;  // what the broker receives, in order
 };
 
 void PrintTo(const ScriptedBrokerCase& row, std::ostream* out) {
@@ -264,10 +266,19 @@ class ScriptedBrokerTest : public ::testing::TestWithParam<ScriptedBrokerCase> {
 
 TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
     const auto& row = GetParam();
-    ScriptedMqttBroker broker(row.broker);
+    kelvane::testing::TemporaryDirectory pki;
+    auto options = row.broker;
+    std::string settings;
+    if (row.tls) {
+        kelvane::testing::MakeTestCertificates(pki.Path());
+        options.certFile = pki.File("server.pem");
+        options.keyFile = pki.File("server.key");
+        settings = "tls_ca_file=" + pki.File("ca.pem") + "\n";
+    }
+    ScriptedMqttBroker broker(options);
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
-    auto sut = StartedConnector(broker.Port(), row.settings);
+    auto sut = StartedConnector(broker.Port(), settings);
 
     ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
     sut->PubSubSubscribe("push/ecu", true);
@@ -277,19 +288,48 @@ TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
     for (const auto& subscribe : broker.WaitForPackets(8, 1, kTimeout)) {
         EXPECT_EQ(subscribe.bytes.back(), row.subscribeOptions);
     }
+    std::vector<std::string> pubacks;
+    for (const auto& puback : broker.WaitForPackets(4, row.pubacks.size(), kTimeout)) {
+        pubacks.push_back(puback.bytes);
+    }
+    EXPECT_EQ(pubacks, row.pubacks);
 }
 
-const std::string kPush = ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false);
+// A message far over the bound (queued first, with QoS 1) and a push behind it.
+const std::string kOversized =
+    ScriptedMqttBroker::Publish("push/ecu", std::string(1 << 20, 'x'), 1, 7, true);
+const std::string kBehindIt = ScriptedMqttBroker::Publish("push/ecu", "next", 1, 8, true);
+const std::string kDropped =
+    "dropped a " + std::to_string(kOversized.size()) + " byte MQTT message on 'push/ecu'";
+const std::string kRefusedByUs("\x40\x03\x00\x07\x83", 5);  // PUBACK, not willing to accept
+const std::string kAcknowledged("\x40\x02\x00\x08", 4);
 
-INSTANTIATE_TEST_SUITE_P(Brokers, ScriptedBrokerTest,
-                         ::testing::Values(ScriptedBrokerCase{
-                             "OnlyV311",
-                             {true, "", false, kPush, "", ""},
-                             "",
-                             {"message push/ecu go"},
-                             "does not speak MQTT 5; using MQTT 3.1.1 until restart",
-                             '\x01'}),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Brokers, ScriptedBrokerTest,
+    ::testing::Values(
+        ScriptedBrokerCase{
+            "OnlyV311",
+            {true, "", false, ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), "", ""},
+            false,
+            {"message push/ecu go"},
+            "does not speak MQTT 5; using MQTT 3.1.1 until restart",
+            '\x01',
+            {std::string("\x40\x02\x00\x07", 4)}},
+        ScriptedBrokerCase{"OversizedMessage",
+                           {false, "", false, kOversized + kBehindIt, "", ""},
+                           false,
+                           {"message push/ecu next"},
+                           kDropped,
+                           '\x21',
+                           {kRefusedByUs, kAcknowledged}},
+        ScriptedBrokerCase{"OversizedMessageOverTls",
+                           {false, "", false, kOversized + kBehindIt, "", ""},
+                           true,
+                           {"message push/ecu next"},
+                           kDropped,
+                           '\x21',
+                           {kRefusedByUs, kAcknowledged}}),
+    [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace vi_connector
