@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
-#include <random>
 #include <utility>
 
 #include "broker_relay.hpp"
@@ -110,6 +110,7 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     const bool v5 = settings_.protocol == MqttSettings::Protocol::kV5 ||
                     (settings_.protocol == MqttSettings::Protocol::kAuto && !brokerLacksV5_);
     protocol_ = v5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
+    policy_.emplace(settings_.reconnectDelayMinMs, settings_.reconnectDelayMaxMs);
     if (!CreateClient()) {
         return pubsub_status::kFailed;
     }
@@ -315,14 +316,9 @@ std::string MosquittoPubSub::Broker() const {
 void MosquittoPubSub::Run() {
     networkThreadId_.store(std::this_thread::get_id());
     ReportState(VIPubSubCallbackIf::kDisconnected);
-    // Full jitter: a fleet that lost its broker together does not come back in step.
-    std::minstd_rand random(std::random_device{}());
-    int ceilingMs = settings_.reconnectDelayMinMs;
-    bool quiet = false;  // one warning per outage, the retries at debug level
     while (!StopRequested()) {
-        const int rc = mosquitto_connect_async(client_, settings_.host.c_str(), settings_.port,
-                                               settings_.keepAliveSeconds);
-        const std::string failure = rc == MOSQ_ERR_SUCCESS ? RunSession() : Describe(rc);
+        policy_->Attempt();
+        const SessionEnd end = RunSession();
         const bool wasUp = HandleLinkDown(false);
         if (StopRequested()) {
             break;
@@ -337,42 +333,64 @@ void MosquittoPubSub::Run() {
             }
             continue;
         }
-        if (wasUp) {
-            CSCLogging::Warning("VIConnector: MQTT link to " + Broker() + " lost: " + failure);
-            ceilingMs = settings_.reconnectDelayMinMs;
-            quiet = true;
-        } else if (!quiet) {
-            CSCLogging::Warning("VIConnector: cannot connect to MQTT broker " + Broker() + ": " +
-                                failure + "; retrying");
-            quiet = true;
-        } else {
-            CSCLogging::Debug("VIConnector: MQTT broker " + Broker() +
-                              " still unreachable: " + failure);
-        }
-        if (!WaitBeforeReconnect(std::uniform_int_distribution<int>(0, ceilingMs)(random))) {
+        const auto down = policy_->LinkDown();
+        ReportLinkDown(end, wasUp, down.report);
+        if (!WaitBeforeReconnect(down.wait)) {
             break;
         }
-        ceilingMs = std::min(ceilingMs * 2, settings_.reconnectDelayMaxMs);
     }
     HandleLinkDown(true);
     networkThreadId_.store(std::thread::id());
 }
 
-std::string MosquittoPubSub::RunSession() {
+void MosquittoPubSub::ReportLinkDown(const SessionEnd& end, bool wasUp, bool report) const {
+    const auto log = [report](const std::string& line) {
+        report ? CSCLogging::Warning(line) : CSCLogging::Debug(line);
+    };
+    if (end.disconnect && end.disconnect->reason == MQTT_RC_SESSION_TAKEN_OVER) {
+        const std::string line =
+            "VIConnector: MQTT broker " + Broker() + " gave our session to another client " +
+            "with the client id '" + settings_.clientId + "' (DISCONNECT 0x8E" +
+            (end.disconnect->reasonString.empty() ? "" : ": " + end.disconnect->reasonString) +
+            "): the id is likely used twice; each vehicle needs its own [mqtt] client_id "
+            "or machine id";
+        report ? CSCLogging::Error(line) : CSCLogging::Debug(line);
+    } else if (end.disconnect) {
+        char code[8];
+        std::snprintf(code, sizeof(code), "0x%02X", static_cast<unsigned>(end.disconnect->reason));
+        log("VIConnector: MQTT link to " + Broker() + " lost: the broker sent DISCONNECT " + code +
+            " (" + mosquitto_reason_string(end.disconnect->reason) + ")" +
+            (end.disconnect->reasonString.empty() ? "" : ": " + end.disconnect->reasonString));
+    } else if (wasUp) {
+        log("VIConnector: MQTT link to " + Broker() + " lost: " + end.failure);
+    } else if (end.refusal) {
+        log("VIConnector: MQTT broker " + Broker() +
+            " refused the connection: " + mosquitto_reason_string(*end.refusal));
+    } else if (report) {
+        log("VIConnector: cannot connect to MQTT broker " + Broker() + ": " + end.failure +
+            "; retrying");
+    } else {
+        log("VIConnector: MQTT broker " + Broker() + " still unreachable: " + end.failure);
+    }
+}
+
+MosquittoPubSub::SessionEnd MosquittoPubSub::RunSession() {
+    connackRefusal_.reset();
     // libmosquitto talks to the relay, which owns the broker's socket and
     // hands it no packet larger than the bound.
-    std::string error;
-    const auto relay = BrokerRelay::Listen(error);
+    SessionEnd end;
+    const auto relay = BrokerRelay::Listen(end.failure);
     if (!relay) {
-        return error;
+        return end;
     }
     const int connected = mosquitto_connect_async(client_, relay->SocketPath().c_str(), 0,
                                                   settings_.keepAliveSeconds);
     if (connected != MOSQ_ERR_SUCCESS) {
-        return Describe(connected);
+        end.failure = Describe(connected);
+        return end;
     }
-    if (!relay->Start(settings_.host, settings_.port, tls_, kBrokerConnectTimeoutMs, error)) {
-        return error;
+    if (!relay->Start(settings_.host, settings_.port, tls_, kBrokerConnectTimeoutMs, end.failure)) {
+        return end;
     }
     {
         // A Disconnect that came before the connect could not reach this socket.
@@ -408,7 +426,10 @@ std::string MosquittoPubSub::RunSession() {
     }
     relay->Stop();
     // The relay knows why better than libmosquitto, which only saw its socket close.
-    return relay->Failure().empty() ? failure : relay->Failure();
+    end.failure = relay->Failure().empty() ? failure : relay->Failure();
+    end.refusal = connackRefusal_;
+    end.disconnect = relay->BrokerDisconnect();
+    return end;
 }
 
 void MosquittoPubSub::AddEvent(Event event) {
@@ -548,9 +569,7 @@ void MosquittoPubSub::HandleConnack(int reason) {
         return;
     }
     if (reason != 0) {
-        CSCLogging::Warning(CSCLogEntry()
-                            << "VIConnector: MQTT broker " << Broker()
-                            << " refused the connection: " << mosquitto_reason_string(reason));
+        connackRefusal_ = reason;  // reported when the attempt is over
         return;
     }
     std::vector<std::string> unsent;
@@ -568,8 +587,10 @@ void MosquittoPubSub::HandleConnack(int reason) {
             }
         }
     }
-    CSCLogging::Info("VIConnector: MQTT connected to " + Broker() + " as '" + settings_.clientId +
-                     "' (MQTT " + (protocol_ == MQTT_PROTOCOL_V5 ? "5" : "3.1.1") + ")");
+    const std::string line = "VIConnector: MQTT connected to " + Broker() + " as '" +
+                             settings_.clientId + "' (MQTT " +
+                             (protocol_ == MQTT_PROTOCOL_V5 ? "5" : "3.1.1") + ")";
+    policy_->Up() ? CSCLogging::Info(line) : CSCLogging::Debug(line);
     ReportState(VIPubSubCallbackIf::kConnected);
     if (const auto callback = Callback()) {
         for (const auto& topic : unsent) {
@@ -580,12 +601,14 @@ void MosquittoPubSub::HandleConnack(int reason) {
 
 bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
     bool wasUp = false;
+    bool asked = false;
     std::map<int, std::string> subscriptions;
     std::deque<std::string> queued;
     std::map<int, Outgoing> publishes;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         wasUp = linkUp_;
+        asked = stopRequested_;
         linkUp_ = false;
         // Brokers do not answer a SUBSCRIBE sent over a dead link; QoS 0
         // messages not yet written are gone. Higher QoS messages are sent
@@ -602,6 +625,11 @@ bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
         if (sessionEnds) {
             queued.swap(queuedSubscriptions_);
         }
+    }
+    // An end the owner asked for is not news to it: it may be shutting down,
+    // and whatever it would log about it would come after its last line.
+    if (asked) {
+        return wasUp;
     }
     if (wasUp) {
         ReportState(VIPubSubCallbackIf::kDisconnected);
@@ -622,9 +650,9 @@ bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
     return wasUp;
 }
 
-bool MosquittoPubSub::WaitBeforeReconnect(int delayMs) {
+bool MosquittoPubSub::WaitBeforeReconnect(std::chrono::milliseconds delay) {
     std::unique_lock<std::mutex> lock(mutex_);
-    wake_.wait_for(lock, std::chrono::milliseconds(delayMs), [this] { return stopRequested_; });
+    wake_.wait_for(lock, delay, [this] { return stopRequested_; });
     return !stopRequested_;
 }
 

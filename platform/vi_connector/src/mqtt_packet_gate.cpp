@@ -70,7 +70,7 @@ MqttPacketGate::Disconnect ParseDisconnect(const std::string& body) {
         const std::size_t length = Uint16At(body, at);
         at += 2;
         if (property == kReasonStringProperty && at + length <= end) {
-            disconnect.reasonString = body.substr(at, length);
+            disconnect.reasonString = Printable(body.substr(at, length));
         }
         at += length;
         if (property == 0x26 && at + 2 <= end) {  // a user property is a pair of strings

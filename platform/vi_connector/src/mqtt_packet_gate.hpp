@@ -20,7 +20,7 @@ public:
     /// the broker as the MQTT 5 Maximum Packet Size.
     static constexpr std::uint32_t kMaxPacketBytes = 64 * 1024 + 1024;
 
-    /// What a broker's MQTT 5 DISCONNECT said.
+    /// What a broker's MQTT 5 DISCONNECT said (the string made printable).
     struct Disconnect {
         int reason = 0;
         std::string reasonString;

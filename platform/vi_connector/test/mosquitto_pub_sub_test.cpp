@@ -12,6 +12,7 @@
 
 #include "csc_logging/log_capture.hpp"
 #include "test_support/child_process.hpp"
+#include "test_support/loopback.hpp"
 #include "test_support/mosquitto_broker.hpp"
 #include "test_support/scripted_mqtt_broker.hpp"
 #include "test_support/temporary_directory.hpp"
@@ -191,7 +192,8 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_TRUE(settled);
     EXPECT_FALSE(returnedWhileInside);
     EXPECT_TRUE(leftBeforeReturn);
-    EXPECT_EQ(disconnected.WaitFor("state"), (Events{"state 1", "state 0", "state 1"}));
+    // The end it asked for is not reported to it.
+    EXPECT_EQ(disconnected.WaitFor("state"), (Events{"state 1", "state 0"}));
     EXPECT_EQ(sut->PubSubPublish("a/b", {1}, 0, 0, PublishPayloadFormat::kUnspecified, "", false),
               pubsub_status::kFailed);
     // The same connector connects again: a new callback gets what follows, the old one nothing.
@@ -200,7 +202,41 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     ASSERT_EQ(next.WaitFor("suback", 1).size(), 1U);
     sut->PubSubPublish("push/2", {'2'}, 0, 0, PublishPayloadFormat::kUnspecified, "", false);
     EXPECT_EQ(next.WaitFor("message", 1), Events{"message push/2 2"});
-    EXPECT_EQ(disconnected.WaitFor("").size(), 6U);  // three states, suback, puback, message
+    EXPECT_EQ(disconnected.WaitFor("").size(), 5U);  // two states, suback, puback, message
+}
+
+TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
+    ScriptedMqttBroker broker({false, "", true, "", "", ""});
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback callback;
+    auto sut =
+        StartedConnector(broker.Port(), "reconnect_delay_min_ms=10\nreconnect_delay_max_ms=40\n");
+
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return broker.Connections() >= 12; }, kTimeout));
+    // Many times the back-off's ceiling: a thirteenth attempt within the minute would come now.
+    std::this_thread::sleep_for(500ms);
+
+    EXPECT_EQ(broker.Connections(), 12U);
+    EXPECT_LE(log.Count(csc_logging::LogLevel::kWarning, ""), 3U) << log.Dump();
+    EXPECT_EQ(log.Count(csc_logging::LogLevel::kInfo, "MQTT connected"), 2U) << log.Dump();
+}
+
+TEST(MosquittoPubSubTest, StoppingBeforeTheBrokerWasReachedSaysNothingMore) {
+    csc_logging::LogCapture log;
+    RecordingPubSubCallback callback;
+    auto sut = StartedConnector(kelvane::testing::FreeTcpPort(),
+                                "reconnect_delay_min_ms=600000\nreconnect_delay_max_ms=600000\n");
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
+    sut->PubSubSubscribe("push/ecu", true);
+    ASSERT_TRUE(log.WaitFor("cannot connect to MQTT broker", kTimeout));
+    const auto lines = log.Texts().size();
+
+    EXPECT_EQ(sut->PubSubDisconnect(), pubsub_status::kOk);
+    sut.reset();
+
+    EXPECT_EQ(log.Texts().size(), lines) << log.Dump();
+    EXPECT_EQ(callback.WaitFor(""), Events{"state 1"});  // no failed subscription
 }
 
 // The same story in both protocol versions: a push is a live event that must not be lost.
@@ -252,9 +288,10 @@ struct ScriptedBrokerCase {
     std::string name;
     ScriptedMqttBroker::Options broker;
     bool tls;
-    Events messages;                   // what the callback sees
+    Events messages;  // what the callback sees
+    csc_logging::LogLevel level;
     std::string logged;                // a line that must appear
-    char subscribeOptions;             // retained messages are never sent for MQTT 5
+    char subscribeOptions;             // retained messages are never sent for MQTT 5 (0: none)
     std::vector<std::string> pubacks;  // what the broker receives, in order
 };
 
@@ -284,8 +321,9 @@ TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
     sut->PubSubSubscribe("push/ecu", true);
 
     EXPECT_EQ(callback.WaitFor("message", row.messages.size()), row.messages);
-    EXPECT_TRUE(log.WaitFor(row.logged, kTimeout)) << log.Dump();
-    for (const auto& subscribe : broker.WaitForPackets(8, 1, kTimeout)) {
+    EXPECT_TRUE(log.WaitFor(row.logged, kTimeout) && log.Contains(row.level, row.logged))
+        << log.Dump();
+    for (const auto& subscribe : broker.WaitForPackets(8, row.subscribeOptions ? 1 : 0, kTimeout)) {
         EXPECT_EQ(subscribe.bytes.back(), row.subscribeOptions);
     }
     std::vector<std::string> pubacks;
@@ -312,6 +350,7 @@ INSTANTIATE_TEST_SUITE_P(
             {true, "", false, ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), "", ""},
             false,
             {"message push/ecu go"},
+            csc_logging::LogLevel::kInfo,
             "does not speak MQTT 5; using MQTT 3.1.1 until restart",
             '\x01',
             {std::string("\x40\x02\x00\x07", 4)}},
@@ -319,6 +358,7 @@ INSTANTIATE_TEST_SUITE_P(
                            {false, "", false, kOversized + kBehindIt, "", ""},
                            false,
                            {"message push/ecu next"},
+                           csc_logging::LogLevel::kWarning,
                            kDropped,
                            '\x21',
                            {kRefusedByUs, kAcknowledged}},
@@ -326,9 +366,30 @@ INSTANTIATE_TEST_SUITE_P(
                            {false, "", false, kOversized + kBehindIt, "", ""},
                            true,
                            {"message push/ecu next"},
+                           csc_logging::LogLevel::kWarning,
                            kDropped,
                            '\x21',
-                           {kRefusedByUs, kAcknowledged}}),
+                           {kRefusedByUs, kAcknowledged}},
+        ScriptedBrokerCase{
+            "TakenOver",
+            {false, ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"), true, "", "", ""},
+            false,
+            {},
+            csc_logging::LogLevel::kError,
+            "gave our session to another client with the client id 'vehicle' "
+            "(DISCONNECT 0x8E: another?client): the id is likely used twice",
+            0,
+            {}},
+        ScriptedBrokerCase{
+            "ShuttingDown",
+            {false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"), true, "", "", ""},
+            false,
+            {},
+            csc_logging::LogLevel::kWarning,
+            "lost: the broker sent DISCONNECT 0x8B (Server shutting down): "
+            "maintenance",
+            0,
+            {}}),
     [](const auto& row) { return row.param.name; });
 
 }  // namespace
