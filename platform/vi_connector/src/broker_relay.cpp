@@ -399,6 +399,11 @@ void BrokerRelay::Pump() {
                 Fail(gate_.Failure());
                 break;
             }
+            if (gate_.BrokerDisconnect()) {
+                brokerEnded = true;  // the client gets what came before it, then the end
+                Fail("the broker sent DISCONNECT");
+                break;
+            }
         }
         while (!toClient.empty() && !clientEnded) {
             const ssize_t put = ::send(clientFd_, toClient.data(), toClient.size(), MSG_NOSIGNAL);

@@ -564,7 +564,6 @@ void MosquittoPubSub::HandleConnack(int reason) {
                          " does not speak MQTT 5; using MQTT 3.1.1 until restart");
         brokerLacksV5_ = true;
         fallBackToV311_ = true;
-        std::lock_guard<std::mutex> lock(mutex_);
         protocol_ = MQTT_PROTOCOL_V311;
         return;
     }

@@ -134,9 +134,9 @@ private:
     std::atomic<std::thread::id> networkThreadId_{};
     MqttSettings settings_;         // written only while no network thread runs
     std::shared_ptr<SSL_CTX> tls_;  // with settings_, when they ask for TLS
-    int protocol_ = 0;  // MQTT_PROTOCOL_V5 or _V311; guarded by mutex_ while the thread runs
-    bool brokerLacksV5_ = false;  // kept from session to session
+    bool brokerLacksV5_ = false;    // kept from session to session
     // Network thread only (set up before it starts):
+    int protocol_ = 0;             // MQTT_PROTOCOL_V5 or _V311
     bool fallBackToV311_ = false;  // reconnect at once with 3.1.1
     std::optional<int> connackRefusal_;
     std::optional<ReconnectPolicy> policy_;

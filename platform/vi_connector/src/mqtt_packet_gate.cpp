@@ -138,7 +138,7 @@ void MqttPacketGate::FromClient(const char* data, std::size_t size, std::string&
 
 bool MqttPacketGate::FromBroker(const char* data, std::size_t size, std::string& toClient,
                                 std::string& toBroker) {
-    while (size > 0 && failure_.empty()) {
+    while (size > 0 && failure_.empty() && !disconnect_) {
         if (!fromBroker_.inBody) {
             bool malformed = false;
             if (!fromBroker_.TakeHeader(data, size, malformed)) {
@@ -172,7 +172,7 @@ bool MqttPacketGate::FromBroker(const char* data, std::size_t size, std::string&
             return false;
         }
         if (fromBroker_.remaining == 0) {
-            EndBrokerPacket(toClient);
+            EndBrokerPacket();
         }
     }
     return failure_.empty();
@@ -240,10 +240,9 @@ bool MqttPacketGate::TakeOversizedPublish(std::string& toBroker) {
     return true;
 }
 
-void MqttPacketGate::EndBrokerPacket(std::string& toClient) {
+void MqttPacketGate::EndBrokerPacket() {
     if (brokerBody_ == BrokerBody::kInspect) {
         disconnect_ = ParseDisconnect(held_.substr(fromBroker_.headerSize));
-        toClient += held_;
         held_.clear();
     }
     fromBroker_ = Framing();

@@ -14,6 +14,11 @@ namespace vi_connector {
 /// is read past and, for QoS 1 and 2, acknowledged to the broker so that it is
 /// not sent again; any other oversized packet breaks the connection. Whatever
 /// the broker sends, the gate holds at most the start of one packet.
+///
+/// An MQTT 5 DISCONNECT from the broker is kept from the client too, and
+/// nothing after it is passed on: libmosquitto 2.0.11 drops its reason string
+/// and unlocks a mutex it does not hold when it handles one. The relay ends
+/// the client's connection instead.
 class MqttPacketGate {
 public:
     /// 64 KiB of payload and room for the topic and properties; announced to
@@ -31,8 +36,9 @@ public:
     void FromClient(const char* data, std::size_t size, std::string& toBroker);
     /// Broker bytes: what the client may read is appended to `toClient`,
     /// acknowledgements to `toBroker` (or kept until the client's packet under
-    /// way is complete). False when the broker broke the protocol or sent an
-    /// oversized packet other than a PUBLISH: Failure() says which.
+    /// way is complete); bytes after a DISCONNECT are ignored. False when the
+    /// broker broke the protocol or sent an oversized packet other than a
+    /// PUBLISH: Failure() says which.
     bool FromBroker(const char* data, std::size_t size, std::string& toClient,
                     std::string& toBroker);
 
@@ -62,7 +68,7 @@ private:
     // How much of an oversized PUBLISH's start to keep: topic and packet id.
     std::size_t OversizedStartSize() const;
     bool TakeOversizedPublish(std::string& toBroker);
-    void EndBrokerPacket(std::string& toClient);
+    void EndBrokerPacket();
     void Acknowledge(const std::string& ack, std::string& toBroker);
     bool Fail(const std::string& problem);
 
