@@ -9,7 +9,8 @@
 
 bench_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 bench_build_dir=${BUILD_DIR:-$bench_root/build-release}
-bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger bench_startup_probe)
+bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger
+               bench_startup_probe bench_hostile_broker)
 
 # shellcheck source=world.sh
 source "$bench_root/bench/lib/world.sh"

@@ -262,5 +262,49 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     EXPECT_EQ(env.StopClient(), 0);
 }
 
+// A push sent with QoS 1 while the client is stopped updates once when it is back; a stored
+// (retained) push starts nothing, neither at the first start nor at the next.
+TEST(Scenarios, APushSentWhileStoppedUpdatesOnceAndAStoredOneNever) {
+    E2eEnvironment env;
+    const auto publish = [&](const std::string& name, bool retain) {
+        std::vector<std::string> argv = {"mosquitto_pub",
+                                         "-h",
+                                         "127.0.0.1",
+                                         "-p",
+                                         std::to_string(env.Broker().Port()),
+                                         "-q",
+                                         "1",
+                                         "-t",
+                                         "TTVI-Kelvane-C003.CTzelkDlcInitiation",
+                                         "-m",
+                                         name};
+        if (retain) {
+            argv.push_back("-r");
+        }
+        testing::ChildProcess publisher({argv, {}, env.WriteFile(name + ".log", "")});
+        return publisher.WaitForExit(10s) == 0;
+    };
+    constexpr const char* kReceived = "MQTT Message was received";
+
+    ASSERT_TRUE(publish("stored", true));
+    env.StartClient();
+    ASSERT_TRUE(env.WaitForClientLog(kSubscribed));
+    env.Push();
+    ASSERT_TRUE(env.WaitForClientLog(kUpdated));
+    EXPECT_EQ(env.StopClient(), 0);
+    const auto subscribed = env.ClientLogCount(kSubscribed);
+    ASSERT_TRUE(publish("while-stopped", false));
+    env.StartClient();
+    ASSERT_TRUE(env.WaitForClientLog(kUpdated, 2));
+    ASSERT_TRUE(env.WaitForClientLog(kSubscribed, subscribed + 1));
+    env.Push();  // after an update made for a push, ignored; it marks the end
+    ASSERT_TRUE(env.WaitForClientLog(kReceived, 3));
+
+    EXPECT_EQ(env.ClientLogCount(kStarted), 2U);
+    EXPECT_EQ(env.ClientLogCount(kReceived), 3U);
+    EXPECT_EQ(env.ClientLogCount(" Ignored!"), 1U);
+    EXPECT_EQ(env.StopClient(), 0);
+}
+
 }  // namespace
 }  // namespace kelvane::e2e

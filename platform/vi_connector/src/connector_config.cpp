@@ -109,17 +109,15 @@ void ReadBackendTls(const ini_file_reader::IniFileReader& ini, Reader& read,
 
 }  // namespace
 
-std::string DeviceClientId() {
-    std::string seed;
-    std::ifstream machineId("/etc/machine-id");
-    if (machineId) {
-        std::getline(machineId, seed);
-    }
-    if (seed.empty()) {
-        char name[256] = {};
-        if (::gethostname(name, sizeof(name) - 1) == 0) {
-            seed = name;
-        }
+std::optional<std::string> DeviceClientId(const std::string& machineIdPath) {
+    // A machine id is 32 hex digits and a line end; read no more than a little over that.
+    char buffer[128] = {};
+    std::ifstream file(machineIdPath, std::ios::binary);
+    file.read(buffer, sizeof(buffer) - 1);
+    std::string seed(buffer, static_cast<std::size_t>(file.gcount()));
+    seed = seed.substr(0, seed.find_first_of("\r\n"));
+    if (seed.empty() || seed == "uninitialized") {
+        return std::nullopt;
     }
     // FNV-1a, keyed with our name: another program's id derived from the same
     // machine id differs.
@@ -132,7 +130,8 @@ std::string DeviceClientId() {
     return std::string("kelvane-") + text;
 }
 
-std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, std::string& error) {
+std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, std::string& error,
+                                                     const std::string& machineIdPath) {
     ini_file_reader::IniFileReader ini;
     if (!ini.Load(path)) {
         error = ini.Errors().front();
@@ -150,12 +149,21 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     }
 
     auto& mqtt = config.mqtt;
-    read.OnlyKeys("mqtt", {"host", "port", "client_id", "keep_alive", "reconnect_delay_min_ms",
-                           "reconnect_delay_max_ms", "tls_ca_file", "tls_cert_file", "tls_key_file",
-                           "allow_plaintext"});
+    read.OnlyKeys("mqtt", {"host", "port", "client_id", "protocol", "session_expiry", "keep_alive",
+                           "reconnect_delay_min_ms", "reconnect_delay_max_ms", "tls_ca_file",
+                           "tls_cert_file", "tls_key_file", "allow_plaintext"});
     read.Text("mqtt", "host", mqtt.host);
     read.Number("mqtt", "port", 1, 65535, mqtt.port);
     read.Text("mqtt", "client_id", mqtt.clientId);
+    const std::string protocol = ini.Get("mqtt", "protocol", "auto");
+    if (protocol == "5") {
+        mqtt.protocol = MqttSettings::Protocol::kV5;
+    } else if (protocol == "3.1.1") {
+        mqtt.protocol = MqttSettings::Protocol::kV311;
+    } else if (protocol != "auto") {
+        read.Fail("[mqtt] protocol='" + protocol + "' is none of 5, 3.1.1 and auto");
+    }
+    read.Number("mqtt", "session_expiry", 0, 4294967295L, mqtt.sessionExpirySeconds);
     read.Number("mqtt", "keep_alive", 5, 65535, mqtt.keepAliveSeconds);
     read.Number("mqtt", "reconnect_delay_min_ms", 10, 600000, mqtt.reconnectDelayMinMs);
     read.Number("mqtt", "reconnect_delay_max_ms", 10, 600000, mqtt.reconnectDelayMaxMs);
@@ -177,7 +185,13 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
         read.Fail("[mqtt] tls_key_file: " + keyProblem);
     }
     if (mqtt.clientId.empty()) {
-        mqtt.clientId = DeviceClientId();
+        if (auto id = DeviceClientId(machineIdPath)) {
+            mqtt.clientId = std::move(*id);
+        } else {
+            read.Fail("[mqtt] client_id is not set and " + machineIdPath +
+                      " is missing, empty or uninitialized: set [mqtt] client_id to an id of "
+                      "this vehicle, or give the machine an id (systemd-machine-id-setup)");
+        }
     }
 
     auto& state = config.connectionState;

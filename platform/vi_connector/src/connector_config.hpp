@@ -10,9 +10,15 @@ namespace vi_connector {
 
 /// [mqtt]
 struct MqttSettings {
+    /// kAuto: MQTT 5, and 3.1.1 from the moment the broker refuses version 5.
+    enum class Protocol { kAuto, kV5, kV311 };
+
     std::string host = "127.0.0.1";
     std::uint16_t port = 1883;
     std::string clientId;  // default: derived from this machine's id, see DeviceClientId()
+    Protocol protocol = Protocol::kAuto;
+    // How long the broker keeps the session (and the pushes for it) while we are away.
+    std::uint32_t sessionExpirySeconds = 7 * 24 * 3600;
     int keepAliveSeconds = 30;
     int reconnectDelayMinMs = 250;    // first back-off step
     int reconnectDelayMaxMs = 10000;  // back-off ceiling
@@ -50,11 +56,14 @@ struct TransactionSettings {
     bool allowPlaintext = false;  // an http:// url to a remote host is refused otherwise
 };
 
+constexpr const char* kMachineIdPath = "/etc/machine-id";
+
 /// An MQTT client id of this device: stable, and different from machine to
 /// machine, so that a fleet's clients do not take over each other's sessions.
-/// Derived from /etc/machine-id (hashed: the id itself is not disclosed), else
-/// from the host name.
-std::string DeviceClientId();
+/// Derived from the machine id in `machineIdPath` (hashed: the id itself is not
+/// disclosed). Nothing when the file is missing, empty or "uninitialized": a
+/// host name is no substitute, cloned images share theirs.
+std::optional<std::string> DeviceClientId(const std::string& machineIdPath);
 
 struct ConnectorConfig {
     MqttSettings mqtt;
@@ -64,7 +73,8 @@ struct ConnectorConfig {
 
     /// Reads and checks `path`. On failure returns nothing and sets `error` to
     /// one sentence naming the file and the problem.
-    static std::optional<ConnectorConfig> Load(const std::string& path, std::string& error);
+    static std::optional<ConnectorConfig> Load(const std::string& path, std::string& error,
+                                               const std::string& machineIdPath = kMachineIdPath);
 };
 
 }  // namespace vi_connector

@@ -1,18 +1,18 @@
 #include "mosquitto_pub_sub.hpp"
 
 #include <mqtt_protocol.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
-#include <random>
 #include <utility>
 
+#include "broker_relay.hpp"
+#include "broker_tls.hpp"
 #include "csc_logging/csc_logging.hpp"
-#include "tls_policy.hpp"
 
 namespace vi_connector {
 namespace {
@@ -21,14 +21,18 @@ using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 
 constexpr int kSubscribeQos = 1;
+// Pushes are live events: a stored (retained) message must never start an update.
+constexpr int kSubscribeOptions = MQTT_SUB_OPT_SEND_RETAIN_NEVER;
 // SUBACK and PUBACK reason codes from 0x80 on are refusals.
 constexpr int kFirstFailureReason = 0x80;
 // How long a DISCONNECT may take to leave once the session is asked to stop.
 constexpr auto kDisconnectGrace = std::chrono::seconds(2);
+// TCP connect and TLS handshake with the broker.
+constexpr int kBrokerConnectTimeoutMs = 10000;
 // Push messages carry no payload we use; anything larger is hostile. The
 // packet limit told to the broker leaves room for the topic and properties.
 constexpr std::uint32_t kMaxPayloadBytes = 64 * 1024;
-constexpr std::uint32_t kMaxPacketBytes = kMaxPayloadBytes + 1024;
+constexpr std::uint32_t kMaxPacketBytes = MqttPacketGate::kMaxPacketBytes;
 
 void InitialiseLibrary() {
     static std::once_flag once;
@@ -93,6 +97,20 @@ std::uint32_t MosquittoPubSub::Connect(const MqttSettings& settings, VIPubSubCal
     DestroyClient();
 
     settings_ = settings;
+    tls_.reset();
+    if (!settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
+        !settings_.tlsKeyFile.empty()) {
+        std::string error;
+        tls_ = MakeBrokerTlsContext(settings_, error);
+        if (!tls_) {
+            CSCLogging::Error("VIConnector: MQTT TLS set-up failed: " + error);
+            return pubsub_status::kFailed;
+        }
+    }
+    const bool v5 = settings_.protocol == MqttSettings::Protocol::kV5 ||
+                    (settings_.protocol == MqttSettings::Protocol::kAuto && !brokerLacksV5_);
+    protocol_ = v5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
+    policy_.emplace(settings_.reconnectDelayMinMs, settings_.reconnectDelayMaxMs);
     if (!CreateClient()) {
         return pubsub_status::kFailed;
     }
@@ -165,7 +183,7 @@ SubscribeResult MosquittoPubSub::Subscribe(const std::string& topic, bool queueW
         return {pubsub_status::kAlreadyOrQueued, 0};
     }
     int mid = 0;
-    const int rc = mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr);
+    const int rc = SendSubscribe(topic, mid);
     if (rc != MOSQ_ERR_SUCCESS) {
         CSCLogging::Error("VIConnector: cannot subscribe to '" + topic + "': " + Describe(rc));
         return {pubsub_status::kFailed, 0};
@@ -214,87 +232,58 @@ std::uint32_t MosquittoPubSub::Publish(const std::string& topic,
     return pubsub_status::kOk;
 }
 
+int MosquittoPubSub::SendSubscribe(const std::string& topic, int& mid) {
+    // libmosquitto leaves the options out of an MQTT 3.1.1 SUBSCRIBE.
+    return mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, kSubscribeOptions,
+                                  nullptr);
+}
+
 bool MosquittoPubSub::CreateClient() {
     InitialiseLibrary();
-    const char* id = settings_.clientId.empty() ? nullptr : settings_.clientId.c_str();
-    mosquitto* client = mosquitto_new(id, true, this);
+    // Not a clean start: the broker keeps the session, and the pushes sent
+    // while we are away, for the next connection with the same id.
+    mosquitto* client = mosquitto_new(settings_.clientId.c_str(), false, this);
     if (client == nullptr) {
         CSCLogging::Error(std::string("VIConnector: cannot create an MQTT client: ") +
                           std::strerror(errno));
         return false;
     }
-    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, protocol_);
     mosquitto_threaded_set(client, true);
     mosquitto_connect_v5_callback_set(client, &MosquittoPubSub::OnConnect);
     mosquitto_message_v5_callback_set(client, &MosquittoPubSub::OnMessage);
     mosquitto_subscribe_v5_callback_set(client, &MosquittoPubSub::OnSubscribe);
     mosquitto_publish_v5_callback_set(client, &MosquittoPubSub::OnPublish);
-    if (!AnnounceMaximumPacketSize(client)) {
+    if (protocol_ == MQTT_PROTOCOL_V5 && !SetConnectProperties(client)) {
         mosquitto_destroy(client);
         return false;
     }
 
-    const bool wantsTls = !settings_.tlsCaFile.empty() || !settings_.tlsCertFile.empty() ||
-                          !settings_.tlsKeyFile.empty();
-    if (wantsTls) {
-        std::string problem;
-        if (settings_.tlsCaFile.empty()) {
-            problem = "tls_ca_file is required for TLS";
-        }
-        for (const auto& [key, path] : {std::pair{"tls_ca_file", &settings_.tlsCaFile},
-                                        std::pair{"tls_cert_file", &settings_.tlsCertFile},
-                                        std::pair{"tls_key_file", &settings_.tlsKeyFile}}) {
-            if (problem.empty() && !path->empty() && ::access(path->c_str(), R_OK) != 0) {
-                problem =
-                    std::string(key) + " '" + *path + "' cannot be read: " + std::strerror(errno);
-            }
-        }
-        if (problem.empty()) {
-            const auto optional = [](const std::string& path) {
-                return path.empty() ? nullptr : path.c_str();
-            };
-            int rc = mosquitto_tls_set(client, settings_.tlsCaFile.c_str(), nullptr,
-                                       optional(settings_.tlsCertFile),
-                                       optional(settings_.tlsKeyFile), nullptr);
-            // Stated, not left to library defaults: the chain and the broker's
-            // name must both match.
-            if (rc == MOSQ_ERR_SUCCESS) {
-                rc = mosquitto_tls_opts_set(client, 1 /* SSL_VERIFY_PEER */, kTlsMinimumVersionName,
-                                            kTls12Ciphers);
-            }
-            if (rc == MOSQ_ERR_SUCCESS) {
-                rc = mosquitto_tls_insecure_set(client, false);
-            }
-            if (rc != MOSQ_ERR_SUCCESS) {
-                problem = Describe(rc);
-            }
-        }
-        if (!problem.empty()) {
-            CSCLogging::Error("VIConnector: MQTT TLS set-up failed: " + problem);
-            mosquitto_destroy(client);
-            return false;
-        }
-    }
     std::lock_guard<std::mutex> lock(mutex_);
     client_ = client;
     return true;
 }
 
-bool MosquittoPubSub::AnnounceMaximumPacketSize(mosquitto* client) {
-    // The broker then drops larger messages for us instead of sending them.
-    // libmosquitto 2.0 takes CONNECT properties only through its blocking
-    // connect, which keeps them for every later (asynchronous) connect; an
-    // invalid port makes it store them and return before connecting.
+bool MosquittoPubSub::SetConnectProperties(mosquitto* client) {
+    // A broker that obeys the maximum packet size drops larger messages for us
+    // instead of sending them. libmosquitto 2.0 takes CONNECT properties only
+    // through its blocking connect, which keeps them for every later
+    // (asynchronous) connect; an invalid port makes it store them and return
+    // before connecting.
     mosquitto_property* properties = nullptr;
     int rc =
         mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacketBytes);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_property_add_int32(&properties, MQTT_PROP_SESSION_EXPIRY_INTERVAL,
+                                          settings_.sessionExpirySeconds);
+    }
     if (rc == MOSQ_ERR_SUCCESS) {
         rc = mosquitto_connect_bind_v5(client, "localhost", -1, settings_.keepAliveSeconds, nullptr,
                                        properties);
     }
     mosquitto_property_free_all(&properties);
     if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_INVAL) {
-        CSCLogging::Error("VIConnector: cannot set the MQTT maximum packet size: " + Describe(rc));
+        CSCLogging::Error("VIConnector: cannot set the MQTT connect properties: " + Describe(rc));
         return false;
     }
     return true;
@@ -327,40 +316,82 @@ std::string MosquittoPubSub::Broker() const {
 void MosquittoPubSub::Run() {
     networkThreadId_.store(std::this_thread::get_id());
     ReportState(VIPubSubCallbackIf::kDisconnected);
-    // Full jitter: a fleet that lost its broker together does not come back in step.
-    std::minstd_rand random(std::random_device{}());
-    int ceilingMs = settings_.reconnectDelayMinMs;
-    bool quiet = false;  // one warning per outage, the retries at debug level
     while (!StopRequested()) {
-        const int rc = mosquitto_connect_async(client_, settings_.host.c_str(), settings_.port,
-                                               settings_.keepAliveSeconds);
-        const std::string failure = rc == MOSQ_ERR_SUCCESS ? RunSession() : Describe(rc);
+        policy_->Attempt();
+        const SessionEnd end = RunSession();
         const bool wasUp = HandleLinkDown(false);
         if (StopRequested()) {
             break;
         }
-        if (wasUp) {
-            CSCLogging::Warning("VIConnector: MQTT link to " + Broker() + " lost: " + failure);
-            ceilingMs = settings_.reconnectDelayMinMs;
-            quiet = true;
-        } else if (!quiet) {
-            CSCLogging::Warning("VIConnector: cannot connect to MQTT broker " + Broker() + ": " +
-                                failure + "; retrying");
-            quiet = true;
-        } else {
-            CSCLogging::Debug("VIConnector: MQTT broker " + Broker() +
-                              " still unreachable: " + failure);
+        if (fallBackToV311_) {
+            // A new client: libmosquitto refuses to send the stored MQTT 5
+            // connect properties with 3.1.1.
+            fallBackToV311_ = false;
+            DestroyClient();
+            if (!CreateClient()) {
+                break;
+            }
+            continue;
         }
-        if (!WaitBeforeReconnect(std::uniform_int_distribution<int>(0, ceilingMs)(random))) {
+        const auto down = policy_->LinkDown();
+        ReportLinkDown(end, wasUp, down.report);
+        if (!WaitBeforeReconnect(down.wait)) {
             break;
         }
-        ceilingMs = std::min(ceilingMs * 2, settings_.reconnectDelayMaxMs);
     }
     HandleLinkDown(true);
     networkThreadId_.store(std::thread::id());
 }
 
-std::string MosquittoPubSub::RunSession() {
+void MosquittoPubSub::ReportLinkDown(const SessionEnd& end, bool wasUp, bool report) const {
+    const auto log = [report](const std::string& line) {
+        report ? CSCLogging::Warning(line) : CSCLogging::Debug(line);
+    };
+    if (end.disconnect && end.disconnect->reason == MQTT_RC_SESSION_TAKEN_OVER) {
+        const std::string line =
+            "VIConnector: MQTT broker " + Broker() + " gave our session to another client " +
+            "with the client id '" + settings_.clientId + "' (DISCONNECT 0x8E" +
+            (end.disconnect->reasonString.empty() ? "" : ": " + end.disconnect->reasonString) +
+            "): the id is likely used twice; each vehicle needs its own [mqtt] client_id "
+            "or machine id";
+        report ? CSCLogging::Error(line) : CSCLogging::Debug(line);
+    } else if (end.disconnect) {
+        char code[8];
+        std::snprintf(code, sizeof(code), "0x%02X", static_cast<unsigned>(end.disconnect->reason));
+        log("VIConnector: MQTT link to " + Broker() + " lost: the broker sent DISCONNECT " + code +
+            " (" + mosquitto_reason_string(end.disconnect->reason) + ")" +
+            (end.disconnect->reasonString.empty() ? "" : ": " + end.disconnect->reasonString));
+    } else if (wasUp) {
+        log("VIConnector: MQTT link to " + Broker() + " lost: " + end.failure);
+    } else if (end.refusal) {
+        log("VIConnector: MQTT broker " + Broker() +
+            " refused the connection: " + mosquitto_reason_string(*end.refusal));
+    } else if (report) {
+        log("VIConnector: cannot connect to MQTT broker " + Broker() + ": " + end.failure +
+            "; retrying");
+    } else {
+        log("VIConnector: MQTT broker " + Broker() + " still unreachable: " + end.failure);
+    }
+}
+
+MosquittoPubSub::SessionEnd MosquittoPubSub::RunSession() {
+    connackRefusal_.reset();
+    // libmosquitto talks to the relay, which owns the broker's socket and
+    // hands it no packet larger than the bound.
+    SessionEnd end;
+    const auto relay = BrokerRelay::Listen(end.failure);
+    if (!relay) {
+        return end;
+    }
+    const int connected = mosquitto_connect_async(client_, relay->SocketPath().c_str(), 0,
+                                                  settings_.keepAliveSeconds);
+    if (connected != MOSQ_ERR_SUCCESS) {
+        end.failure = Describe(connected);
+        return end;
+    }
+    if (!relay->Start(settings_.host, settings_.port, tls_, kBrokerConnectTimeoutMs, end.failure)) {
+        return end;
+    }
     {
         // A Disconnect that came before the connect could not reach this socket.
         std::lock_guard<std::mutex> lock(mutex_);
@@ -371,12 +402,13 @@ std::string MosquittoPubSub::RunSession() {
     // libmosquitto shortens the wait itself when a keep-alive ping is due.
     const int timeoutMs = settings_.keepAliveSeconds * 1000;
     std::chrono::steady_clock::time_point giveUpAt{};
-    while (true) {
+    std::string failure;
+    while (failure.empty()) {
         const int rc = mosquitto_loop(client_, timeoutMs, 1);
-        const std::string failure = rc == MOSQ_ERR_SUCCESS ? std::string() : Describe(rc);
         HandleEvents();
         if (rc != MOSQ_ERR_SUCCESS) {
-            return failure;
+            failure = Describe(rc);
+            break;
         }
         std::lock_guard<std::mutex> lock(mutex_);
         if (!stopRequested_) {
@@ -389,9 +421,15 @@ std::string MosquittoPubSub::RunSession() {
             giveUpAt = now + kDisconnectGrace;
         }
         if (!linkUp_ || now >= giveUpAt) {
-            return "disconnected";
+            failure = "disconnected";
         }
     }
+    relay->Stop();
+    // The relay knows why better than libmosquitto, which only saw its socket close.
+    end.failure = relay->Failure().empty() ? failure : relay->Failure();
+    end.refusal = connackRefusal_;
+    end.disconnect = relay->BrokerDisconnect();
+    return end;
 }
 
 void MosquittoPubSub::AddEvent(Event event) {
@@ -408,6 +446,14 @@ void MosquittoPubSub::OnConnect(mosquitto* /*client*/, void* self, int reason, i
 
 void MosquittoPubSub::OnMessage(mosquitto* /*client*/, void* self, const mosquitto_message* message,
                                 const mosquitto_property* /*properties*/) {
+    // Sent because it was stored, not because it happened now (libmosquitto
+    // has acknowledged it already).
+    if (message->retain) {
+        CSCLogging::Debug(CSCLogEntry()
+                          << "VIConnector: dropped a retained message on '"
+                          << (message->topic ? message->topic : "") << "': pushes are live events");
+        return;
+    }
     // A broker that ignores our maximum packet size still gets no copy made.
     if (message->payloadlen > static_cast<int>(kMaxPayloadBytes)) {
         CSCLogging::Warning(CSCLogEntry()
@@ -512,10 +558,17 @@ void MosquittoPubSub::HandleEvents() {
 }
 
 void MosquittoPubSub::HandleConnack(int reason) {
+    if (reason == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION &&
+        settings_.protocol == MqttSettings::Protocol::kAuto && protocol_ == MQTT_PROTOCOL_V5) {
+        CSCLogging::Info("VIConnector: MQTT broker " + Broker() +
+                         " does not speak MQTT 5; using MQTT 3.1.1 until restart");
+        brokerLacksV5_ = true;
+        fallBackToV311_ = true;
+        protocol_ = MQTT_PROTOCOL_V311;
+        return;
+    }
     if (reason != 0) {
-        CSCLogging::Warning(CSCLogEntry()
-                            << "VIConnector: MQTT broker " << Broker()
-                            << " refused the connection: " << mosquitto_reason_string(reason));
+        connackRefusal_ = reason;  // reported when the attempt is over
         return;
     }
     std::vector<std::string> unsent;
@@ -526,16 +579,17 @@ void MosquittoPubSub::HandleConnack(int reason) {
             std::string topic = std::move(queuedSubscriptions_.front());
             queuedSubscriptions_.pop_front();
             int mid = 0;
-            if (mosquitto_subscribe_v5(client_, &mid, topic.c_str(), kSubscribeQos, 0, nullptr) ==
-                MOSQ_ERR_SUCCESS) {
+            if (SendSubscribe(topic, mid) == MOSQ_ERR_SUCCESS) {
                 subscriptionsInFlight_[mid] = std::move(topic);
             } else {
                 unsent.push_back(std::move(topic));
             }
         }
     }
-    CSCLogging::Info("VIConnector: MQTT connected to " + Broker() + " as '" + settings_.clientId +
-                     "'");
+    const std::string line = "VIConnector: MQTT connected to " + Broker() + " as '" +
+                             settings_.clientId + "' (MQTT " +
+                             (protocol_ == MQTT_PROTOCOL_V5 ? "5" : "3.1.1") + ")";
+    policy_->Up() ? CSCLogging::Info(line) : CSCLogging::Debug(line);
     ReportState(VIPubSubCallbackIf::kConnected);
     if (const auto callback = Callback()) {
         for (const auto& topic : unsent) {
@@ -546,12 +600,14 @@ void MosquittoPubSub::HandleConnack(int reason) {
 
 bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
     bool wasUp = false;
+    bool asked = false;
     std::map<int, std::string> subscriptions;
     std::deque<std::string> queued;
     std::map<int, Outgoing> publishes;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         wasUp = linkUp_;
+        asked = stopRequested_;
         linkUp_ = false;
         // Brokers do not answer a SUBSCRIBE sent over a dead link; QoS 0
         // messages not yet written are gone. Higher QoS messages are sent
@@ -568,6 +624,11 @@ bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
         if (sessionEnds) {
             queued.swap(queuedSubscriptions_);
         }
+    }
+    // An end the owner asked for is not news to it: it may be shutting down,
+    // and whatever it would log about it would come after its last line.
+    if (asked) {
+        return wasUp;
     }
     if (wasUp) {
         ReportState(VIPubSubCallbackIf::kDisconnected);
@@ -588,9 +649,9 @@ bool MosquittoPubSub::HandleLinkDown(bool sessionEnds) {
     return wasUp;
 }
 
-bool MosquittoPubSub::WaitBeforeReconnect(int delayMs) {
+bool MosquittoPubSub::WaitBeforeReconnect(std::chrono::milliseconds delay) {
     std::unique_lock<std::mutex> lock(mutex_);
-    wake_.wait_for(lock, std::chrono::milliseconds(delayMs), [this] { return stopRequested_; });
+    wake_.wait_for(lock, delay, [this] { return stopRequested_; });
     return !stopRequested_;
 }
 

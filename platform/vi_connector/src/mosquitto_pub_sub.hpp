@@ -8,23 +8,30 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "broker_tls.hpp"
 #include "connector_config.hpp"
+#include "mqtt_packet_gate.hpp"
+#include "reconnect_policy.hpp"
 #include "vi_connector/vi_pub_sub_callback_if.hpp"
 #include "vi_connector/vi_types.hpp"
 
 namespace vi_connector {
 
-/// The connector's MQTT channel: one libmosquitto session (MQTT 5, clean
-/// start) served by a network thread of its own, which reconnects with a
-/// bounded exponential back-off (full jitter) and delivers every VIPubSubCallbackIf
-/// notification. The thread sleeps until the socket has traffic, a request
-/// arrives or a keep-alive ping is due, so an idle link costs about two
-/// wake-ups per keep-alive period.
+/// The connector's MQTT channel: one libmosquitto session (MQTT 5 or 3.1.1,
+/// kept by the broker between connections) served by a network thread of its
+/// own, which reconnects as ReconnectPolicy says and delivers every
+/// VIPubSubCallbackIf notification. Each connection runs through a
+/// BrokerRelay, so no packet over MqttPacketGate's bound reaches libmosquitto.
+/// The thread sleeps until the socket has traffic, a request arrives or a
+/// keep-alive ping is due, so an idle link costs about two wake-ups per
+/// keep-alive period.
 ///
 /// Notifications are made on the network thread holding only the delivery
 /// lock, which Disconnect() waits for; a callback may call back into this object.
@@ -42,9 +49,10 @@ public:
     /// a running session only replaces a non-null callback.
     std::uint32_t Connect(const MqttSettings& settings, VIPubSubCallbackIf* callback);
     /// Sends DISCONNECT when connected and stops the session: kOk, or kFailed
-    /// when no session was running. When it returns no notification is under
-    /// way (unless called from one) and none follows until the next Connect,
-    /// so the callback's owner may destroy it.
+    /// when no session was running. The end is neither notified nor logged
+    /// (the owner asked for it, maybe while shutting down). When it returns no
+    /// notification is under way (unless called from one) and none follows
+    /// until the next Connect, so the callback's owner may destroy it.
     std::uint32_t Disconnect();
     /// Subscribes with QoS 1. Link up: kOk and the SUBSCRIBE's message id. Link
     /// down: with `queueWhileDown` kAlreadyOrQueued (sent, with a message id of
@@ -84,17 +92,26 @@ private:
     void AddEvent(Event event);
 
     bool CreateClient();
-    bool AnnounceMaximumPacketSize(mosquitto* client);
+    bool SetConnectProperties(mosquitto* client);
+    int SendSubscribe(const std::string& topic, int& mid);
     void DestroyClient();
     bool OnNetworkThread() const;
     bool StopRequested() const;
 
+    // How one connection attempt ended.
+    struct SessionEnd {
+        std::string failure;
+        std::optional<int> refusal;  // the CONNACK's reason code
+        std::optional<MqttPacketGate::Disconnect> disconnect;
+    };
+
     void Run();
-    std::string RunSession();
+    SessionEnd RunSession();
+    void ReportLinkDown(const SessionEnd& end, bool wasUp, bool report) const;
     void HandleEvents();
     void HandleConnack(int reason);
     bool HandleLinkDown(bool sessionEnds);
-    bool WaitBeforeReconnect(int delayMs);
+    bool WaitBeforeReconnect(std::chrono::milliseconds delay);
     void ReportState(VIPubSubCallbackIf::PubSubConnectionState state);
     // The callback for one or more notifications, held on to: Disconnect() waits
     // until it is released. Empty when no callback is set.
@@ -115,7 +132,14 @@ private:
     std::mutex controlMutex_;  // serialises Connect, Disconnect and destruction
     std::thread thread_;
     std::atomic<std::thread::id> networkThreadId_{};
-    MqttSettings settings_;  // written only while no network thread runs
+    MqttSettings settings_;         // written only while no network thread runs
+    std::shared_ptr<SSL_CTX> tls_;  // with settings_, when they ask for TLS
+    bool brokerLacksV5_ = false;    // kept from session to session
+    // Network thread only (set up before it starts):
+    int protocol_ = 0;             // MQTT_PROTOCOL_V5 or _V311
+    bool fallBackToV311_ = false;  // reconnect at once with 3.1.1
+    std::optional<int> connackRefusal_;
+    std::optional<ReconnectPolicy> policy_;
 
     // Held while notifying, taken before mutex_; recursive because a callback
     // may disconnect from it.

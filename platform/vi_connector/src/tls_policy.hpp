@@ -10,8 +10,6 @@ namespace vi_connector {
 /// ciphers. TLS 1.3 keeps OpenSSL's own suites, all of them AEAD over an
 /// ephemeral key exchange.
 inline constexpr const char* kTls12Ciphers = "ECDHE+AESGCM:ECDHE+CHACHA20";
-/// The minimum version as libraries that take it by name spell it (libmosquitto).
-inline constexpr const char* kTlsMinimumVersionName = "tlsv1.2";
 
 /// Applies the policy to a context of one's own; false, with OpenSSL's error
 /// queue set, when the library refuses it.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -22,6 +23,7 @@ using kelvane::testing::TemporaryDirectory;
 
 TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
     TemporaryDirectory dir;
+    const auto machineId = dir.Write("machine-id", "3d1219c7c4c5404aaa1f6d2a48adfda4\n");
     const std::string transaction = "[transaction T]\nurl=https://h/p\ntoken=t\n";
     const auto plain = [](const std::string& url) {
         return "[transaction T]\nurl=" + url + "\ntoken=t\n";
@@ -76,6 +78,9 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
          0604},
         {transaction, "can be written by group or others", 0620},
         {"[transaction T]\nurl=https://h/p\ntoken_file=/t\n", "", 0666},
+        {"[mqtt]\nprotocol=3\n" + transaction, "[mqtt] protocol='3' is none of 5, 3.1.1 and auto"},
+        {"[mqtt]\nsession_expiry=-1\n" + transaction,
+         "[mqtt] session_expiry='-1' is not a number from 0 to 4294967295"},
     };
     for (const auto& [content, problem, mode] : cases) {
         SCOPED_TRACE(content);
@@ -83,13 +88,41 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         ::chmod(path.c_str(), mode);
         std::string error;
 
-        const auto config = ConnectorConfig::Load(path, error);
+        const auto config = ConnectorConfig::Load(path, error, machineId);
 
         EXPECT_EQ(config.has_value(), problem.empty()) << error;
         if (!problem.empty()) {
             EXPECT_EQ(error.rfind(path + ": ", 0), 0U) << error;
             EXPECT_NE(error.find(problem), std::string::npos) << error;
         }
+    }
+}
+
+TEST(ConnectorConfigTest, ClientIdComesFromTheMachineIdAndNeverFromAnythingCloneable) {
+    TemporaryDirectory dir;
+    const auto load = [&](const std::string& mqtt, const std::optional<std::string>& machineId) {
+        const auto idPath = machineId ? dir.Write("machine-id", *machineId) : dir.File("none");
+        std::string error;
+        auto config = ConnectorConfig::Load(
+            dir.Write("vi.ini", "[mqtt]\n" + mqtt + "[transaction T]\nurl=http://h/p\ntoken=t\n"),
+            error, idPath);
+        return config ? config->mqtt.clientId : "error: " + error;
+    };
+    const auto id = load("", "3d1219c7c4c5404aaa1f6d2a48adfda4\n");
+
+    EXPECT_EQ(id.size(), 24U) << id;
+    EXPECT_EQ(id.rfind("kelvane-", 0), 0U) << id;
+    EXPECT_EQ(id.find("3d1219c7"), std::string::npos) << "the machine id is not disclosed";
+    EXPECT_EQ(load("", "3d1219c7c4c5404aaa1f6d2a48adfda4"), id);
+    EXPECT_NE(load("", "ab1219c7c4c5404aaa1f6d2a48adfda4\n"), id);
+    EXPECT_EQ(load("client_id=vehicle-7\n", std::nullopt), "vehicle-7");
+    for (const auto& unusable : std::vector<std::optional<std::string>>{
+             std::nullopt, std::string(), std::string("\n"), std::string("uninitialized\n")}) {
+        const auto error = load("", unusable);
+        EXPECT_NE(error.find("[mqtt] client_id is not set and " +
+                             dir.File(unusable ? "machine-id" : "none")),
+                  std::string::npos)
+            << error;
     }
 }
 

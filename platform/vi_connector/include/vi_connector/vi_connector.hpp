@@ -67,10 +67,10 @@ public:
     /// the session, and so on every reconnection. 0 connected, 1 under way,
     /// 3 already connected, other values failures.
     virtual std::uint32_t PubSubConnect(VIPubSubCallbackIf* callback);
-    /// Ends the session (0), or 2 when none was running. Once it returns no
-    /// notification is under way (unless called from one of them) and none
-    /// follows until the next PubSubConnect, so the callback's owner may
-    /// destroy it.
+    /// Ends the session (0), or 2 when none was running; the end itself is
+    /// neither notified nor logged. Once it returns no notification is under
+    /// way (unless called from one of them) and none follows until the next
+    /// PubSubConnect, so the callback's owner may destroy it.
     virtual std::uint32_t PubSubDisconnect();
     /// Subscribes with QoS 1: 0 and the SUBSCRIBE's message id when the link is
     /// up; while it is down, 3 (sent once it is up) when `flag` is true, else a

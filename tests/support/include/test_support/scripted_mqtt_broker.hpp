@@ -1,0 +1,76 @@
+#ifndef TEST_SUPPORT_SCRIPTED_MQTT_BROKER_HPP
+#define TEST_SUPPORT_SCRIPTED_MQTT_BROKER_HPP
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kelvane::testing {
+
+/// An MQTT broker on loopback made of raw bytes, for the brokers mosquitto cannot
+/// play: it accepts every session (or refuses MQTT 5 as a 3.1.1-only broker does),
+/// grants every subscription, answers pings, sends what the test scripted after a
+/// CONNACK or a SUBACK, and records every packet it receives. Connections are
+/// served one at a time; over TLS when a certificate and key are given.
+class ScriptedMqttBroker {
+public:
+    struct Options {
+        bool onlyV311 = false;
+        std::string afterConnack;  // sent after a CONNACK that accepts the session
+        bool closeAfterConnack = false;
+        std::string afterSuback;  // sent after every SUBACK
+        std::string certFile;     // PEM, with keyFile: TLS
+        std::string keyFile;
+    };
+    /// A received packet: its type (upper four bits of the first byte), the
+    /// connection it came on (0 = first) and its bytes.
+    struct Packet {
+        std::uint8_t type;
+        std::size_t connection;
+        std::string bytes;
+    };
+
+    explicit ScriptedMqttBroker(Options options);
+    ~ScriptedMqttBroker();
+    ScriptedMqttBroker(const ScriptedMqttBroker&) = delete;
+    ScriptedMqttBroker& operator=(const ScriptedMqttBroker&) = delete;
+
+    std::uint16_t Port() const { return port_; }
+    std::size_t Connections() const;
+    /// The packets of `type` received so far, once there are `count` of them
+    /// (fewer on time-out).
+    std::vector<Packet> WaitForPackets(std::uint8_t type, std::size_t count,
+                                       std::chrono::milliseconds timeout) const;
+
+    /// PUBLISH of `payload` (QoS 1 and 2 carry `id`), in MQTT 5 form when `v5`.
+    static std::string Publish(const std::string& topic, const std::string& payload, int qos,
+                               std::uint16_t id, bool v5, bool retain = false);
+    /// MQTT 5 DISCONNECT with a reason code and, when not empty, a reason string.
+    static std::string Disconnect(std::uint8_t reason, const std::string& reasonString);
+
+private:
+    class Connection;
+    void Serve();
+    void Play(Connection& connection, std::size_t index);
+
+    Options options_;
+    int listenFd_ = -1;
+    int wakeFds_[2] = {-1, -1};
+    std::uint16_t port_ = 0;
+    void* tls_ = nullptr;  // SSL_CTX
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::size_t connections_ = 0;
+    std::vector<Packet> packets_;
+    std::thread thread_;
+};
+
+}  // namespace kelvane::testing
+
+#endif  // TEST_SUPPORT_SCRIPTED_MQTT_BROKER_HPP

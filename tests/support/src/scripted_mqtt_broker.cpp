@@ -1,0 +1,310 @@
+#include "test_support/scripted_mqtt_broker.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace kelvane::testing {
+namespace {
+
+constexpr std::uint8_t kConnect = 1;
+constexpr std::uint8_t kSubscribe = 8;
+constexpr std::uint8_t kPingreq = 12;
+constexpr std::uint8_t kDisconnect = 14;
+constexpr int kIoTimeoutMs = 30000;
+
+std::string VarInt(std::size_t value) {
+    std::string bytes;
+    do {
+        auto byte = static_cast<char>(value % 128);
+        value /= 128;
+        if (value > 0) {
+            byte = static_cast<char>(byte | 0x80);
+        }
+        bytes += byte;
+    } while (value > 0);
+    return bytes;
+}
+
+std::string MakePacket(std::uint8_t first, const std::string& body) {
+    return static_cast<char>(first) + VarInt(body.size()) + body;
+}
+
+std::string Uint16(std::uint16_t value) {
+    return {static_cast<char>(value >> 8), static_cast<char>(value & 0xff)};
+}
+
+}  // namespace
+
+// One accepted connection, plain or TLS, on a non-blocking socket; every wait
+// also ends when the broker is destroyed.
+class ScriptedMqttBroker::Connection {
+public:
+    Connection(int fd, int wakeFd, SSL_CTX* tls) : fd_(fd), wakeFd_(wakeFd) {
+        ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+        if (tls != nullptr) {
+            ssl_ = SSL_new(tls);
+            SSL_set_fd(ssl_, fd_);
+            for (int done = 0; (done = SSL_accept(ssl_)) != 1;) {
+                if (!Wait(SSL_get_error(ssl_, done))) {
+                    open_ = false;
+                    break;
+                }
+            }
+        }
+    }
+    ~Connection() {
+        if (ssl_ != nullptr) {
+            SSL_shutdown(ssl_);
+            SSL_free(ssl_);
+        }
+        ::close(fd_);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// The next whole packet; empty at the end of the connection.
+    std::string ReadPacket() {
+        std::string packet;
+        char byte = 0;
+        if (!Read(&byte, 1)) {
+            return {};
+        }
+        packet += byte;
+        std::size_t remaining = 0;
+        for (std::size_t shift = 0; shift < 28; shift += 7) {
+            if (!Read(&byte, 1)) {
+                return {};
+            }
+            packet += byte;
+            remaining |= static_cast<std::size_t>(byte & 0x7f) << shift;
+            if ((byte & 0x80) == 0) {
+                break;
+            }
+        }
+        const std::size_t headerSize = packet.size();
+        packet.resize(headerSize + remaining);
+        return Read(&packet[headerSize], remaining) ? packet : std::string();
+    }
+
+    bool Write(const std::string& bytes) {
+        for (std::size_t sent = 0; sent < bytes.size();) {
+            const std::size_t chunk = bytes.size() - sent;
+            const int put =
+                ssl_ != nullptr
+                    ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(chunk))
+                    : static_cast<int>(::send(fd_, bytes.data() + sent, chunk, MSG_NOSIGNAL));
+            if (put > 0) {
+                sent += static_cast<std::size_t>(put);
+            } else if (!Wait(ssl_ != nullptr ? SSL_get_error(ssl_, put) : SSL_ERROR_WANT_WRITE)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool Open() const { return open_; }
+
+private:
+    bool Read(char* into, std::size_t size) {
+        for (std::size_t got = 0; got < size;) {
+            const std::size_t chunk = size - got;
+            const int read = ssl_ != nullptr ? SSL_read(ssl_, into + got, static_cast<int>(chunk))
+                                             : static_cast<int>(::recv(fd_, into + got, chunk, 0));
+            if (read > 0) {
+                got += static_cast<std::size_t>(read);
+            } else if (read == 0 && ssl_ == nullptr) {
+                return false;
+            } else if (!Wait(ssl_ != nullptr ? SSL_get_error(ssl_, read) : SSL_ERROR_WANT_READ)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // True when the socket became ready for what `error` asks; false at the
+    // end of the connection, on time-out or when the broker stops.
+    bool Wait(int error) {
+        if (ssl_ == nullptr && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            return false;
+        }
+        short events = 0;
+        if (error == SSL_ERROR_WANT_READ) {
+            events = POLLIN;
+        } else if (error == SSL_ERROR_WANT_WRITE) {
+            events = POLLOUT;
+        } else {
+            return false;
+        }
+        pollfd entries[2] = {{wakeFd_, POLLIN, 0}, {fd_, events, 0}};
+        return ::poll(entries, 2, kIoTimeoutMs) > 0 && entries[0].revents == 0;
+    }
+
+    int fd_;
+    int wakeFd_;
+    SSL* ssl_ = nullptr;
+    bool open_ = true;
+};
+
+ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(options)) {
+    if (!options_.certFile.empty()) {
+        SSL_CTX* tls = SSL_CTX_new(TLS_server_method());
+        if (tls == nullptr ||
+            SSL_CTX_use_certificate_chain_file(tls, options_.certFile.c_str()) != 1 ||
+            SSL_CTX_use_PrivateKey_file(tls, options_.keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+            SSL_CTX_free(tls);
+            throw std::runtime_error("ScriptedMqttBroker: cannot load " + options_.certFile);
+        }
+        tls_ = tls;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listenFd_, 16) != 0 ||
+        ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+        ::close(listenFd_);
+        SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
+        throw std::runtime_error("ScriptedMqttBroker: cannot listen on loopback");
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+}
+
+ScriptedMqttBroker::~ScriptedMqttBroker() {
+    (void)!::write(wakeFds_[1], "s", 1);
+    thread_.join();
+    for (const int fd : {listenFd_, wakeFds_[0], wakeFds_[1]}) {
+        ::close(fd);
+    }
+    SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
+}
+
+std::size_t ScriptedMqttBroker::Connections() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return connections_;
+}
+
+std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
+    std::uint8_t type, std::size_t count, std::chrono::milliseconds timeout) const {
+    std::vector<Packet> found;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] {
+        found.clear();
+        for (const auto& packet : packets_) {
+            if (packet.type == type) {
+                found.push_back(packet);
+            }
+        }
+        return found.size() >= count;
+    });
+    return found;
+}
+
+std::string ScriptedMqttBroker::Publish(const std::string& topic, const std::string& payload,
+                                        int qos, std::uint16_t id, bool v5, bool retain) {
+    std::string body = Uint16(static_cast<std::uint16_t>(topic.size())) + topic;
+    if (qos > 0) {
+        body += Uint16(id);
+    }
+    if (v5) {
+        body += '\0';  // no properties
+    }
+    const auto first = static_cast<std::uint8_t>(0x30 | (qos << 1) | (retain ? 1 : 0));
+    return MakePacket(first, body + payload);
+}
+
+std::string ScriptedMqttBroker::Disconnect(std::uint8_t reason, const std::string& reasonString) {
+    std::string properties;
+    if (!reasonString.empty()) {
+        properties =
+            '\x1f' + Uint16(static_cast<std::uint16_t>(reasonString.size())) + reasonString;
+    }
+    return MakePacket(0xe0, static_cast<char>(reason) + VarInt(properties.size()) + properties);
+}
+
+void ScriptedMqttBroker::Serve() {
+    for (;;) {
+        pollfd entries[2] = {{wakeFds_[0], POLLIN, 0}, {listenFd_, POLLIN, 0}};
+        if (::poll(entries, 2, -1) < 0 && errno == EINTR) {
+            continue;
+        }
+        if (entries[0].revents != 0) {
+            return;
+        }
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        std::size_t index = 0;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            index = connections_++;
+        }
+        changed_.notify_all();
+        Connection connection(fd, wakeFds_[0], static_cast<SSL_CTX*>(tls_));
+        if (connection.Open()) {
+            Play(connection, index);
+        }
+    }
+}
+
+void ScriptedMqttBroker::Play(Connection& connection, std::size_t index) {
+    bool v5 = false;
+    for (std::string packet; !(packet = connection.ReadPacket()).empty();) {
+        const auto type = static_cast<std::uint8_t>(static_cast<unsigned char>(packet[0]) >> 4);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            packets_.push_back({type, index, packet});
+        }
+        changed_.notify_all();
+        // The body starts after the fixed header: skip the length's bytes.
+        std::size_t body = 1;
+        while ((packet[body++] & 0x80) != 0) {
+        }
+        switch (type) {
+            case kConnect: {
+                // Protocol name "MQTT" (length 4), then the protocol level.
+                v5 = packet[body + 6] == 5;
+                if (v5 && options_.onlyV311) {
+                    connection.Write(std::string("\x20\x02\x00\x01", 4));
+                    return;
+                }
+                if (!connection.Write(v5 ? std::string("\x20\x03\x00\x00\x00", 5)
+                                         : std::string("\x20\x02\x00\x00", 4)) ||
+                    !connection.Write(options_.afterConnack) || options_.closeAfterConnack) {
+                    return;
+                }
+                break;
+            }
+            case kSubscribe: {
+                const std::string id = packet.substr(body, 2);
+                const std::string suback =
+                    v5 ? MakePacket(0x90, id + '\0' + '\x01') : MakePacket(0x90, id + '\x01');
+                if (!connection.Write(suback) || !connection.Write(options_.afterSuback)) {
+                    return;
+                }
+                break;
+            }
+            case kPingreq:
+                connection.Write(std::string("\xd0\x00", 2));
+                break;
+            case kDisconnect:
+                return;
+            default:
+                break;
+        }
+    }
+}
+
+}  // namespace kelvane::testing
