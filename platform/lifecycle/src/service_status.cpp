@@ -46,8 +46,9 @@ bool SendWithoutWaiting(const std::string& message) {
 
 ServiceStatus::ServiceStatus() {
     Notify();
-    // Story lines are info, the broker's warnings; what is below never matters here.
-    csc_logging::AddObserver(this, csc_logging::LogLevel::kInfo);
+    // Debug too: the connector reports a link that comes back within an outage
+    // it already warned about at debug level only.
+    csc_logging::AddObserver(this, csc_logging::LogLevel::kDebug);
 }
 
 ServiceStatus::~ServiceStatus() {

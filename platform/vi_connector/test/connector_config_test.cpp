@@ -104,7 +104,7 @@ TEST(ConnectorConfigTest, ClientIdComesFromTheMachineIdAndNeverFromAnythingClone
         const auto idPath = machineId ? dir.Write("machine-id", *machineId) : dir.File("none");
         std::string error;
         auto config = ConnectorConfig::Load(
-            dir.Write("vi.ini", "[mqtt]\n" + mqtt + "[transaction T]\nurl=http://h/p\ntoken=t\n"),
+            dir.Write("vi.ini", "[mqtt]\n" + mqtt + "[transaction T]\nurl=https://h/p\ntoken=t\n"),
             error, idPath);
         return config ? config->mqtt.clientId : "error: " + error;
     };
