@@ -19,6 +19,7 @@ packages=(
     libcurl4-openssl-dev
     procps
     dpkg-dev file lintian reuse  # packaging: tools/package.sh, lintian, reuse lint
+    python3 binutils             # SBOMs (tools/sbom.py, check-sbom.py), tools/check-hardening.sh
 )
 
 missing=()
