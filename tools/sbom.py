@@ -199,9 +199,9 @@ def main():
                 "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
                                   "referenceLocator": purl("debian", dependency, dep_version, dep_arch)}],
             })
-            element["comment"] = "The version the package was built against."
+            element["comment"] = "The version in the environment the package was built in."
         else:
-            element["comment"] = "Not part of the build environment: needed at run time only."
+            element["comment"] = "Not in the environment the package was built in: needed at run time only."
         packages.append(element)
         relationships.append({"spdxElementId": package_id, "relationshipType": "DEPENDS_ON",
                               "relatedSpdxElement": element["SPDXID"],
