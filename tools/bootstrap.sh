@@ -20,6 +20,7 @@ packages=(
     procps
     faketime   # a test runs a process with its clock in 2001
     dpkg-dev file lintian reuse  # packaging: tools/package.sh, lintian, reuse lint
+    python3 binutils             # SBOMs (tools/sbom.py, check-sbom.py), tools/check-hardening.sh
 )
 
 missing=()

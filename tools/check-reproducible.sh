@@ -2,7 +2,8 @@
 # Checks that packaging is reproducible: clones the last commit into a
 # temporary directory elsewhere, makes the packages there with
 # tools/package.sh and compares them byte for byte with those in dist/, which
-# must have been made from the same commit (run tools/package.sh first).
+# must have been made from the same commit (run tools/package.sh first). The
+# package's SBOM (.spdx.json) must be identical too.
 #
 #   tools/check-reproducible.sh                       the amd64 client package
 #   tools/check-reproducible.sh --arch arm64 --package kelvane-simulators
@@ -41,9 +42,15 @@ say "packaging a clean clone in $clone"
     { tail -n 30 "$work/package.log" >&2; say "packaging the clone failed"; exit 1; }
 second="$clone/dist/$(basename "$first")"
 
-if cmp -s "$first" "$second"; then
-    say "$(basename "$first"): identical ($(sha256sum <"$first" | cut -c1-16)...)"
+sbom="${first%.deb}.spdx.json"
+if cmp -s "$first" "$second" && cmp -s "$sbom" "${second%.deb}.spdx.json"; then
+    say "$(basename "$first"): identical ($(sha256sum <"$first" | cut -c1-16)...), and so is its SBOM"
     exit 0
+fi
+if ! cmp -s "$sbom" "${second%.deb}.spdx.json"; then
+    say "$(basename "$sbom") differs between $root and $clone"
+    diff "$sbom" "${second%.deb}.spdx.json" >&2 || true
+    cmp -s "$first" "$second" && exit 1
 fi
 say "$(basename "$first") differs between $root and $clone"
 n=0

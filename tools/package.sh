@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the release and makes the Debian packages kelvane-client and
-# kelvane-simulators, written to dist/ with a SHA256SUMS file.
+# kelvane-simulators, written to dist/ with an SPDX 2.3 document (SBOM) each,
+# <package>_<version>_<arch>.spdx.json, and a SHA256SUMS file.
 #
 #   tools/package.sh                 packages for the build host (amd64)
 #   tools/package.sh --arch arm64    packages for the target, cross-built against
@@ -10,7 +11,7 @@
 #
 # Reproducible: SOURCE_DATE_EPOCH is the time of the last commit and build paths
 # are mapped out of the binaries, so the same commit gives the same bytes in any
-# directory. Build directory: build-package-<arch>/, made anew on every run
+# directory, packages and SBOMs alike. Build directory: build-package-<arch>/, made anew on every run
 # (Release, no tests, no benchmarks).
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -65,9 +66,11 @@ if [[ $cross -eq 1 ]]; then
     export DEB_HOST_ARCH=$arch
 fi
 
-# Debian's build flags (hardening, and -ffile-prefix-map of the source tree,
-# which holds the build directory too), taken in the source tree.
-flags=$(cd "$root" && DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)
+# Debian's build flags (-ffile-prefix-map of the source tree, which holds the
+# build directory too), taken in the source tree. Not its hardening: every
+# build has that from cmake/KelvaneHardening.cmake. PIE stays as the compiler
+# has it; turning it off would add specs that undo the build's own.
+flags=$(cd "$root" && DEB_BUILD_MAINT_OPTIONS=hardening=-all,+pie dpkg-buildflags --export=sh)
 eval "$flags"
 export CFLAGS="$CPPFLAGS $CFLAGS" CXXFLAGS="$CPPFLAGS $CXXFLAGS" LDFLAGS
 # Always from scratch: objects of an earlier build may come from other flags
@@ -136,6 +139,7 @@ shlibs_depends() {
     rm -rf "$work"
 }
 
+admindir=
 if [[ $cross -eq 1 ]]; then
     admindir=$(target_admindir)
     KELVANE_CLIENT_SHLIBS_DEPENDS=$(shlibs_depends "$admindir" "$build_dir/app/kelvane-client")
@@ -151,8 +155,14 @@ packages="$build_dir/packages"
 rm -rf "$packages"
 (cd "$build_dir" && cpack -G DEB -B "$packages" >/dev/null)
 mkdir -p "$out"
-rm -f "$out"/*_"$arch".deb
+rm -f "$out"/*_"$arch".deb "$out"/*_"$arch".spdx.json
 cp "$packages"/*.deb "$out/"
-(cd "$out" && sha256sum -- *.deb >SHA256SUMS)
+# An SPDX document beside each package: its files, and the Debian packages it
+# depends on at the versions it was built against (the sysroot's for arm64).
+for deb in "$packages"/*.deb; do
+    "$root/tools/sbom.py" ${admindir:+--admindir "$admindir"} "$deb" \
+        "$out/$(basename "$deb" .deb).spdx.json"
+done
+(cd "$out" && sha256sum -- *.deb *.spdx.json >SHA256SUMS)
 say "packages in $out:"
-(cd "$out" && ls -1 -- *_"$arch".deb) >&2
+(cd "$out" && ls -1 -- *_"$arch".deb *_"$arch".spdx.json) >&2

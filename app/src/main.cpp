@@ -1,3 +1,6 @@
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <exception>
 #include <optional>
 
@@ -6,6 +9,15 @@
 #include "signal_handler/signal_handler.hpp"
 
 int main() {
+    // The process holds the backend token and the client key: neither a core
+    // file nor another process of the same user (ptrace, /proc/<pid>/mem)
+    // may read them. Both calls only fail on arguments other than these, or
+    // where a sandbox forbids them; the client then still has its job to do,
+    // and logging is not up yet, so their results are not checked.
+    prctl(PR_SET_DUMPABLE, 0);
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+
     // Before any thread starts, so that SIGTERM interrupts none of their calls.
     signal_handler::SignalHandler::BlockInCallingThread();
     csc_logging::CSCLogging::InitLogging("KV", "Kelvane client");

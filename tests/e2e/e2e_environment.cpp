@@ -1,10 +1,17 @@
 #include "e2e_environment.hpp"
 
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "test_support/loopback.hpp"
 #include "test_support/process_memory.hpp"
@@ -116,6 +123,54 @@ std::size_t E2eEnvironment::ClientPeakRssKiB() const {
         ReadFile("/proc/" + std::to_string(client_ ? client_->Pid() : 0) + "/status");
     const auto at = status.find("VmHWM:");
     return at == std::string::npos ? 0 : std::stoul(status.substr(at + 6));
+}
+
+std::string E2eEnvironment::ClientCoreFileLimits() const {
+    std::istringstream limits(ReadFile("/proc/" + std::to_string(client_->Pid()) + "/limits"));
+    const std::string name = "Max core file size";
+    for (std::string line; std::getline(limits, line);) {
+        if (line.compare(0, name.size(), name) == 0) {
+            std::istringstream values(line.substr(name.size()));
+            std::string soft;
+            std::string hard;
+            values >> soft >> hard;
+            return soft + " " + hard;
+        }
+    }
+    return "";
+}
+
+bool E2eEnvironment::ClientOpenToItsUser() const {
+    const pid_t pid = client_->Pid();
+    int error = 0;
+    bool open = false;
+    // Capabilities belong to a thread: this one alone gives up CAP_SYS_PTRACE from its
+    // effective set, and asks for the client's robust futex list, a look that checks the
+    // caller's real credentials (its permitted set still covers the client's).
+    std::thread([&] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+        if (syscall(SYS_capget, &header, data) != 0) {
+            error = errno;
+            return;
+        }
+        data[CAP_SYS_PTRACE / 32].effective &= ~(1U << (CAP_SYS_PTRACE % 32));
+        if (syscall(SYS_capset, &header, data) != 0) {
+            error = errno;
+            return;
+        }
+        void* head = nullptr;
+        std::size_t length = 0;
+        open = syscall(SYS_get_robust_list, pid, &head, &length) == 0;
+        if (!open && errno != EPERM) {
+            error = errno;
+        }
+    }).join();
+    if (error != 0) {
+        throw std::runtime_error(std::string("cannot probe the client's dumpable flag: ") +
+                                 std::strerror(error));
+    }
+    return open;
 }
 
 void E2eEnvironment::Push() {

@@ -55,6 +55,11 @@ public:
     }
     /// The most the client ever had resident (VmHWM), in KiB; 0 when unknown.
     std::size_t ClientPeakRssKiB() const;
+    /// The client's core file size limits, "<soft> <hard>" as /proc/<pid>/limits shows them.
+    std::string ClientCoreFileLimits() const;
+    /// Whether a process of the client's user without CAP_SYS_PTRACE may inspect the client,
+    /// which only a dumpable process allows.
+    bool ClientOpenToItsUser() const;
     testing::MosquittoBroker& Broker() { return broker_; }
     testing::PrivateDbusDaemon& Bus() { return bus_; }
 

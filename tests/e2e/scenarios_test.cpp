@@ -74,6 +74,9 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
 
     // No backend yet: the update waits for it, then its download fails.
     ASSERT_TRUE(env.WaitForClientLog("MQTT subscribe handling ignored! Connection state: 1"));
+    // The token in its memory reaches no core file and no other process of its user.
+    EXPECT_EQ(env.ClientCoreFileLimits(), "0 0");
+    EXPECT_FALSE(env.ClientOpenToItsUser());
     env.Ignition(true);
     ASSERT_TRUE(env.WaitForClientLog("DLC Update pending! Connection state: 1"));
     EXPECT_EQ(env.ClientLogCount(kStarted), 0U);
