@@ -58,3 +58,9 @@ fi
 if command -v systemctl >/dev/null 2>&1; then
     "${as_root[@]}" systemctl disable dlt-daemon.service >/dev/null 2>&1 || true
 fi
+# Some container images come without a machine id; the connector's MQTT client
+# id is read from it, so a new machine gets one (as systemd would at first boot).
+if ! grep -qE '^[0-9a-f]{32}$' /etc/machine-id 2>/dev/null; then
+    "${as_root[@]}" rm -f /etc/machine-id
+    "${as_root[@]}" dbus-uuidgen --ensure=/etc/machine-id
+fi
