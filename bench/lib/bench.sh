@@ -87,14 +87,14 @@ bench_build_reference() {
 }
 
 # Bus, broker and both simulators, and the client's configuration as deployed
-# (probe every 5 s, keep-alive every 10 s).
+# (connection state as deployed, keep-alive every 10 s).
 bench_start_world() {
     world_start_dbus || bench_die "dbus-daemon did not start" "$logs/dbus-daemon.log"
     world_start_broker || bench_die "mosquitto did not start" "$logs/mosquitto.log"
     world_init_vehicle 200 || bench_die "vehicle init failed" "$logs/vehicle-init.log"
     world_start_vehicle || bench_die "vehicle simulator did not start" "$logs/vehicle.log"
     world_start_backend || bench_die "backend simulator did not start" "$logs/backend.log"
-    world_write_client_config 5000 10000
+    world_write_client_config deployed 10000
 }
 
 # bench_start_world and the client, waited for until it is subscribed to the

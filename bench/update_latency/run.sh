@@ -180,7 +180,7 @@ switch_to_tls() {
     world_tls=1
     world_make_tls || bench_die "making certificates failed" "$logs/tls.log"
     world_start_backend || bench_die "the HTTPS backend simulator did not start" "$logs/backend.log"
-    world_write_client_config 5000 10000
+    world_write_client_config deployed 10000
     client_log=$logs/client-tls.log
     world_start_client "$client_log"
     wait_for_line "$client_log" "Subscribed to topic TTVI-Kelvane-C003.CTzelkDlcInitiation, status=0" 1 20 ||
