@@ -22,6 +22,8 @@
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
 #include "test_support/scripted_tcp_server.hpp"
+#include "test_support/temporary_directory.hpp"
+#include "vi_connector/vi_connector.hpp"
 
 // The probe behind the connector's state reports and the connect it shares with the
 // backend connections, against listeners of the test's own. Probing a backend that
@@ -340,6 +342,37 @@ TEST(ServiceStateMonitorTest, FixedStateIsReportedOnceAndDestructionCancelsABloc
 
     EXPECT_TRUE(sawCancel);
     EXPECT_EQ(callback.Reported(), (States{1}));
+}
+
+TEST(ServiceStateMonitorTest, ABackendThatRefusesTheClientsConnectionIsReportedGoneWithoutWaiting) {
+    auto backend = std::make_unique<ScriptedTcpServer>(ScriptedTcpServer::Script().Close());
+    const auto port = std::to_string(backend->Port());
+    kelvane::testing::TemporaryDirectory dir;
+    // The deployed schedule: left alone, the next probe would come in 8 to 12 minutes.
+    VIConnector sut(
+        nullptr, nullptr,
+        dir.Write("vi.ini", "[transaction T]\nurl=http://127.0.0.1:" + port + "/c\ntoken=t\n"));
+    sut.Start();
+    ASSERT_TRUE(kelvane::testing::WaitUntil(
+        [&] { return sut.GetSessionStatus() == SessionStatus::kOk; }, 5s));
+    RecordingStateCallback callback;
+    ASSERT_NE(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
+    ASSERT_TRUE(kelvane::testing::WaitUntil(
+        [&] {
+            return callback.Reported() == States{1, 2};
+        },
+        5s));
+
+    backend.reset();
+    EXPECT_EQ(sut.SocketConnect("T", "127.0.0.1", static_cast<std::uint16_t>(std::stoi(port))).fd,
+              -1);
+
+    EXPECT_TRUE(kelvane::testing::WaitUntil(
+        [&] {
+            return callback.Reported() == States{1, 2, 1};
+        },
+        5s));
+    sut.Stop();
 }
 
 TEST(NetlinkRouteSourceTest, FindsTheRouteTo127001OnTheLoopbackLinkAndWakesOnItsDescriptor) {
