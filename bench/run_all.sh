@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the whole-program benchmarks one after the other and prints their
-# figures and a summary: update latency, idle footprint, start-up, binary
-# size, peak memory under an oversized push. Every one starts its own bus,
-# broker and simulators on loopback.
+# figures and a summary: update latency, the update over a slow link, idle
+# footprint, start-up, binary size, peak memory under an oversized push. Every
+# one starts its own bus, broker and simulators on loopback. The fleet
+# (bench/fleet/run.sh, several minutes) runs on its own.
 #
 #   bench/run_all.sh [--build] [--quick]
 #     --build   configure BUILD_DIR as Release and build what they run first
@@ -24,11 +25,12 @@ for argument in "$@"; do
     esac
 done
 
-benchmarks=(update_latency idle_footprint startup binary_size oversized_push)
+benchmarks=(update_latency slow_link idle_footprint startup binary_size oversized_push)
 options() {  # NAME: its options under --quick
     [[ $quick == 1 ]] || return 0
     case $1 in
         update_latency) echo --runs 5 ;;
+        slow_link) echo --runs 3 ;;
         idle_footprint) echo --seconds 20 ;;
         startup) echo --runs 3 ;;
         oversized_push) echo --mib 16 ;;

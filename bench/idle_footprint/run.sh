@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Idle footprint: kelvane-client after "All subscriptions and connections
-# ready" (configured as deployed: backend probe every 5 s, MQTT keep-alive
+# ready" (configured as deployed: backend probe every 10 min, MQTT keep-alive
 # 30 s, supervision keep-alive every 10 s) over a window of SECONDS (default
 # 60): resident and anonymous memory, threads, CPU time and context switches
 # of all threads, against a reference program built in this run that loads

@@ -10,7 +10,7 @@
 bench_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 bench_build_dir=${BUILD_DIR:-$bench_root/build-release}
 bench_targets=(kelvane-client kelvane-vehicle-sim kelvane-backend-sim bench_update_floor bench_update_trigger
-               bench_startup_probe bench_hostile_broker)
+               bench_startup_probe bench_hostile_broker bench_delay_proxy)
 
 # shellcheck source=world.sh
 source "$bench_root/bench/lib/world.sh"
@@ -88,14 +88,14 @@ bench_build_reference() {
 }
 
 # Bus, broker and both simulators, and the client's configuration as deployed
-# (probe every 5 s, keep-alive every 10 s).
+# (connection state as deployed, keep-alive every 10 s).
 bench_start_world() {
     world_start_dbus || bench_die "dbus-daemon did not start" "$logs/dbus-daemon.log"
     world_start_broker || bench_die "mosquitto did not start" "$logs/mosquitto.log"
     world_init_vehicle 200 || bench_die "vehicle init failed" "$logs/vehicle-init.log"
     world_start_vehicle || bench_die "vehicle simulator did not start" "$logs/vehicle.log"
     world_start_backend || bench_die "backend simulator did not start" "$logs/backend.log"
-    world_write_client_config 5000 10000
+    world_write_client_config deployed 10000
 }
 
 # bench_start_world and the client, waited for until it is subscribed to the
@@ -113,15 +113,17 @@ bench_start_world_with_client() {
 
 bench_load() { cut -d' ' -f1-3 /proc/loadavg; }
 
-# bench_stats: numbers on stdin -> "median p95 min max count" (nearest-rank p95;
-# the median of an even count is the mean of the middle two).
+# bench_stats [DECIMALS]: numbers on stdin -> "median p95 min max count"
+# (nearest-rank p95; the median of an even count is the mean of the middle
+# two), with DECIMALS places (default 1).
 bench_stats() {
-    sort -g | awk '{ v[NR] = $1 }
+    sort -g | awk -v d="${1:-1}" '{ v[NR] = $1 }
         END {
             if (NR == 0) { print "nan nan nan nan 0"; exit }
             median = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
             rank = int(0.95 * NR); if (rank < 0.95 * NR) rank++
-            printf "%.1f %.1f %.1f %.1f %d\n", median, v[rank], v[1], v[NR], NR
+            f = "%." d "f "
+            printf f f f f "%d\n", median, v[rank], v[1], v[NR], NR
         }'
 }
 

@@ -179,8 +179,16 @@ world_start_backend() {
 
 # world_write_client_config PROBE_INTERVAL_MS KEEP_ALIVE_PERIOD_MS: the client's
 # connector and supervision files for the broker and backend started above.
+# PROBE_INTERVAL_MS "deployed" keeps the connection-state settings of
+# deploy/config; a number probes that often, and backs off no further while
+# the backend is away.
 world_write_client_config() {
-    local backend="http://127.0.0.1:$backend_port" tls=""
+    local backend="http://127.0.0.1:$backend_port" tls="" probe=""
+    if [[ "$1" != deployed ]]; then
+        probe="probe_interval_ms = $1
+probe_retry_min_ms = $(($1 < 5000 ? $1 : 5000))
+probe_retry_max_ms = $1"
+    fi
     if [[ "${world_tls:-0}" == 1 ]]; then
         backend="https://127.0.0.1:$backend_port"
         tls="[backend_tls]
@@ -199,7 +207,7 @@ keep_alive = 30
 
 [connection_state]
 mode = probe
-probe_interval_ms = $1
+$probe
 
 [transaction TTVI-Kelvane-C003.COzelkDlcChallenge]
 url = $backend/zelk/dlc/challenge

@@ -53,10 +53,12 @@ E2eEnvironment::E2eEnvironment(std::string tlsDirectory, const std::string& brok
                                      : "[backend_tls]\nca_file = " + pki + "/ca.pem\n" +
                                            "cert_file = " + pki + "/client.pem\n" +
                                            "key_file = " + pki + "/client.key\n";
-    config += "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
-              "\nclient_id = kelvane-client-e2e\nkeep_alive = 10\n"
-              "reconnect_delay_min_ms = 100\nreconnect_delay_max_ms = 1000\n"
-              "[connection_state]\nmode = probe\nprobe_interval_ms = 200\nprobe_timeout_ms = 500\n";
+    config +=
+        "[mqtt]\nhost = 127.0.0.1\nport = " + std::to_string(broker_.Port()) +
+        "\nclient_id = kelvane-client-e2e\nkeep_alive = 10\n"
+        "reconnect_delay_min_ms = 100\nreconnect_delay_max_ms = 1000\n"
+        "[connection_state]\nmode = probe\nprobe_interval_ms = 200\nprobe_retry_min_ms = 100\n"
+        "probe_retry_max_ms = 400\nprobe_timeout_ms = 500\n";
     const std::pair<const char*, const char*> exchanges[] = {
         {"Challenge", "challenge"}, {"Download", "download"}, {"StatusFeedback", "feedback"}};
     for (const auto& [exchange, path] : exchanges) {

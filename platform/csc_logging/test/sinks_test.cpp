@@ -50,7 +50,7 @@ TEST(SinksTest, ConsoleLinesCarryTheirPriorityOnlyWhenStderrIsTheJournalAndEachR
                  {"no journal", "", false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ::truncate(output.c_str(), 0);
+        ASSERT_EQ(::truncate(output.c_str(), 0), 0);
         ChildProcess program({{KELVANE_LOG_PROGRAM, "KV", "error:e", "warning:w",
                                "info:" + kHostile, "debug:d", "verbose:v"},
                               {{"KELVANE_LOG", "console"},

@@ -195,8 +195,9 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
     }
 
     auto& state = config.connectionState;
-    read.OnlyKeys("connection_state", {"mode", "state", "probe_interval_ms", "probe_timeout_ms",
-                                       "probe_host", "probe_port"});
+    read.OnlyKeys("connection_state",
+                  {"mode", "state", "probe_interval_ms", "probe_retry_min_ms", "probe_retry_max_ms",
+                   "probe_timeout_ms", "probe_host", "probe_port"});
     const std::string mode = ini.Get("connection_state", "mode", "probe");
     if (mode == "fixed") {
         state.mode = ConnectionStateSettings::Mode::kFixed;
@@ -204,7 +205,12 @@ std::optional<ConnectorConfig> ConnectorConfig::Load(const std::string& path, st
         read.Fail("[connection_state] mode='" + mode + "' is neither probe nor fixed");
     }
     read.Number("connection_state", "state", 0, 255, state.fixedState);
-    read.Number("connection_state", "probe_interval_ms", 10, 3600000, state.probeIntervalMs);
+    read.Number("connection_state", "probe_interval_ms", 10, 86400000, state.probeIntervalMs);
+    read.Number("connection_state", "probe_retry_min_ms", 10, 86400000, state.probeRetryMinMs);
+    read.Number("connection_state", "probe_retry_max_ms", 10, 86400000, state.probeRetryMaxMs);
+    if (state.probeRetryMaxMs < state.probeRetryMinMs) {
+        read.Fail("[connection_state] probe_retry_max_ms is below probe_retry_min_ms");
+    }
     read.Number("connection_state", "probe_timeout_ms", 10, 60000, state.probeTimeoutMs);
     read.Text("connection_state", "probe_host", state.probeHost);
     read.Number("connection_state", "probe_port", 1, 65535, state.probePort);

@@ -33,7 +33,11 @@ struct ConnectionStateSettings {
     enum class Mode { kProbe, kFixed };
     Mode mode = Mode::kProbe;
     std::uint8_t fixedState = 2;  // mode = fixed
-    int probeIntervalMs = 5000;   // mode = probe: TCP connect to the backend
+    // mode = probe: routes watched, a TCP connect to the backend when they
+    // change, and every interval (backing off from retry min to max while it fails)
+    int probeIntervalMs = 600000;
+    int probeRetryMinMs = 5000;
+    int probeRetryMaxMs = 300000;
     int probeTimeoutMs = 2000;
     std::string probeHost;  // default: the host of the first transaction URL
     std::uint16_t probePort = 0;

@@ -13,6 +13,7 @@
 
 #include "connector_config.hpp"
 #include "csc_logging/csc_logging.hpp"
+#include "netlink_route_source.hpp"
 
 namespace vi_connector {
 namespace {
@@ -20,6 +21,19 @@ namespace {
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 using Milliseconds = std::chrono::milliseconds;
+
+// A burst of events (a link that comes up brings its addresses and routes)
+// is looked at once, this long after its first event.
+constexpr auto kSettle = std::chrono::milliseconds(200);
+// Probes asked for by route changes and failed connections are this far apart
+// at least, so a flapping link cannot turn into a stream of connections.
+constexpr auto kProbeGap = std::chrono::seconds(1);
+constexpr double kJitter = 0.2;
+
+void Signal(int fd) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(fd, &one, sizeof(one));
+}
 
 bool Cancelled(int cancelFd) {
     pollfd cancel{cancelFd, POLLIN, 0};
@@ -136,23 +150,40 @@ bool TcpReachable(const std::string& host, std::uint16_t port, int timeoutMs, in
 
 ServiceStateMonitor::ServiceStateMonitor(std::uint8_t fixedState) : measured_(fixedState) {}
 
-ServiceStateMonitor::ServiceStateMonitor(Probe probe, std::chrono::milliseconds interval)
-    : probe_(std::move(probe)) {
+ServiceStateMonitor::ServiceStateMonitor(Probe probe, std::string host,
+                                         std::unique_ptr<RouteSourceIf> routes, Schedule schedule,
+                                         std::function<Clock::time_point()> now)
+    : probe_(std::move(probe))
+    , host_(std::move(host))
+    , routes_(std::move(routes))
+    , schedule_(schedule)
+    , now_(std::move(now))
+    , random_(std::random_device{}()) {
     cancelFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (cancelFd_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "ServiceStateMonitor: eventfd");
+    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (cancelFd_ < 0 || wakeFd_ < 0) {
+        const int error = errno;
+        for (const int fd : {cancelFd_, wakeFd_}) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+        throw std::system_error(error, std::generic_category(), "ServiceStateMonitor: eventfd");
     }
-    thread_ = std::thread([this, interval] { Run(interval); });
+    thread_ = std::thread([this] { Run(); });
 }
 
 ServiceStateMonitor::~ServiceStateMonitor() {
     if (thread_.joinable()) {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(cancelFd_, &one, sizeof(one));
+        stopping_ = true;
+        Signal(cancelFd_);
+        Signal(wakeFd_);
         thread_.join();
     }
-    if (cancelFd_ >= 0) {
-        ::close(cancelFd_);
+    for (const int fd : {cancelFd_, wakeFd_}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
     }
 }
 
@@ -178,14 +209,20 @@ std::unique_ptr<ServiceStateMonitor> ServiceStateMonitor::FromConfig(
             "VIConnector: no backend host and port to probe; the connection state stays 1");
         return std::make_unique<ServiceStateMonitor>(kNotConnected);
     }
-    CSCLogging::Info(CSCLogEntry() << "VIConnector: probing " << target.host << ":" << target.port
-                                   << " every " << settings.probeIntervalMs << " ms");
+    Schedule schedule;
+    schedule.interval = Milliseconds(settings.probeIntervalMs);
+    schedule.retryMin = Milliseconds(settings.probeRetryMinMs);
+    schedule.retryMax = Milliseconds(settings.probeRetryMaxMs);
+    CSCLogging::Info(CSCLogEntry()
+                     << "VIConnector: watching the routes to " << target.host << "; probing "
+                     << target.host << ":" << target.port << " when they change and every "
+                     << settings.probeIntervalMs << " ms");
     const int timeoutMs = settings.probeTimeoutMs;
     return std::make_unique<ServiceStateMonitor>(
         [target, timeoutMs](int cancelFd) {
             return TcpReachable(target.host, target.port, timeoutMs, cancelFd);
         },
-        Milliseconds(settings.probeIntervalMs));
+        target.host, std::make_unique<NetlinkRouteSource>(), schedule);
 }
 
 void ServiceStateMonitor::Subscribe(const std::string& transactionTypeId,
@@ -198,6 +235,13 @@ void ServiceStateMonitor::Subscribe(const std::string& transactionTypeId,
         subscribers_.push_back({transactionTypeId, callback, std::nullopt});
     }
     Deliver();
+}
+
+void ServiceStateMonitor::ConnectionFailed() {
+    if (thread_.joinable()) {
+        connectionFailed_ = true;
+        Signal(wakeFd_);
+    }
 }
 
 void ServiceStateMonitor::SetMeasured(std::uint8_t state) {
@@ -213,20 +257,115 @@ void ServiceStateMonitor::SetMeasured(std::uint8_t state) {
     Deliver();
 }
 
-void ServiceStateMonitor::Run(std::chrono::milliseconds interval) {
-    while (true) {
-        const bool reachable = probe_(cancelFd_);
-        if (Cancelled(cancelFd_)) {
-            return;  // a probe cut short says nothing about the backend
+void ServiceStateMonitor::Resolve() {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host_.c_str(), nullptr, &hints, &found) != 0) {
+        if (addresses_.empty()) {
+            // Routed like any remote host until the name resolves.
+            addresses_ = {"192.0.2.1", "2001:db8::1"};
         }
-        SetMeasured(reachable ? kConnected : kNotConnected);
-        pollfd cancel{cancelFd_, POLLIN, 0};
-        int ready = 0;
-        do {
-            ready = ::poll(&cancel, 1, static_cast<int>(interval.count()));
-        } while (ready < 0 && errno == EINTR);
-        if (ready != 0) {
-            return;
+        return;
+    }
+    addresses_.clear();
+    for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+        char text[NI_MAXHOST];
+        if (::getnameinfo(address->ai_addr, address->ai_addrlen, text, sizeof(text), nullptr, 0,
+                          NI_NUMERICHOST) == 0) {
+            addresses_.emplace_back(text);
+        }
+    }
+    ::freeaddrinfo(found);
+}
+
+std::set<std::string> ServiceStateMonitor::RouteView() {
+    std::set<std::string> view;
+    for (const auto& address : addresses_) {
+        auto route = routes_->RouteTo(address);
+        if (!route.empty()) {
+            view.insert(std::move(route));
+        }
+    }
+    return view;
+}
+
+ServiceStateMonitor::Clock::duration ServiceStateMonitor::Jittered(Clock::duration wait) {
+    std::uniform_real_distribution<double> factor(1.0 - kJitter, 1.0 + kJitter);
+    return std::chrono::duration_cast<Clock::duration>(wait * factor(random_));
+}
+
+void ServiceStateMonitor::Run() {
+    Resolve();
+    std::optional<Clock::time_point> viewDue = now_();
+    std::optional<Clock::time_point> probeDue;
+    std::optional<std::set<std::string>> view;
+    auto backoff = schedule_.retryMin;
+    auto lastProbe = Clock::time_point::min();
+    while (!stopping_) {
+        const auto now = now_();
+        const auto soon = std::max(now, lastProbe + kProbeGap);
+        if (connectionFailed_.exchange(false)) {
+            probeDue = std::min(probeDue.value_or(soon), soon);
+        }
+        if (viewDue && now >= *viewDue) {
+            viewDue.reset();
+            auto next = RouteView();
+            if (next != view) {
+                std::string text;
+                for (const auto& route : next) {
+                    text += (text.empty() ? "" : ", ") + route;
+                }
+                CSCLogging::Debug("VIConnector: routes to " + host_ + ": " +
+                                  (text.empty() ? "none" : text));
+                view = std::move(next);
+                backoff = schedule_.retryMin;
+                if (view->empty()) {
+                    // Nothing can reach the backend: no probe needed to say so.
+                    SetMeasured(kNotConnected);
+                    probeDue = now + Jittered(backoff);
+                } else {
+                    probeDue = soon;
+                }
+            }
+        }
+        if (probeDue && now >= *probeDue) {
+            const bool reachable = probe_(cancelFd_);
+            if (stopping_) {
+                return;  // a probe cut short says nothing about the backend
+            }
+            lastProbe = now_();
+            SetMeasured(reachable ? kConnected : kNotConnected);
+            if (reachable) {
+                Resolve();  // the name may point elsewhere now
+                backoff = schedule_.retryMin;
+                probeDue = lastProbe + Jittered(schedule_.interval);
+            } else {
+                probeDue = lastProbe + Jittered(backoff);
+                backoff = std::min(backoff * 2, schedule_.retryMax);
+            }
+            continue;
+        }
+        auto deadline = Clock::time_point::max();
+        for (const auto& due : {viewDue, probeDue}) {
+            if (due) {
+                deadline = std::min(deadline, *due);
+            }
+        }
+        switch (routes_->Wait(deadline, wakeFd_)) {
+            case RouteSourceIf::Wakeup::kChange:
+                if (!viewDue) {
+                    viewDue = now_() + kSettle;
+                }
+                break;
+            case RouteSourceIf::Wakeup::kWoken: {
+                std::uint64_t count = 0;
+                [[maybe_unused]] const auto read = ::read(wakeFd_, &count, sizeof(count));
+                break;
+            }
+            case RouteSourceIf::Wakeup::kDeadline:
+                break;
         }
     }
 }

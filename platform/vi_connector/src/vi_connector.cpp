@@ -232,23 +232,33 @@ SocketResult VIConnector::SocketConnect(const std::string& transactionTypeId,
                                         const std::string& host, std::uint16_t port) {
     std::shared_ptr<const ConnectorConfig> config;
     std::shared_ptr<TlsConnector> tls;
+    std::shared_ptr<ServiceStateMonitor> monitor;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         config = config_;
         tls = tls_;
+        monitor = stateMonitor_;
     }
+    SocketResult result{TlsConnector::kTlsFailed, -1};
+    bool https = false;
     if (config) {
         const auto found = config->transactions.find(transactionTypeId);
-        if (found != config->transactions.end() && SchemeOfUrl(found->second.url) == "https") {
-            // Never in plain text: without TLS there is no connection at all.
-            if (!tls) {
-                CSCLogging::Error("VIConnector: no TLS for " + transactionTypeId);
-                return {TlsConnector::kTlsFailed, -1};
-            }
-            return tls->Connect(host, port, kSocketConnectTimeoutMs);
-        }
+        https = found != config->transactions.end() && SchemeOfUrl(found->second.url) == "https";
     }
-    return TcpConnect(host, port, kSocketConnectTimeoutMs);
+    if (!https) {
+        result = TcpConnect(host, port, kSocketConnectTimeoutMs);
+    } else if (tls) {
+        result = tls->Connect(host, port, kSocketConnectTimeoutMs);
+    } else {
+        // Never in plain text: without TLS there is no connection at all.
+        CSCLogging::Error("VIConnector: no TLS for " + transactionTypeId);
+    }
+    // A backend that did not take the connection may be gone: a refused TLS
+    // handshake says nothing about reachability.
+    if (result.status != 0 && result.status != TlsConnector::kTlsFailed && monitor) {
+        monitor->ConnectionFailed();
+    }
+    return result;
 }
 
 std::uint32_t VIConnector::PubSubConnect(VIPubSubCallbackIf* callback) {

@@ -43,6 +43,8 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {"[mqqt]\n" + transaction, "unknown section [mqqt]"},
         {"[connection_state]\nmode=maybe\n" + transaction,
          "[connection_state] mode='maybe' is neither probe nor fixed"},
+        {"[connection_state]\nprobe_retry_min_ms=9000\nprobe_retry_max_ms=5000\n" + transaction,
+         "[connection_state] probe_retry_max_ms is below probe_retry_min_ms"},
         {"[transaction T]\ntoken=t\n", "[transaction T] has no url"},
         {"[transaction T]\nurl=https://h/p\n",
          "[transaction T] needs exactly one of token, token_file and token_credential"},

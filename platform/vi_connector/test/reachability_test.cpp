@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,11 +16,14 @@
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
+#include "netlink_route_source.hpp"
 #include "service_state_monitor.hpp"
 #include "tcp_connect.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
 #include "test_support/scripted_tcp_server.hpp"
+#include "test_support/temporary_directory.hpp"
+#include "vi_connector/vi_connector.hpp"
 
 // The probe behind the connector's state reports and the connect it shares with the
 // backend connections, against listeners of the test's own. Probing a backend that
@@ -49,43 +55,334 @@ struct RecordingStateCallback : VIServiceControllerCallbackIf {
     States states;
 };
 
-TEST(ServiceStateMonitorTest, ProbedAndForcedStatesAreReportedOnChangeAndDestructionCancelsAProbe) {
-    enum Probe { kUnreachable, kReachable, kBlocking };
-    std::atomic<int> mode{kUnreachable};
-    std::atomic<int> probes{0};
+using Clock = ServiceStateMonitor::Clock;
+using Wakeup = RouteSourceIf::Wakeup;
+
+// The kernel's routes and the clock as the monitor sees them. The test moves
+// both, and waits until the monitor has done what they ask of it.
+class FakeKernel {
+public:
+    Clock::time_point Now() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return now_;
+    }
+
+    /// Sets (or with "" removes) the route to `address` and says so, as an
+    /// RTM_NEWROUTE or RTM_DELROUTE would.
+    void SetRoute(const std::string& address, const std::string& route) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        routes_[address] = route;
+        Announce();
+    }
+
+    /// A link or address event that leaves every route as it was.
+    void Event() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Announce();
+    }
+
+    /// Runs `act` (which may wake the monitor) and lets the monitor act on it.
+    template <typename Act>
+    void Then(Act act) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            actedAt_ = waits_;
+        }
+        act();
+        Idle();
+    }
+
+    /// Moves the clock to `until`, stopping at every deadline of the monitor
+    /// on the way so that it acts at the time it asked for.
+    void RunUntil(Clock::time_point until) {
+        for (;;) {
+            const auto deadline = Idle();
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (deadline > until) {
+                now_ = until;
+                return;
+            }
+            actedAt_ = waits_;
+            now_ = deadline;
+            changed_.notify_all();
+        }
+    }
+
+    void RunFor(Clock::duration span) { RunUntil(Now() + span); }
+
+    std::string RouteTo(const std::string& address) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return routes_[address];
+    }
+
+    Wakeup Wait(Clock::time_point deadline, int wakeFd) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ++waits_;
+        deadline_ = deadline;
+        waiting_ = true;
+        changed_.notify_all();
+        for (;;) {
+            pollfd wake{wakeFd, POLLIN, 0};
+            const auto woken = ::poll(&wake, 1, 0) == 1;
+            if (pendingEvents_ || now_ >= deadline || woken) {
+                waiting_ = false;
+                const auto result = pendingEvents_ ? Wakeup::kChange
+                                    : woken        ? Wakeup::kWoken
+                                                   : Wakeup::kDeadline;
+                pendingEvents_ = false;
+                return result;
+            }
+            changed_.wait_for(lock, 2ms);  // the wake descriptor is polled
+        }
+    }
+
+private:
+    void Announce() {
+        pendingEvents_ = true;
+        actedAt_ = waits_;
+        changed_.notify_all();
+    }
+
+    // Waits until the monitor waits again after the last action; its deadline.
+    Clock::time_point Idle() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const bool idle = changed_.wait_for(lock, 10s, [&] {
+            return waiting_ && waits_ > actedAt_ && !pendingEvents_ && now_ < deadline_;
+        });
+        EXPECT_TRUE(idle) << "the monitor did not settle";
+        return deadline_;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Clock::time_point now_{std::chrono::hours(1000)};
+    std::map<std::string, std::string> routes_;
+    bool pendingEvents_ = false;
+    bool waiting_ = false;
+    std::uint64_t waits_ = 0;
+    std::uint64_t actedAt_ = 0;
+    Clock::time_point deadline_;
+};
+
+class FakeRouteSource : public RouteSourceIf {
+public:
+    explicit FakeRouteSource(FakeKernel& kernel) : kernel_(kernel) {}
+    Wakeup Wait(Clock::time_point deadline, int wakeFd) override {
+        return kernel_.Wait(deadline, wakeFd);
+    }
+    std::string RouteTo(const std::string& address) override { return kernel_.RouteTo(address); }
+
+private:
+    FakeKernel& kernel_;
+};
+
+constexpr const char* kBackend = "192.0.2.10";
+constexpr auto kMinute = std::chrono::minutes(1);
+
+// The monitor with the deployed schedule against a fake kernel and a backend
+// that answers while `answering` is set; every probe's time is kept.
+struct Watched {
+    Watched(std::string route, bool answers) : answering(answers) {
+        kernel.SetRoute(kBackend, route);
+        sut = std::make_unique<ServiceStateMonitor>(
+            [this](int) {
+                // The first report is the one made on subscribing.
+                EXPECT_TRUE(kelvane::testing::WaitUntil([&] { return subscribed.load(); }, 5s));
+                std::lock_guard<std::mutex> lock(mutex);
+                probes.push_back(kernel.Now());
+                return answering.load();
+            },
+            kBackend, std::make_unique<FakeRouteSource>(kernel), ServiceStateMonitor::Schedule{},
+            [this] { return kernel.Now(); });
+        sut->Subscribe(kServiceId, &callback);
+        subscribed = true;
+        kernel.RunFor(Clock::duration::zero());
+    }
+
+    std::vector<Clock::time_point> Probes() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return probes;
+    }
+
+    // Seconds from one probe to the next, from the `first`-th on.
+    std::vector<double> Gaps(std::size_t first = 0) {
+        const auto times = Probes();
+        std::vector<double> gaps;
+        for (std::size_t i = first + 1; i < times.size(); ++i) {
+            gaps.push_back(std::chrono::duration<double>(times[i] - times[i - 1]).count());
+        }
+        return gaps;
+    }
+
+    FakeKernel kernel;
+    RecordingStateCallback callback;
+    std::atomic<bool> answering;
+    std::atomic<bool> subscribed{false};
+    std::mutex mutex;
+    std::vector<Clock::time_point> probes;
+    std::unique_ptr<ServiceStateMonitor> sut;
+};
+
+TEST(ServiceStateMonitorTest, IdleAndHealthyADayCostsAtMost200ProbesSpreadByJitter) {
+    Watched watched("dev wwan0 via 10.0.0.1", true);
+    const auto start = watched.kernel.Now();
+
+    watched.kernel.RunFor(5 * kMinute);
+    const auto inFiveMinutes = watched.Probes().size();
+    // Events that leave the route as it was (an address lifetime, a neighbour link) cost nothing.
+    for (int hour = 0; hour < 24; ++hour) {
+        watched.kernel.Event();
+        watched.kernel.RunUntil(start + std::chrono::hours(hour + 1));
+    }
+
+    const auto probes = watched.Probes();
+    ASSERT_FALSE(probes.empty());
+    EXPECT_EQ(probes.front(), start);
+    EXPECT_LE(inFiveMinutes, 2U);
+    EXPECT_LE(probes.size(), 200U);
+    const auto gaps = watched.Gaps();
+    for (const double gap : gaps) {
+        EXPECT_GE(gap, 0.8 * 600);
+        EXPECT_LE(gap, 1.2 * 600);
+    }
+    EXPECT_GT(
+        *std::max_element(gaps.begin(), gaps.end()) - *std::min_element(gaps.begin(), gaps.end()),
+        30.0);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2}));
+}
+
+TEST(ServiceStateMonitorTest, NoRouteIsNotConnectedAtOnceAndARouteThatReturnsIsProbedWithin5s) {
+    Watched watched("", false);  // nothing answers without a route
+    EXPECT_TRUE(watched.Probes().empty());
+    EXPECT_EQ(watched.callback.Reported(), (States{1}));
+    watched.kernel.RunFor(kMinute);
+
+    const auto probesBefore = watched.Probes().size();
+    const auto returned = watched.kernel.Now();
+    watched.answering = true;
+    watched.kernel.SetRoute(kBackend, "dev wlan0 via 192.168.1.1");
+    watched.kernel.RunFor(5s);
+    ASSERT_GT(watched.Probes().size(), probesBefore);
+    EXPECT_LE(watched.Probes()[probesBefore] - returned, 5s);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2}));
+
+    // The link goes down: not connected, without a probe to say so.
+    const auto probesWhileUp = watched.Probes().size();
+    watched.answering = false;
+    watched.kernel.SetRoute(kBackend, "");
+    watched.kernel.RunFor(1s);
+    EXPECT_EQ(watched.Probes().size(), probesWhileUp);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2, 1}));
+
+    // Another way out (cellular instead of Wi-Fi) is confirmed before it counts.
+    watched.answering = true;
+    watched.kernel.SetRoute(kBackend, "dev wwan0 via 10.0.0.1");
+    watched.kernel.RunFor(5s);
+    EXPECT_EQ(watched.Probes().size(), probesWhileUp + 1);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2, 1, 2}));
+}
+
+TEST(ServiceStateMonitorTest, AnUnansweredProbeBacksOffWithJitterAndAFailedConnectionAsksForOne) {
+    Watched watched("dev eth0", false);
+    watched.kernel.RunFor(30 * kMinute);
+
+    // 5 s doubling up to 5 min, each within ±20 %.
+    const auto gaps = watched.Gaps();
+    ASSERT_GE(gaps.size(), 8U);
+    double expected = 5;
+    for (const double gap : gaps) {
+        EXPECT_GE(gap, 0.8 * expected);
+        EXPECT_LE(gap, 1.2 * expected);
+        expected = std::min(expected * 2, 300.0);
+    }
+    EXPECT_EQ(watched.callback.Reported(), (States{1}));
+
+    // Back to the slow pace once the backend answers.
+    watched.answering = true;
+    watched.kernel.RunFor(6 * kMinute);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2}));
+    const auto answered = watched.Probes().size();
+    watched.kernel.RunUntil(watched.Probes().back() + 8 * kMinute - 1s);
+    EXPECT_EQ(watched.Probes().size(), answered);
+
+    // The backend goes away: the client's failed connection has it probed, not
+    // ten minutes of a stale state.
+    watched.answering = false;
+    watched.kernel.Then([&] { watched.sut->ConnectionFailed(); });
+    watched.kernel.RunFor(1s);
+    EXPECT_EQ(watched.Probes().size(), answered + 1);
+    EXPECT_EQ(watched.callback.Reported(), (States{1, 2, 1}));
+}
+
+TEST(ServiceStateMonitorTest, FixedStateIsReportedOnceAndDestructionCancelsABlockedProbe) {
+    RecordingStateCallback fixedCallback;
+    ServiceStateMonitor fixed(ServiceStateMonitor::kConnected);
+    fixed.Subscribe(kServiceId, &fixedCallback);
+    fixed.ConnectionFailed();
+    EXPECT_EQ(fixedCallback.Reported(), (States{2}));
+
     std::atomic<bool> blocked{false};
     std::atomic<bool> sawCancel{false};
-    RecordingStateCallback callback;
+    FakeKernel kernel;
+    kernel.SetRoute(kBackend, "dev lo");
     auto sut = std::make_unique<ServiceStateMonitor>(
         [&](int cancelFd) {
-            ++probes;
-            if (mode == kBlocking) {
-                blocked = true;
-                pollfd cancel{cancelFd, POLLIN, 0};
-                sawCancel = ::poll(&cancel, 1, 10000) == 1;
-                return true;
-            }
-            return mode == kReachable;
+            blocked = true;
+            pollfd cancel{cancelFd, POLLIN, 0};
+            sawCancel = ::poll(&cancel, 1, 10000) == 1;
+            return true;
         },
-        1ms);
-    const auto reported = [&](const States& states) {
-        return kelvane::testing::WaitUntil([&] { return callback.Reported() == states; }, 5s);
-    };
+        kBackend, std::make_unique<FakeRouteSource>(kernel), ServiceStateMonitor::Schedule{},
+        [&] { return kernel.Now(); });
+    RecordingStateCallback callback;
     sut->Subscribe(kServiceId, &callback);
-    ASSERT_TRUE(reported({1}));
-
-    mode = kReachable;
-    ASSERT_TRUE(reported({1, 2}));
-    const int probesWhenConnected = probes.load();
-    ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return probes > probesWhenConnected + 3; }, 5s));
-    mode = kUnreachable;
-    ASSERT_TRUE(reported({1, 2, 1}));
-    mode = kBlocking;
     ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return blocked.load(); }, 5s));
+
     sut.reset();
 
     EXPECT_TRUE(sawCancel);
-    EXPECT_TRUE(reported({1, 2, 1}));
+    EXPECT_EQ(callback.Reported(), (States{1}));
+}
+
+TEST(ServiceStateMonitorTest, ABackendThatRefusesTheClientsConnectionIsReportedGoneWithoutWaiting) {
+    auto backend = std::make_unique<ScriptedTcpServer>(ScriptedTcpServer::Script().Close());
+    const auto port = std::to_string(backend->Port());
+    kelvane::testing::TemporaryDirectory dir;
+    // The deployed schedule: left alone, the next probe would come in 8 to 12 minutes.
+    VIConnector sut(
+        nullptr, nullptr,
+        dir.Write("vi.ini", "[transaction T]\nurl=http://127.0.0.1:" + port + "/c\ntoken=t\n"));
+    sut.Start();
+    ASSERT_TRUE(kelvane::testing::WaitUntil(
+        [&] { return sut.GetSessionStatus() == SessionStatus::kOk; }, 5s));
+    RecordingStateCallback callback;
+    ASSERT_NE(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
+    ASSERT_TRUE(kelvane::testing::WaitUntil(
+        [&] {
+            return callback.Reported() == States{1, 2};
+        },
+        5s));
+
+    backend.reset();
+    EXPECT_EQ(sut.SocketConnect("T", "127.0.0.1", static_cast<std::uint16_t>(std::stoi(port))).fd,
+              -1);
+
+    EXPECT_TRUE(kelvane::testing::WaitUntil(
+        [&] {
+            return callback.Reported() == States{1, 2, 1};
+        },
+        5s));
+    sut.Stop();
+}
+
+TEST(NetlinkRouteSourceTest, FindsTheRouteTo127001OnTheLoopbackLinkAndWakesOnItsDescriptor) {
+    NetlinkRouteSource sut;
+    const int wakeFd = ::eventfd(1, EFD_CLOEXEC);
+
+    EXPECT_EQ(sut.RouteTo("127.0.0.1"), "dev lo");
+    EXPECT_EQ(sut.RouteTo("not an address"), "");
+    EXPECT_NE(sut.Wait(Clock::now() + 10s, wakeFd), Wakeup::kDeadline);
+    ::close(wakeFd);
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {

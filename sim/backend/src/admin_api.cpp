@@ -81,9 +81,10 @@ HttpResponse AdminApi::Handle(const HttpRequest& request) {
         }
         HttpResponse response;
         response.headers.emplace_back("Content-Type", "application/json");
-        response.body =
-            sim_common::JsonText({{"events", events_.Count()}, {"faults", faults_.Pending()}}) +
-            "\n";
+        response.body = sim_common::JsonText({{"events", events_.Count()},
+                                              {"connections", events_.Connections()},
+                                              {"faults", faults_.Pending()}}) +
+                        "\n";
         return response;
     }
     return HttpResponse::Text(404, "no admin endpoint " + path);

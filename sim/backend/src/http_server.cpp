@@ -130,6 +130,7 @@ private:
         acceptor_.async_accept(
             net::make_strand(context_), [this](boost::system::error_code ec, tcp::socket socket) {
                 if (!ec) {
+                    parts_.events.ConnectionAccepted();
                     std::make_shared<HttpSession>(std::move(socket), parts_)->Start();
                 }
                 if (acceptor_.is_open()) {

@@ -216,6 +216,11 @@ TEST_F(BackendSimTest, EveryEndpointAndFaultAnswersExactlyOnTheWire) {
     }
     const auto events = ReadFile(eventLog_);
     EXPECT_NE(events.find(R"("fault":"status:999","status":999)"), std::string::npos) << events;
+    // Every connection counts, a silent one too: the challenge, the rows, this one.
+    Send("", 100ms);
+    EXPECT_NE(Send(Request("GET /admin/status", ""))
+                  .bytes.find("\"connections\":" + std::to_string(std::size(rows) + 3)),
+              std::string::npos);
 }
 
 }  // namespace

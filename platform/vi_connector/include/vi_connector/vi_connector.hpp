@@ -52,8 +52,8 @@ public:
 
     /// Reports the connection state of the transaction type once now and on
     /// every change. Non-zero on success, zero on failure (not started, no
-    /// callback). The state comes from [connection_state]: a reachability
-    /// probe of the backend or a fixed value.
+    /// callback). The state comes from [connection_state]: the kernel's routes
+    /// to the backend confirmed by probes, or a fixed value.
     virtual unsigned int SubscribeTransactionTypeState(std::string transactionTypeId,
                                                        VIServiceControllerCallbackIf* callback,
                                                        unsigned int flags);

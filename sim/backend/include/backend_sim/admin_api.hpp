@@ -17,7 +17,7 @@ namespace backend_sim {
 ///     GET    /admin/faults   the faults still waiting, one per line      -> 200
 ///     DELETE /admin/faults   drops them all                              -> 204
 ///     POST   /admin/push     body: the message ("" = the default one)    -> 204, 502
-///     GET    /admin/status   {"events":N,"faults":[...]}                 -> 200
+///     GET    /admin/status   {"events":N,"connections":N,"faults":[...]} -> 200
 class AdminApi {
 public:
     static constexpr const char* kPrefix = "/admin/";

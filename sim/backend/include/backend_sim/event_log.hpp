@@ -30,10 +30,16 @@ public:
 
     std::uint64_t Count() const { return sequence_.load(); }
 
+    /// Counts a TCP connection accepted, whether or not it brought a request
+    /// (a reachability probe does not).
+    void ConnectionAccepted() { connections_.fetch_add(1); }
+    std::uint64_t Connections() const { return connections_.load(); }
+
 private:
     std::mutex mutex_;
     int fd_ = -1;
     std::atomic<std::uint64_t> sequence_{0};
+    std::atomic<std::uint64_t> connections_{0};
 };
 
 /// "2026-11-22T10:15:02.123Z" for now.
