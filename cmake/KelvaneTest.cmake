@@ -1,16 +1,19 @@
 # kelvane_add_test(NAME <name> SOURCES ... [LIBS ...] [LABELS ...]
+#                  [INCLUDE_DIRS ...] [DEFINITIONS ...] [DEPENDS <targets>...]
 #                  [TIMEOUT <seconds>] [RESOURCE_LOCK ...])
 #
 # Builds <name>_test from SOURCES, links GoogleTest/GoogleMock and the project's
 # test main (captured log printed for failing tests), and registers every test
-# case with CTest. LABELS: unit, integration, e2e, slow, fuzz.
+# case with CTest. LABELS: unit, integration, e2e, slow, fuzz. INCLUDE_DIRS
+# (relative to the calling folder) and DEFINITIONS are private to the test;
+# DEPENDS names programs the test runs, built before it.
 set(KELVANE_TEST_LABELS unit integration e2e slow fuzz)
 
 function(kelvane_add_test)
     if(NOT KELVANE_BUILD_TESTS)
         return()
     endif()
-    cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;RESOURCE_LOCK" ${ARGN})
+    cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;RESOURCE_LOCK;INCLUDE_DIRS;DEFINITIONS;DEPENDS" ${ARGN})
     if(NOT ARG_NAME OR NOT ARG_SOURCES)
         message(FATAL_ERROR "kelvane_add_test: NAME and SOURCES are required")
     endif()
@@ -30,6 +33,15 @@ function(kelvane_add_test)
     add_executable(${target} ${ARG_SOURCES})
     target_link_libraries(${target} PRIVATE ${ARG_LIBS} kelvane::test_support GTest::gmock)
     kelvane_target_warnings(${target})
+    if(ARG_INCLUDE_DIRS)
+        target_include_directories(${target} PRIVATE ${ARG_INCLUDE_DIRS})
+    endif()
+    if(ARG_DEFINITIONS)
+        target_compile_definitions(${target} PRIVATE ${ARG_DEFINITIONS})
+    endif()
+    if(ARG_DEPENDS)
+        add_dependencies(${target} ${ARG_DEPENDS})
+    endif()
 
     list(GET ARG_LABELS 0 first_label)
     set(properties LABELS ${first_label} TIMEOUT ${ARG_TIMEOUT})

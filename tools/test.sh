@@ -28,24 +28,22 @@ while [[ $# -gt 0 ]]; do
     esac
     shift
 done
+# The presets in CMakePresets.json name each build; the options below only
+# adjust them.
+case "$sanitizer" in
+    address) preset=asan ;;
+    thread) preset=tsan ;;
+    *) preset=host ;;
+esac
 if [[ -z "$build_dir" ]]; then
-    case "$sanitizer" in
-        address) build_dir="$root/build-asan" ;;
-        thread) build_dir="$root/build-tsan" ;;
-        *) build_dir="$root/build" ;;
-    esac
+    build_dir="$root/build"
+    [[ "$preset" == host ]] || build_dir+="-$preset"
 fi
 
 "$root/tools/bootstrap.sh"
 
-generator=()
-command -v ninja >/dev/null 2>&1 && [[ ! -f "$build_dir/Makefile" ]] && generator=(-G Ninja)
-# Benchmarks say nothing under a sanitizer; they are left out there.
-bench=ON
-[[ -n "$sanitizer" ]] && bench=OFF
-cmake -S "$root" -B "$build_dir" "${generator[@]}" \
-    -DCMAKE_BUILD_TYPE="$build_type" -DKELVANE_SANITIZER="$sanitizer" \
-    -DKELVANE_BUILD_BENCH="$bench" -DKELVANE_BUILD_SIMULATORS="$simulators" >/dev/null
+cmake -S "$root" --preset "$preset" -B "$build_dir" \
+    -DCMAKE_BUILD_TYPE="$build_type" -DKELVANE_BUILD_SIMULATORS="$simulators" >/dev/null
 cmake --build "$build_dir" --parallel "$(nproc)"
 
 export KELVANE_LOG_LEVEL=${KELVANE_LOG_LEVEL:-info}

@@ -38,9 +38,6 @@ public:
     /// naming the host and the reason.
     SocketResult Connect(const std::string& host, std::uint16_t port, int timeoutMs);
 
-    /// Connections being carried (for tests).
-    std::size_t OpenConnections() const { return pump_->Count(); }
-
 private:
     explicit TlsConnector(SSL_CTX* context);
     static int OnNewSession(SSL* ssl, SSL_SESSION* session);

@@ -239,11 +239,6 @@ bool TlsPump::Add(SSL* ssl, int netFd, int localFd, std::string peer) {
     return true;
 }
 
-std::size_t TlsPump::Count() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return count_;
-}
-
 void TlsPump::Wake() {
     if (wakeWrite_ >= 0) {
         const char one = 1;

@@ -27,8 +27,6 @@ public:
     /// both descriptors. False when the pump cannot take it; nothing is owned then.
     bool Add(SSL* ssl, int netFd, int localFd, std::string peer);
 
-    /// Connections being carried (for tests).
-    std::size_t Count() const;
 
 private:
     struct Channel;
