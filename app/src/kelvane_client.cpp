@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "app/transaction_types.hpp"
 #include "app/x509_validator.hpp"
+#include "backend/transaction_types.hpp"
 #include "base64_utils/base64_utils.hpp"
 #include "csa_common/secure_wipe.hpp"
 #include "csc_logging/csc_logging.hpp"

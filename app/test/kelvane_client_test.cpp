@@ -15,8 +15,8 @@
 #include <tuple>
 #include <vector>
 
-#include "app/transaction_types.hpp"
 #include "app/x509_validator.hpp"
+#include "backend/transaction_types.hpp"
 #include "csc_logging/log_capture.hpp"
 #include "process_lifecycle_adapter/process_lifecycle_adapter.hpp"
 

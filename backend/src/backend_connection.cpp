@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "backend/transaction_types.hpp"
 #include "csa_common/http_connection.hpp"
 #include "csa_common/http_protocol.hpp"
 #include "csc_logging/csc_logging.hpp"
@@ -21,10 +22,6 @@ using csa_common::HttpProtocol;
 using csc_logging::CSCLogEntry;
 using csc_logging::CSCLogging;
 namespace proto = domain::backend::zelkDlc::proto;
-
-constexpr const char* kChallengeTransactionType = "TTVI-Kelvane-C003.COzelkDlcChallenge";
-constexpr const char* kDownloadTransactionType = "TTVI-Kelvane-C003.COzelkDlcDownload";
-constexpr const char* kFeedbackTransactionType = "TTVI-Kelvane-C003.COzelkDlcStatusFeedback";
 
 // The upper-case "Zelk" in two request types is what the backend expects.
 constexpr const char* kChallengeContentType =
@@ -44,7 +41,7 @@ enum class Method { kGet, kPost };
 
 struct Exchange {
     Method method;
-    const char* transactionType;
+    const std::string& transactionType;
     const char* contentType;
     const char* accept;  // nullptr: no Accept header
 };
@@ -125,8 +122,8 @@ BackendConnection::BackendConnection(std::shared_ptr<vi_connector::VIConnector> 
 
 bool BackendConnection::ChallengeRequest(const std::string& token, const std::string& url,
                                          std::string& challenge) {
-    static const Exchange exchange{Method::kGet, kChallengeTransactionType, kChallengeContentType,
-                                   kChallengeAccept};
+    static const Exchange exchange{Method::kGet, ChallengeRequestOperationTypeId,
+                                   kChallengeContentType, kChallengeAccept};
     HttpProtocol protocol;
     if (!Run(connector, exchange, token, url, std::string(), protocol)) {
         return false;
@@ -141,8 +138,8 @@ bool BackendConnection::ChallengeRequest(const std::string& token, const std::st
 
 bool BackendConnection::DownloadRequest(const std::string& token, const RequestParams& params,
                                         const std::string& url, std::string& container) {
-    static const Exchange exchange{Method::kPost, kDownloadTransactionType, kDownloadContentType,
-                                   kDownloadAccept};
+    static const Exchange exchange{Method::kPost, DownloadRequestOperationTypeId,
+                                   kDownloadContentType, kDownloadAccept};
     HttpProtocol protocol;
     if (!Run(connector, exchange, token, url, CreateDLCDownloadRequest(params), protocol)) {
         return false;
@@ -159,8 +156,8 @@ bool BackendConnection::DownloadRequest(const std::string& token, const RequestP
 
 int BackendConnection::SendStatusFeedback(const RequestParams& params, const std::string& token,
                                           const std::string& url) const {
-    static const Exchange exchange{Method::kPost, kFeedbackTransactionType, kFeedbackContentType,
-                                   nullptr};
+    static const Exchange exchange{Method::kPost, StatusFeedbackOperationTypeId,
+                                   kFeedbackContentType, nullptr};
     HttpProtocol protocol;
     if (!Run(connector, exchange, token, url, CreateStatusUpdateRequest(params), protocol)) {
         return 1;

@@ -1,5 +1,5 @@
-#ifndef APP_TRANSACTION_TYPES_HPP
-#define APP_TRANSACTION_TYPES_HPP
+#ifndef BACKEND_TRANSACTION_TYPES_HPP
+#define BACKEND_TRANSACTION_TYPES_HPP
 
 #include <string>
 
@@ -19,4 +19,4 @@ inline const std::string StatusFeedbackOperationTypeId =
 
 }  // namespace kelvane_client
 
-#endif  // APP_TRANSACTION_TYPES_HPP
+#endif  // BACKEND_TRANSACTION_TYPES_HPP
