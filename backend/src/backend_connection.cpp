@@ -56,7 +56,7 @@ bool Run(const std::shared_ptr<vi_connector::VIConnector>& connector, const Exch
         return false;
     }
     protocol.SetOption(HttpOption::Uri, parsed.path);
-    protocol.SetOption(HttpOption::Host, parsed.host);
+    protocol.SetOption(HttpOption::Host, HttpConnection::HostHeader(parsed.host));
     protocol.SetOption(HttpOption::ContentType, exchange.contentType);
     if (exchange.accept != nullptr) {
         protocol.SetOption(HttpOption::Accept, exchange.accept);

@@ -89,6 +89,11 @@ TEST_F(BackendConnectionTest, EachExchangeSendsItsExactRequestAndTakesTheAnswers
               (std::vector<std::string>{"TTVI-Kelvane-C003.COzelkDlcChallenge",
                                         "TTVI-Kelvane-C003.COzelkDlcDownload",
                                         "TTVI-Kelvane-C003.COzelkDlcStatusFeedback"}));
+    // An IPv6 literal is bracketed in the Host header, as in the URL.
+    ScriptedTcpServer v6(Script().ReceiveRequest().Send(Answer("204 No Content", "")),
+                         ScriptedTcpServer::Family::kIPv6);
+    EXPECT_EQ(sut.SendStatusFeedback(kSample, "tok-123", v6.Url("/fb")), 0);
+    EXPECT_EQ(v6.Received(0).substr(0, 32), "POST /fb HTTP/1.1\r\nHost: [::1]\r\n");
     EXPECT_TRUE(log.Contains(LogLevel::kInfo, "HTTP Payload has been received 200"));
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U);
     long previous = -1;

@@ -68,12 +68,11 @@ bool ParsePort(const std::string& text, std::uint16_t& port) {
     }
 }
 
-// A Host header names an IPv6 literal in brackets.
-std::string HostHeader(const std::string& host) {
+}  // namespace
+
+std::string HttpConnection::HostHeader(const std::string& host) {
     return host.find(':') == std::string::npos ? host : "[" + host + "]";
 }
-
-}  // namespace
 
 HttpConnection::HttpConnection(const std::string& defaultHost, std::uint16_t defaultPort,
                                const std::string& defaultOperationTypeId,
@@ -90,17 +89,24 @@ bool HttpConnection::Test() const {
     return Test(operationTypeId, std::string()) == kOk;
 }
 
-std::uint8_t HttpConnection::Test(const std::string& operationType, const std::string& url) const {
-    std::string targetHost = host;
-    std::uint16_t targetPort = port;
-    if (!url.empty()) {
-        ParsedUrl parsed;
-        if (UrlParser(url, parsed)) {
-            return kBadUrl;
-        }
-        targetHost = parsed.host;
-        targetPort = parsed.port;
+std::optional<ParsedUrl> HttpConnection::ResolveTarget(const std::string& url) const {
+    ParsedUrl target;
+    if (url.empty()) {
+        target.host = host;
+        target.port = port;
+    } else if (UrlParser(url, target)) {
+        return std::nullopt;
     }
+    return target;
+}
+
+std::uint8_t HttpConnection::Test(const std::string& operationType, const std::string& url) const {
+    const auto target = ResolveTarget(url);
+    if (!target) {
+        return kBadUrl;
+    }
+    const std::string& targetHost = target->host;
+    const std::uint16_t targetPort = target->port;
     CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connecting to " << targetHost << ":"
                                    << targetPort << "\n\n");
     const int fd = OpenConnection(operationType, targetHost, targetPort);
@@ -143,17 +149,15 @@ std::uint8_t HttpConnection::Put(HttpProtocol& protocol, const std::string& oper
 std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
                                       const std::string& operationType,
                                       const std::string& url) const {
-    std::string targetHost = host;
-    std::uint16_t targetPort = port;
+    auto target = ResolveTarget(url);
+    if (!target) {
+        return kBadUrl;
+    }
+    const std::string& targetHost = target->host;
+    const std::uint16_t targetPort = target->port;
     if (!url.empty()) {
-        ParsedUrl parsed;
-        if (UrlParser(url, parsed)) {
-            return kBadUrl;
-        }
-        targetHost = parsed.host;
-        targetPort = parsed.port;
-        protocol.SetOption(HttpOption::Uri, std::move(parsed.path));
-        protocol.SetOption(HttpOption::Host, HostHeader(parsed.host));
+        protocol.SetOption(HttpOption::Uri, std::move(target->path));
+        protocol.SetOption(HttpOption::Host, HostHeader(targetHost));
     }
 
     CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connecting to " << targetHost << ":"

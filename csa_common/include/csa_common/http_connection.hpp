@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "csa_common/http_connection_if.hpp"
@@ -61,6 +62,8 @@ public:
     bool UrlParser(const std::string& url, ParsedUrl& out) const;
     /// The record as far as it could be filled; an empty host means failure.
     static ParsedUrl UrlParser(std::string url);
+    /// The Host header's value for a parsed host: an IPv6 literal in brackets.
+    static std::string HostHeader(const std::string& host);
 
     /// The descriptor from the connector (-1 when it could not connect).
     virtual int OpenConnection(const std::string& operationType, const std::string& hostName,
@@ -77,6 +80,9 @@ public:
 private:
     enum class Method { kGet, kPost, kPut };
 
+    /// Where `url` points, or without one the connection's own host and port;
+    /// nothing when the URL does not parse (logged).
+    std::optional<ParsedUrl> ResolveTarget(const std::string& url) const;
     std::uint8_t Exchange(Method method, HttpProtocol& protocol, const std::string& operationType,
                           const std::string& url) const;
     std::uint8_t ReceiveAndParse(int fd, HttpProtocol& protocol) const;
