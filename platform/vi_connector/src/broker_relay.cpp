@@ -20,6 +20,7 @@
 #include <memory>
 
 #include "sigpipe_block.hpp"
+#include "tls_common.hpp"
 
 namespace vi_connector {
 namespace {
@@ -35,43 +36,6 @@ constexpr int kFinalRounds = 4;
 std::int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
         .count();
-}
-
-bool IsAddressLiteral(const std::string& host) {
-    unsigned char address[16];
-    return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
-           ::inet_pton(AF_INET6, host.c_str(), address) == 1;
-}
-
-std::string VerifyReason(long result) {
-    switch (result) {
-        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
-        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
-        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-            return "unknown issuer";
-        case X509_V_ERR_HOSTNAME_MISMATCH:
-        case X509_V_ERR_IP_ADDRESS_MISMATCH:
-            return "name mismatch";
-        case X509_V_ERR_CERT_HAS_EXPIRED:
-            return "expired";
-        case X509_V_ERR_CERT_NOT_YET_VALID:
-            return "not yet valid";
-        default:
-            return "certificate rejected";
-    }
-}
-
-std::string OpenSslError() {
-    const unsigned long code = ERR_peek_last_error();
-    ERR_clear_error();
-    if (code == 0) {
-        return "connection closed";
-    }
-    char text[256];
-    ERR_error_string_n(code, text, sizeof(text));
-    return text;
 }
 
 struct AddrInfoDeleter {
@@ -263,7 +227,7 @@ bool BrokerRelay::ConnectToBroker() {
 bool BrokerRelay::Handshake() {
     SSL* ssl = SSL_new(tls_.get());
     if (ssl == nullptr) {
-        return Fail("TLS: " + OpenSslError());
+        return Fail("TLS: " + OpenSslError("connection closed"));
     }
     ssl_ = ssl;
     SSL_set_fd(ssl, brokerFd_);
@@ -300,7 +264,7 @@ bool BrokerRelay::Handshake() {
             return Fail("TLS: " + VerifyReason(verified) + " (" +
                         X509_verify_cert_error_string(verified) + ")");
         }
-        return Fail("TLS handshake refused (" + OpenSslError() + ")");
+        return Fail("TLS handshake refused (" + OpenSslError("connection closed") + ")");
     }
 }
 
@@ -339,7 +303,7 @@ void BrokerRelay::Pump() {
         }
         Fail(error == SSL_ERROR_ZERO_RETURN || error == SSL_ERROR_SYSCALL
                  ? "the broker closed the connection"
-                 : "TLS: " + OpenSslError());
+                 : "TLS: " + OpenSslError("connection closed"));
         return -1;
     };
     const auto toBrokerSent = [&]() -> long {
@@ -360,7 +324,7 @@ void BrokerRelay::Pump() {
             brokerWantsWrite = error == SSL_ERROR_WANT_WRITE;
             return 0;
         }
-        Fail("TLS: " + OpenSslError());
+        Fail("TLS: " + OpenSslError("connection closed"));
         return -1;
     };
 

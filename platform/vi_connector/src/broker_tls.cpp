@@ -1,33 +1,13 @@
 #include "broker_tls.hpp"
 
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
-#include "secret_file.hpp"
+#include "tls_common.hpp"
 #include "tls_policy.hpp"
 
 namespace vi_connector {
-namespace {
-
-constexpr std::size_t kMaxKeyFileBytes = 64 * 1024;
-
-std::string OpenSslError() {
-    const unsigned long code = ERR_peek_last_error();
-    ERR_clear_error();
-    if (code == 0) {
-        return "no detail";
-    }
-    char text[256];
-    ERR_error_string_n(code, text, sizeof(text));
-    return text;
-}
-
-int NoPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*user*/) {
-    return -1;  // never prompt on a terminal
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::shared_ptr<SSL_CTX> MakeBrokerTlsContext(const MqttSettings& settings, std::string& error) {
     if (settings.tlsCaFile.empty()) {
@@ -63,23 +43,7 @@ std::shared_ptr<SSL_CTX> MakeBrokerTlsContext(const MqttSettings& settings, std:
         error = "tls_cert_file '" + settings.tlsCertFile + "' cannot be used: " + OpenSslError();
         return nullptr;
     }
-    std::string reason;
-    auto pem = ReadSecretFile(settings.tlsKeyFile, kMaxKeyFileBytes, reason);
-    if (!pem) {
-        error = "tls_key_file: " + reason;
-        return nullptr;
-    }
-    BIO* bio = BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size()));
-    EVP_PKEY* key =
-        bio == nullptr ? nullptr : PEM_read_bio_PrivateKey(bio, nullptr, NoPassphrase, nullptr);
-    BIO_free(bio);
-    OPENSSL_cleanse(&(*pem)[0], pem->size());
-    const bool used = key != nullptr && SSL_CTX_use_PrivateKey(context.get(), key) == 1 &&
-                      SSL_CTX_check_private_key(context.get()) == 1;
-    EVP_PKEY_free(key);
-    if (!used) {
-        error = "the key in '" + settings.tlsKeyFile +
-                "' is unreadable, encrypted or does not match the certificate: " + OpenSslError();
+    if (!UseClientKey(context.get(), settings.tlsKeyFile, "tls_key_file", error)) {
         return nullptr;
     }
     return context;

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
@@ -18,9 +17,9 @@
 #include <cstring>
 
 #include "csc_logging/csc_logging.hpp"
-#include "secret_file.hpp"
 #include "sigpipe_block.hpp"
 #include "tcp_connect.hpp"
+#include "tls_common.hpp"
 #include "tls_policy.hpp"
 
 namespace vi_connector {
@@ -57,47 +56,6 @@ int OnCertificateRequest(SSL* ssl, X509** /*certificate*/, EVP_PKEY** /*key*/) {
         state->certificateRequested = true;
     }
     return 0;  // nothing to send
-}
-
-int NoPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*user*/) {
-    return -1;  // never prompt on a terminal
-}
-
-std::string OpenSslError() {
-    const unsigned long code = ERR_peek_last_error();
-    ERR_clear_error();
-    if (code == 0) {
-        return "no detail";
-    }
-    char text[256];
-    ERR_error_string_n(code, text, sizeof(text));
-    return text;
-}
-
-std::string VerifyReason(long result) {
-    switch (result) {
-        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
-        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
-        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-            return "unknown issuer";
-        case X509_V_ERR_HOSTNAME_MISMATCH:
-        case X509_V_ERR_IP_ADDRESS_MISMATCH:
-            return "name mismatch";
-        case X509_V_ERR_CERT_HAS_EXPIRED:
-            return "expired";
-        case X509_V_ERR_CERT_NOT_YET_VALID:
-            return "not yet valid";
-        default:
-            return "certificate rejected";
-    }
-}
-
-bool IsAddressLiteral(const std::string& host) {
-    unsigned char address[16];
-    return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
-           ::inet_pton(AF_INET6, host.c_str(), address) == 1;
 }
 
 int RemainingMs(Clock::time_point deadline) {
@@ -165,23 +123,8 @@ std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& set
                 "': " + OpenSslError();
         return nullptr;
     }
-    std::string reason;
-    auto pem = ReadSecretFile(settings.keyFile, kMaxKeyFileBytes, reason);
-    if (!pem) {
-        error = "[backend_tls] key_file: " + reason;
-        return nullptr;
-    }
-    BIO* bio = BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size()));
-    EVP_PKEY* key =
-        bio == nullptr ? nullptr : PEM_read_bio_PrivateKey(bio, nullptr, NoPassphrase, nullptr);
-    BIO_free(bio);
-    OPENSSL_cleanse(&(*pem)[0], pem->size());
-    const bool used = key != nullptr && SSL_CTX_use_PrivateKey(context, key) == 1 &&
-                      SSL_CTX_check_private_key(context) == 1;
-    EVP_PKEY_free(key);
-    if (!used) {
-        error = "[backend_tls] the key in '" + settings.keyFile +
-                "' is unreadable, encrypted or does not match the certificate: " + OpenSslError();
+    if (!UseClientKey(context, settings.keyFile, "key_file", error)) {
+        error = "[backend_tls] " + error;
         return nullptr;
     }
     return connector;

@@ -27,7 +27,6 @@ public:
     /// both descriptors. False when the pump cannot take it; nothing is owned then.
     bool Add(SSL* ssl, int netFd, int localFd, std::string peer);
 
-
 private:
     struct Channel;
     void Run();
