@@ -11,6 +11,7 @@
 #include <ctime>
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -33,6 +34,7 @@ using Bytes = std::vector<std::uint8_t>;
 using Step = std::function<void()>;
 
 const TimePoint kStart{std::chrono::seconds{1795342502}};  // 2026-11-22T10:15:02Z
+const Step kTimeOut;  // a step in which nothing happens until the wait's time-out runs out
 constexpr const char* kChallenge = "0A1B2C3D4E5F60718293A4B5C6D7E8F9";
 constexpr const char* kContainerBase64 = "3q2+7w==";  // DE AD BE EF
 constexpr ClientError kTeeError = ClientError::CLIENT_ERROR_ZELK;
@@ -50,6 +52,11 @@ public:
             const Step step = steps.empty() ? onIdle : steps.front();
             if (!steps.empty()) {
                 steps.pop_front();
+            }
+            if (!step) {  // kTimeOut: only the deadline can end this wait
+                EXPECT_TRUE(deadline.has_value()) << "a wait that was to time out has no deadline";
+                now = deadline.value_or(now);
+                continue;
             }
             lock.unlock();
             step();
@@ -71,10 +78,10 @@ public:
     vi_connector::SessionStatus GetSessionStatus() const override { return startStatus; }
     // Tokens succeed with status 1, URLs with status 0.
     vi_connector::TokenResult GetToken(const std::string& id) override {
-        return {id == failingToken ? 0U : 1U, "token-" + id};
+        return {tokenStatus.count(id) != 0 ? tokenStatus[id] : 1U, "token-" + id};
     }
     vi_connector::UrlResult GetInvocationUrl(const std::string& id) override {
-        return {id == failingUrl ? 1U : 0U, "http://backend/" + id};
+        return {urlStatus.count(id) != 0 ? urlStatus[id] : 0U, "http://backend/" + id};
     }
     unsigned int SubscribeTransactionTypeState(
         std::string id, vi_connector::VIServiceControllerCallbackIf* callback,
@@ -95,8 +102,8 @@ public:
     vi_connector::SessionStatus startStatus = vi_connector::SessionStatus::kOk;
     std::uint8_t initialState = 2;
     unsigned int stateSubscriptionResult = 1;
-    std::string failingToken;
-    std::string failingUrl;
+    std::map<std::string, std::uint32_t> tokenStatus;  // by transaction type
+    std::map<std::string, std::uint32_t> urlStatus;
 
 private:
     vi_connector::VIServiceControllerCallbackIf* stateCallback_ = nullptr;
@@ -335,8 +342,10 @@ TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndTerminatio
          [&] { vi->SetConnectionState(4); }, [&] { vi->SetConnectionState(3); },
          [&] { vi->SetConnectionState(1, "TTVI-Kelvane-C003.other"); },
          [&] {
-             sut->MQTTMessageReceivedCb();  // termination comes first
-             sut->ProcessLifecycleAdapterTerminate();
+             for (int push = 0; push < 3; ++push) {
+                 sut->MQTTMessageReceivedCb();  // after two ignored ones, an update is pending
+             }
+             sut->ProcessLifecycleAdapterTerminate();  // and termination comes first
          }});
 
     EXPECT_EQ(log.Count(LogLevel::kInfo, "DLC Update pending! Connection state: 1"), 2U);
@@ -344,43 +353,41 @@ TEST_F(KelvaneClientTest, UpdateAndSubscriptionWaitForTheConnectionAndTerminatio
     EXPECT_EQ(log.Count("MQTT subscribe handling ignored! Connection state: 4"), 1U);
     EXPECT_TRUE(log.Contains("Process timeout set to inf"));
     EXPECT_EQ(log.Count("DLC Update Started"), 1U);
+    EXPECT_EQ(sut->GetUpdateState(), UpdateState::kPending);
     EXPECT_EQ(log.Count("Connection state notification"), 3U);
     EXPECT_LT(log.IndexOf("Handling Kelvane Client Termination Request"),
               log.IndexOf("Kelvane Client Terminated."));
     EXPECT_FALSE(sut->CheckConnectionState());
 }
 
-TEST_F(KelvaneClientTest, FailedClampSubscriptionIsRetriedAfter10sAndReadyIsLoggedAfterEach) {
-    EXPECT_CALL(*clamp, Subscribe()).WillOnce(Return(false)).WillRepeatedly(Return(true));
-
-    Run({[&] { sut->ClampControlConnectionStateChangeCb(true); }, After(9s), After(1s),
-         [&] { sut->ClampControlConnectionStateChangeCb(false); },
-         [&] { sut->ClampControlConnectionStateChangeCb(true); }});
-
-    EXPECT_TRUE(log.Contains("Retrying after 10 seconds..."));
-    EXPECT_TRUE(log.Contains("Process timeout set to: 11s"));
-    EXPECT_TRUE(log.Contains("Process timeout set to: 2s"));  // not yet due after 9 s
-    EXPECT_EQ(log.Count("Subscribing to Clamp Control Service"), 3U);
-    EXPECT_EQ(log.Count("All subscriptions and connections ready"), 2U);
-    EXPECT_EQ(
-        log.Count(LogLevel::kDebug, "Clamp Control Service connection state has changed to 0"), 1U);
-}
-
-TEST_F(KelvaneClientTest, FailedMqttSubscriptionWaitsForARequestARefusedOneAMinuteALostOneNot) {
+TEST_F(KelvaneClientTest, FailedSubscriptionsAreRetriedAtTheirDeadlinesClampAfter10sMqttAfter60s) {
     EXPECT_CALL(*mqtt, Subscribe(MqttInitiationOperationTypeId))
-        .WillOnce(Return(true))
+        .WillOnce(Return(true))  // a failure waits for a request
         .WillRepeatedly(Return(false));
+    EXPECT_CALL(*clamp, Subscribe()).WillOnce(Return(false)).WillRepeatedly(Return(true));
+    const auto connected = [&](bool state) {
+        return [&, state] { sut->ClampControlConnectionStateChangeCb(state); };
+    };
 
-    Run({After(1h), [&] { sut->MQTTSubscribeFailedCb(); }, After(59s), After(500ms),
-         [&] { sut->MQTTResubscribeCb(); }});
+    // Refused at 0 s: MQTT is due at 60 s. The clamp subscription fails at 52 s: due at 62 s.
+    Run({[&] { sut->MQTTSubscribeFailedCb(); }, After(52s), connected(true), kTimeOut, kTimeOut,
+         connected(true), connected(false), connected(true), [&] { sut->MQTTResubscribeCb(); }});
 
     EXPECT_EQ(log.Count(LogLevel::kError, "MQTT Subscription FAILED!"), 1U);
     EXPECT_TRUE(log.Contains("MQTT Subscribtion failed"));
-    EXPECT_TRUE(log.Contains("Process timeout set to: 61s"));
-    EXPECT_TRUE(log.Contains("Process timeout set to: 2s"));  // not yet due after 59 s
-    EXPECT_TRUE(log.Contains("MQTT Re-Subscription request was received"));
+    EXPECT_TRUE(log.Contains("Retrying after 10 seconds..."));
+    long at = 0;
+    for (const char* timeout : {"61s", "9s", "9s", "2s"}) {  // the smaller of the two, then clamp
+        at = log.IndexOf(std::string("Process timeout set to: ") + timeout,
+                         static_cast<std::size_t>(at) + 1);
+        EXPECT_GT(at, 0) << timeout;
+    }
     EXPECT_EQ(log.Count("Handling MQTT subscription request."), 3U);
-    EXPECT_EQ(log.Count("MQTT Subscribed successfully"), 2U);
+    EXPECT_EQ(log.Count("Subscribing to Clamp Control Service"), 3U);  // not when still connected
+    EXPECT_EQ(log.Count("All subscriptions and connections ready"), 3U);
+    EXPECT_EQ(
+        log.Count(LogLevel::kDebug, "Clamp Control Service connection state has changed to 0"), 1U);
+    EXPECT_EQ(clock->now, kStart + 63s);
 }
 
 TEST_F(KelvaneClientTest, RefusalBeforeTheSubscribeCallReturnsLeavesTheClientUnsubscribed) {
@@ -410,6 +417,8 @@ TEST_F(KelvaneClientTest, ClampOnStartsAnUpdateOnlyForAnExpiringCertificateAndNo
         .WillOnce(DoAll(Invoke(triggerAgain), SetArgReferee<2>(kChallenge), Return(true)));
     EXPECT_CALL(*backend, DownloadRequest(_, _, _, _))
         .WillOnce(DoAll(Invoke(triggerAgain), SetArgReferee<3>(kContainerBase64), Return(true)));
+    EXPECT_CALL(*backend,
+                SendStatusFeedback(Field(&RequestParams::tesmoChallenge, kChallenge), _, _));
     const Step clampOn = [&] { sut->ClampStateChangeCb("Clamp15", true); };
 
     Run({[&] { sut->ClampStateChangeCb("Clamp15", false); }, clampOn, clampOn, clampOn});
@@ -427,8 +436,9 @@ TEST_F(KelvaneClientTest, ClampOnStartsAnUpdateOnlyForAnExpiringCertificateAndNo
 }
 
 TEST_F(KelvaneClientTest, TwoMqttPushesAfterAnMqttUpdateThatGotAChallengeAreIgnoredUntilClampOn) {
-    EXPECT_CALL(*mqtt, CheckReceivedUpdate()).WillRepeatedly(Return(true));
-    EXPECT_CALL(*mqtt, GetReceivedMessage()).Times(6).WillRepeatedly(Return("push"));
+    // The first notification finds the store already emptied: nothing to fetch.
+    EXPECT_CALL(*mqtt, CheckReceivedUpdate()).WillOnce(Return(false)).WillRepeatedly(Return(true));
+    EXPECT_CALL(*mqtt, GetReceivedMessage()).Times(5).WillRepeatedly(Return("push"));
     EXPECT_CALL(*backend, ChallengeRequest(_, _, _))
         .Times(5)
         .WillOnce(Return(false))
@@ -520,15 +530,25 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
     };
     const Row rows[] = {
         {{0, 0, 1},
-         [&] { vi->failingToken = ChallengeRequestOperationTypeId; },
+         [&] { vi->tokenStatus[ChallengeRequestOperationTypeId] = 0; },
          {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=0",
           "ChallengeToByteBufferVector Wrong challenge length: '0'",
           "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"}},
+        {{1, 2, 0},
+         [&] { vi->tokenStatus[StatusFeedbackOperationTypeId] = 2; },
+         {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcStatusFeedback', status=2"}},
+        {{0, 0, 1},
+         [&] { vi->urlStatus[ChallengeRequestOperationTypeId] = 2; },
+         {"Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=2"}},
         {{0, 0, 1},
          [&] { challenge(std::string(kChallenge).substr(1)); },
          {"ChallengeToByteBufferVector Wrong challenge length: '31'",
           "SetRequestParameters(): Incorrect Tesmo Challenge!",
           "SetRequestParameters(): Setting the request parameters Failed!"}},
+        {{0, 0, 1},
+         [&] { challenge(std::string(kChallenge) + "0"); },
+         {"ChallengeToByteBufferVector Wrong challenge length: '33'",
+          "SetRequestParameters(): Incorrect Tesmo Challenge!"}},
         {{0, 0, 1},
          [&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); },
          {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
@@ -537,7 +557,7 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
          {"SetRequestParameters(): zelk_get_zelk_vin Failed!",
           "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"}},
         {{0, 2, 1},
-         [&] { vi->failingUrl = DownloadRequestOperationTypeId; },
+         [&] { vi->urlStatus[DownloadRequestOperationTypeId] = 1; },
          {"Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'",
           "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"}},
         {{0, 0, 0},
@@ -548,6 +568,13 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
          [&] { challenge(kChallenge, [&] { vi->SetConnectionState(1); }); },
          {"DLC download request cancelled! Connection state: 1",
           "Status feedback sending cancelled! Connection state: 1"}},
+        {{1, 2, 1},
+         [&] {
+             ON_CALL(*backend, DownloadRequest(_, _, _, _))
+                 .WillByDefault(DoAll(SetArgReferee<3>(""), Return(true)));
+             EXPECT_CALL(*tee, zelk_handle_dlc(_)).Times(0);
+         },
+         {"Error downloading the container!"}},
         {{1, 2, 1},
          [&] {
              ON_CALL(*backend, DownloadRequest(_, _, _, _))

@@ -107,15 +107,18 @@ TEST_F(BackendConnectionTest, EachExchangeSendsItsExactRequestAndTakesTheAnswers
 }
 
 TEST_F(BackendConnectionTest, StatusDecidesSuccessPerExchangeAndAnythingElseIsLogged) {
-    // Status line, challenge and download succeed (with an empty value), feedback result.
-    const std::tuple<std::string, bool, int> rows[] = {{"200 OK", true, 0},
-                                                       {"204 No Content", false, 0},
-                                                       {"201 Created", false, 1},
-                                                       {"300 Multiple Choices", false, 1},
-                                                       {"500 Internal Server Error", false, 1}};
-    for (const auto& [statusLine, ok, feedback] : rows) {
-        SCOPED_TRACE(statusLine);
-        ScriptedTcpServer server(Script().ReceiveRequest().Send(Answer(statusLine, "")));
+    // Status line, body, challenge and download succeed (with an empty value), feedback result.
+    const std::tuple<std::string, std::string, bool, int> rows[] = {
+        {"200 OK", "", true, 0},
+        {"200 OK", "\x12\x03R42", true, 0},  // only a returnCode
+        {"200 OK", "\xff\xff\xff\xff garbage", true, 0},
+        {"204 No Content", "", false, 0},
+        {"201 Created", "", false, 1},
+        {"300 Multiple Choices", "", false, 1},
+        {"500 Internal Server Error", "", false, 1}};
+    for (const auto& [statusLine, body, ok, feedback] : rows) {
+        SCOPED_TRACE(statusLine + body);
+        ScriptedTcpServer server(Script().ReceiveRequest().Send(Answer(statusLine, body)));
         challenge = container = "previous";
         log.Clear();
 
@@ -150,6 +153,20 @@ TEST_F(BackendConnectionTest, MissingAnswerUnreachableBackendAndBadUrlAreFailure
     EXPECT_EQ(connector->calls.size(), connections) << "a URL that cannot be split is not tried";
     EXPECT_EQ(challenge, "previous");
     EXPECT_EQ(container, "previous");
+}
+
+TEST(BackendTextFormsTest, CounterIsFourUpperCaseHexDigitsAndAHashTwoPerByte) {
+    const std::pair<std::uint16_t, const char*> counters[] = {
+        {0, "0000"}, {0x2A, "002A"}, {0xBEEF, "BEEF"}, {65535, "FFFF"}};
+    std::string text = "previous";
+    for (const auto& [counter, expected] : counters) {
+        trainingCounterToString(counter, text);
+        EXPECT_EQ(text, expected);
+    }
+    hashToString({0x00, 0x0A, 0xF0, 0xFF}, text);
+    EXPECT_EQ(text, "000AF0FF");
+    hashToString({}, text);
+    EXPECT_EQ(text, "");
 }
 
 // A backend that resolves types by schema file name finds them only under

@@ -167,7 +167,7 @@ std::uint8_t HttpConnection::Exchange(Method method, HttpProtocol& protocol,
         CSCLogging::Error("HttpConnection: Connection failed!");
         return kConnectFailed;
     }
-    exchangeDeadline_ = std::chrono::steady_clock::now() + kMaxExchangeDuration;
+    exchangeDeadline_ = Now() + kMaxExchangeDuration;
     boundReached_ = false;
     CSCLogging::Info(CSCLogEntry() << "HttpConnection: Connection established to " << targetHost
                                    << ":" << targetPort);
@@ -372,13 +372,13 @@ std::uint8_t HttpConnection::ReceiveResponse(int fd, std::string& response) cons
             return timeoutMs;
         }
         const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(exchangeDeadline_ - Clock::now())
+            std::chrono::duration_cast<std::chrono::milliseconds>(exchangeDeadline_ - Now())
                 .count();
         return static_cast<std::int32_t>(
             std::clamp<long long>(left, 0, static_cast<long long>(timeoutMs)));
     };
     const auto deadlinePassed = [this] {
-        return exchangeDeadline_ != Clock::time_point::max() && Clock::now() >= exchangeDeadline_;
+        return exchangeDeadline_ != Clock::time_point::max() && Now() >= exchangeDeadline_;
     };
     const auto stopAtBound = [this, &response](const CSCLogEntry& what) {
         CSCLogging::Error(CSCLogEntry() << "HttpConnection: " << what.str() << " after "
@@ -431,6 +431,10 @@ std::uint8_t HttpConnection::ReceiveResponse(int fd, std::string& response) cons
 
 void HttpConnection::CloseConnection(int fd) const {
     ::close(fd);
+}
+
+std::chrono::steady_clock::time_point HttpConnection::Now() const {
+    return std::chrono::steady_clock::now();
 }
 
 }  // namespace csa_common

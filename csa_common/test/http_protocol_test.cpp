@@ -44,18 +44,37 @@ TEST(HttpProtocolTest, RequestsCarryTheirHeadersInFixedOrder) {
          &HttpProtocol::POST,
          {{HttpOption::ContentLength, "12"}},
          "POST  HTTP/1.1\r\nContent-Type: text/html\r\nContent-Length: 12\r\n\r\n" + body},
-        {"empty values and options of the wrong kind leave headers out",
+        {"empty values and options of the wrong kind or none leave headers out",
          &HttpProtocol::PUT,
          {{static_cast<HttpOption>(11), "eleven"},
           {HttpOption::Host, nullptr},
           {HttpOption::ContentType, ""},
-          {HttpOption::ContentLength, ""}},
+          {HttpOption::ContentLength, ""},
+          {HttpOption{0}, "zero"},
+          {HttpOption{0}, nullptr}},
          "PUT  HTTP/1.1\r\nExpect: 100-continue\r\n\r\n"},
+        // The values are the interface: callers may pass the number.
+        {"options by their numbers",
+         &HttpProtocol::POST,
+         {{HttpOption{2}, "/2"},
+          {HttpOption{3}, "3"},
+          {HttpOption{4}, "4"},
+          {HttpOption{5}, "5"},
+          {HttpOption{6}, "66"},
+          {HttpOption{7}, "7"},
+          {HttpOption{8}, "8"}},
+         "POST /2 HTTP/1.1\r\nHost: 3\r\nContent-Type: 5\r\nAccept: 8\r\nAuthorization: 7\r\n"
+         "Connection: 4\r\nContent-Length: 66\r\n\r\n" +
+             body},
+        {"inline PUT",
+         &HttpProtocol::PUT,
+         {{HttpOption{1}, nullptr}},
+         "PUT  HTTP/1.1\r\nContent-Type: text/html\r\nContent-Length: 6\r\n\r\n" + body},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         HttpProtocol sut;
-        sut.SetOption(HttpOption::Payload, body);
+        sut.SetOption(HttpOption{9}, body);  // Payload
         for (const auto& [option, value] : c.options) {
             value == nullptr ? sut.SetOption(option) : sut.SetOption(option, value);
         }
@@ -96,7 +115,7 @@ TEST(HttpProtocolTest, ResponseSplitsIntoStatusHeaderAndPayload) {
         EXPECT_EQ(sut.ResponsePayload(), c.payload);
     }
     HttpProtocol skipping;
-    skipping.SetOption(HttpOption::SkipResponsePayload);
+    skipping.SetOption(HttpOption{10});  // SkipResponsePayload
     skipping.ParseResponse("HTTP/1.1 201 Created\r\n\r\nbody");
     EXPECT_EQ(skipping.ResponsePayload(), "");
 }

@@ -54,15 +54,15 @@ std::vector<std::uint8_t> Bytes(const std::string& text) {
 }
 
 TEST_F(MqttConnectionTest, ConnectAcceptsStatus013AndSubscribeOnly03) {
-    for (const std::uint32_t status : {0U, 1U, 2U, 3U}) {
+    for (const std::uint32_t status : {0U, 1U, 2U, 3U, 0xFFFFFFFFU}) {
         SCOPED_TRACE(status);
         EXPECT_CALL(*connector_, PubSubConnect(static_cast<VIPubSubCallbackIf*>(&sut)))
             .WillOnce(Return(status));
         EXPECT_CALL(*connector_, PubSubSubscribe("t", true))
             .WillOnce(Return(vi_connector::SubscribeResult{status, 513}));
 
-        EXPECT_EQ(sut.Connect(), status == 2);
-        EXPECT_EQ(sut.Subscribe("t"), status == 1 || status == 2);
+        EXPECT_EQ(sut.Connect(), status == 2 || status > 3);
+        EXPECT_EQ(sut.Subscribe("t"), status != 0 && status != 3);
     }
     const std::vector<std::string> expected = {
         "MqttConnection: Connected to MQTT-CDP, result=0",
@@ -72,9 +72,12 @@ TEST_F(MqttConnectionTest, ConnectAcceptsStatus013AndSubscribeOnly03) {
         "MqttConnection: Failed to connect to MQTT-CDP, result=2",
         "MqttConnection: Failed to subscribe to topic t, status=2, Request ID:513",
         "MqttConnection: Connected to MQTT-CDP, result=3",
-        "MqttConnection: Subscribed to topic t, status=3"};
+        "MqttConnection: Subscribed to topic t, status=3",
+        // Statuses are logged as signed numbers.
+        "MqttConnection: Failed to connect to MQTT-CDP, result=-1",
+        "MqttConnection: Failed to subscribe to topic t, status=-1, Request ID:513"};
     EXPECT_EQ(log_.Texts(), expected);
-    EXPECT_EQ(log_.Count(LogLevel::kError, "Failed to "), 3U);
+    EXPECT_EQ(log_.Count(LogLevel::kError, "Failed to "), 5U);
 }
 
 TEST_F(MqttConnectionTest, MessagesComeOutInArrivalOrderWithEveryByte) {

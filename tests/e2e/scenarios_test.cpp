@@ -298,7 +298,9 @@ TEST(Scenarios, APushSentWhileStoppedUpdatesOnceAndAStoredOneNever) {
     const auto subscribed = env.ClientLogCount(kSubscribed);
     ASSERT_TRUE(publish("while-stopped", false));
     env.StartClient();
-    ASSERT_TRUE(env.WaitForClientLog(kUpdated, 2));
+    // The kept push may arrive before the key-management services are found:
+    // then the update fails, but it still starts once and reports.
+    ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, 2));
     ASSERT_TRUE(env.WaitForClientLog(kSubscribed, subscribed + 1));
     env.Push();  // after an update made for a push, ignored; it marks the end
     ASSERT_TRUE(env.WaitForClientLog(kReceived, 3));

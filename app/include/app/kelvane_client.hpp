@@ -96,6 +96,8 @@ public:
     /// True when the connection state is NOT good (anything but 2 and 3).
     bool CheckConnectionState() const;
 
+    UpdateState GetUpdateState() const { return updateState_.load(); }
+
     // csa_common::ClampControlHandlerCbIf
     void ClampStateChangeCb(const std::string& clampName, bool state) override;
     void ClampControlConnectionStateChangeCb(bool connected) override;

@@ -76,6 +76,8 @@ public:
     /// or when a bound was reached.
     virtual std::uint8_t ReceiveResponse(int fd, std::string& response) const;
     virtual void CloseConnection(int fd) const;
+    /// The clock that bounds an exchange (steady); tests move their own.
+    virtual std::chrono::steady_clock::time_point Now() const;
 
 private:
     enum class Method { kGet, kPost, kPut };
