@@ -1,5 +1,8 @@
 // Logs through the configured sinks, then exits: log_program APP_ID LEVEL:TEXT...
 //
+// With "--linger" first it stays until a signal ends it, as the long-lived
+// client does, so that a sink's delivery does not hang on its exit flush.
+//
 // With "--journal FILE" first it also stands in for journald. Run it in a mount
 // namespace of its own with an empty /run: it binds the journal's socket, logs
 // with KELVANE_LOG=journal and writes every entry it received to FILE, one
@@ -37,6 +40,11 @@ int main(int argc, char** argv) {
     int first = 2;
     int journal = -1;
     std::string journalFile;
+    const bool linger = argc > 1 && std::string(argv[1]) == "--linger";
+    if (linger) {
+        ++argv;
+        --argc;
+    }
     if (argc > 3 && std::string(argv[1]) == "--journal") {
         journalFile = argv[2];
         journal = BindJournalSocket();
@@ -65,6 +73,9 @@ int main(int argc, char** argv) {
         for (ssize_t size; (size = ::recv(journal, entry, sizeof(entry), 0)) > 0;) {
             out << std::string(entry, static_cast<std::size_t>(size)) << '\n';
         }
+    }
+    while (linger) {
+        ::pause();
     }
     return 0;
 }
