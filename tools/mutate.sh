@@ -40,10 +40,16 @@ done
 work="$root/build-mutate"
 if [[ $list -eq 0 ]]; then
     # A copy of the tracked sources at the same depth as the worktree's build/,
-    # so that ccache finds the objects of an ordinary build.
+    # so that ccache finds the objects of an ordinary build. Only files that
+    # differ are copied (and so rebuilt), a mutant left by a killed run included.
     mkdir -p "$work"
-    (cd "$root" && git ls-files -z --cached --others --exclude-standard |
-        xargs -0 cp -p --parents -t "$work")
+    (cd "$root" && git ls-files -z --cached --others --exclude-standard) |
+        while IFS= read -r -d '' file; do
+            if ! cmp -s "$root/$file" "$work/$file"; then
+                mkdir -p "$work/$(dirname "$file")"
+                cp "$root/$file" "$work/$file"
+            fi
+        done
     launcher=()
     if command -v ccache >/dev/null; then
         launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
@@ -58,7 +64,7 @@ if [[ $list -eq 0 ]]; then
 fi
 
 exec python3 - "$root" "$work" "$seed" "$count" "$timeout" "$only" "$list" <<'PYTHON'
-import hashlib, os, random, re, subprocess, sys, time
+import hashlib, os, random, re, signal, subprocess, sys, time
 
 root, work, seed, count, timeout, only, list_only = sys.argv[1:8]
 seed, timeout, list_only = int(seed), int(timeout), list_only == "1"
@@ -203,6 +209,9 @@ if list_only:
     sys.exit(0)
 
 build = os.path.join(work, "build")
+# A stopped run still puts the mutated file back.
+for stop in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+    signal.signal(stop, lambda number, frame: sys.exit(128 + number))
 results = {"killed": [], "survived": [], "equivalent": [], "invalid": []}
 started = time.time()
 for index, mutant in enumerate(sample, start=1):
