@@ -41,8 +41,13 @@ work="$root/build-mutate"
 if [[ $list -eq 0 ]]; then
     # A copy of the tracked sources at the same depth as the worktree's build/,
     # so that ccache finds the objects of an ordinary build. Only files that
-    # differ are copied (and so rebuilt), a mutant left by a killed run included.
+    # differ are copied (and so rebuilt); the file a killed run had mutated is
+    # rebuilt too.
     mkdir -p "$work"
+    if [[ -f "$work/mutant-in-progress" ]]; then
+        touch "$work/$(cat "$work/mutant-in-progress")"
+        rm "$work/mutant-in-progress"
+    fi
     (cd "$root" && git ls-files -z --cached --others --exclude-standard) |
         while IFS= read -r -d '' file; do
             if ! cmp -s "$root/$file" "$work/$file"; then
@@ -222,7 +227,10 @@ for index, mutant in enumerate(sample, start=1):
     lines = pristine.split("\n")
     assert lines[number - 1] == original, "the copy differs from the worktree: " + path
     lines[number - 1] = mutated
+    marker = os.path.join(work, "mutant-in-progress")
     try:
+        with open(marker, "w") as f:
+            f.write(path)
         with open(target, "w") as f:
             f.write("\n".join(lines))
         built = subprocess.run(["ninja", "-C", build], stdout=subprocess.PIPE,
@@ -241,6 +249,7 @@ for index, mutant in enumerate(sample, start=1):
     finally:
         with open(target, "w") as f:
             f.write(pristine)
+        os.remove(marker)
     results[fate].append(mutant)
     print("[%3d/%d] %-10s %s" % (index, len(sample), fate.upper(), describe(mutant)), flush=True)
 
