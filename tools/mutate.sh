@@ -15,7 +15,7 @@
 # mutated there, so the worktree is never touched. Log lines are not mutated. A
 # failing test is run once more, so that a flaky one does not count as a kill.
 # Survivors listed in tools/mutate-equivalent.txt (by id, with the reason) are
-# equivalent mutants and left out of the score.
+# equivalent or log-only mutants and left out of the score.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -195,9 +195,9 @@ equivalent = {}
 listing = os.path.join(root, "tools", "mutate-equivalent.txt")
 if os.path.exists(listing):
     for entry in open(listing):
-        entry = entry.split("#", 1)
-        if entry[0].strip():
-            equivalent[entry[0].split()[0]] = entry[1].strip() if len(entry) > 1 else ""
+        if entry.strip() and not entry.startswith("#"):
+            key, _, reason = entry.strip().partition(" ")
+            equivalent[key] = reason.strip()
 
 def describe(mutant):
     path, number, operator, original, mutated = mutant
