@@ -7,13 +7,15 @@
 #   tools/mutate.sh                      the default sample: seed 1, 40 mutants
 #   tools/mutate.sh --seed 7 --count 100
 #   tools/mutate.sh --only 'app/src/'    mutants of matching files only
-#   tools/mutate.sh --list               every candidate mutant, nothing built
+#   tools/mutate.sh --list               the sample's mutants, nothing built
+#   tools/mutate.sh --count all          every candidate mutant
 #   tools/mutate.sh --timeout 60         seconds per test (default 60)
 #
 # The sources are copied to build-mutate/ (the build in build-mutate/build) and
-# mutated there, so the worktree is never touched. Log lines are not mutated.
+# mutated there, so the worktree is never touched. Log lines are not mutated. A
+# failing test is run once more, so that a flaky one does not count as a kill.
 # Survivors listed in tools/mutate-equivalent.txt (by id, with the reason) are
-# equivalent mutants and left out of the score.
+# equivalent or log-only mutants and left out of the score.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -38,10 +40,21 @@ done
 work="$root/build-mutate"
 if [[ $list -eq 0 ]]; then
     # A copy of the tracked sources at the same depth as the worktree's build/,
-    # so that ccache finds the objects of an ordinary build.
+    # so that ccache finds the objects of an ordinary build. Only files that
+    # differ are copied (and so rebuilt); the file a killed run had mutated is
+    # rebuilt too.
     mkdir -p "$work"
-    (cd "$root" && git ls-files -z --cached --others --exclude-standard |
-        xargs -0 cp -p --parents -t "$work")
+    if [[ -f "$work/mutant-in-progress" ]]; then
+        touch "$work/$(cat "$work/mutant-in-progress")"
+        rm "$work/mutant-in-progress"
+    fi
+    (cd "$root" && git ls-files -z --cached --others --exclude-standard) |
+        while IFS= read -r -d '' file; do
+            if ! cmp -s "$root/$file" "$work/$file"; then
+                mkdir -p "$work/$(dirname "$file")"
+                cp "$root/$file" "$work/$file"
+            fi
+        done
     launcher=()
     if command -v ccache >/dev/null; then
         launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
@@ -52,14 +65,14 @@ if [[ $list -eq 0 ]]; then
     ninja -C "$work/build" >"$work/build.log" || { tail -20 "$work/build.log"; exit 1; }
     echo "mutate: running the unmutated tests"
     ctest --test-dir "$work/build" -L 'unit|integration' -j2 --timeout "$timeout" \
-        >"$work/ctest.log" 2>&1 || { tail -20 "$work/ctest.log"; echo "mutate: fix the tests first" >&2; exit 1; }
+        --repeat until-pass:2 >"$work/ctest.log" 2>&1 || { tail -20 "$work/ctest.log"; echo "mutate: fix the tests first" >&2; exit 1; }
 fi
 
 exec python3 - "$root" "$work" "$seed" "$count" "$timeout" "$only" "$list" <<'PYTHON'
-import hashlib, os, random, re, subprocess, sys, time
+import hashlib, os, random, re, signal, subprocess, sys, time
 
 root, work, seed, count, timeout, only, list_only = sys.argv[1:8]
-seed, count, timeout, list_only = int(seed), int(count), int(timeout), list_only == "1"
+seed, timeout, list_only = int(seed), int(timeout), list_only == "1"
 
 COMPONENTS = ["app", "backend", "csa_common", "tee", "base64_utils", "ini_file_reader",
               "process_lifecycle_adapter", "signal_handler"]
@@ -67,7 +80,8 @@ COMPONENTS = ["app", "backend", "csa_common", "tee", "base64_utils", "ini_file_r
 def sources():
     for component in COMPONENTS:
         for part in ("src", "include"):
-            for folder, _, files in os.walk(os.path.join(root, component, part)):
+            for folder, folders, files in os.walk(os.path.join(root, component, part)):
+                folders.sort()  # the same sample for a seed on every machine
                 for name in sorted(files):
                     if name.endswith((".cpp", ".hpp")):
                         path = os.path.relpath(os.path.join(folder, name), root)
@@ -125,8 +139,9 @@ def mutants_of(path):
         stripped = text.strip()
         # A call is removed only where a statement starts.
         statement_start, previous = previous[-1:] in ";{}:", stripped or previous
-        starts_log = "CSCLogging::" in text or "CSCLogEntry" in text
-        # Log statements (and their continuation lines) are wording, not behaviour.
+        starts_log = re.search(r"CSCLogging::|CSCLogEntry|\.reserve\(|shrink_to_fit", text)
+        # Log statements (and their continuation lines) are wording, not behaviour;
+        # capacity hints change no result either.
         skip = in_log or starts_log or stripped.startswith("#") or "static_assert" in text
         if starts_log or in_log:
             in_log = not stripped.endswith(";")
@@ -156,10 +171,9 @@ def mutants_of(path):
             new = {0: 1, 1: 0}.get(value, value + 1)
             literal = hex(new) if digits[:2].lower() == "0x" else str(new)
             yield from at(m.start(1), m.group(1), literal, "constant")
-        # Declarations in headers look like calls; a capacity hint or a
-        # logging helper changes no behaviour.
+        # Declarations in headers look like calls; a logging helper only logs.
         call = CALL.match(text) if path.endswith(".cpp") else None
-        if call and re.search(r"Log|\.reserve$", call.group(2)):
+        if call and re.search(r"Log", call.group(2)):
             call = None
         if call and statement_start and call.group(2).split("<")[0] not in NOT_CALLS and "=" not in text.split("(")[0] \
                 and text.count("(") == text.count(")") and " " not in call.group(2):
@@ -181,24 +195,28 @@ equivalent = {}
 listing = os.path.join(root, "tools", "mutate-equivalent.txt")
 if os.path.exists(listing):
     for entry in open(listing):
-        entry = entry.split("#", 1)
-        if entry[0].strip():
-            equivalent[entry[0].split()[0]] = entry[1].strip() if len(entry) > 1 else ""
+        if entry.strip() and not entry.startswith("#"):
+            key, _, reason = entry.strip().partition(" ")
+            equivalent[key] = reason.strip()
 
 def describe(mutant):
     path, number, operator, original, mutated = mutant
     return "%s:%d %s [%s]\n      - %s\n      + %s" % (path, number, operator, ident(mutant),
                                                        original.strip(), mutated.strip())
 
+count = len(candidates) if count == "all" else min(int(count), len(candidates))
+sample = random.Random(seed).sample(candidates, count)
+sample.sort(key=lambda m: (m[0], m[1]))
 if list_only:
-    for mutant in candidates:
+    for mutant in sample:
         print(describe(mutant))
-    print("mutate: %d candidates" % len(candidates))
+    print("mutate: %d of %d candidates" % (len(sample), len(candidates)))
     sys.exit(0)
 
-sample = random.Random(seed).sample(candidates, min(count, len(candidates)))
-sample.sort(key=lambda m: (m[0], m[1]))
 build = os.path.join(work, "build")
+# A stopped run still puts the mutated file back.
+for stop in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+    signal.signal(stop, lambda number, frame: sys.exit(128 + number))
 results = {"killed": [], "survived": [], "equivalent": [], "invalid": []}
 started = time.time()
 for index, mutant in enumerate(sample, start=1):
@@ -209,7 +227,10 @@ for index, mutant in enumerate(sample, start=1):
     lines = pristine.split("\n")
     assert lines[number - 1] == original, "the copy differs from the worktree: " + path
     lines[number - 1] = mutated
+    marker = os.path.join(work, "mutant-in-progress")
     try:
+        with open(marker, "w") as f:
+            f.write(path)
         with open(target, "w") as f:
             f.write("\n".join(lines))
         built = subprocess.run(["ninja", "-C", build], stdout=subprocess.PIPE,
@@ -219,7 +240,7 @@ for index, mutant in enumerate(sample, start=1):
         else:
             tests = subprocess.run(
                 ["ctest", "--test-dir", build, "-L", "unit|integration", "-j2",
-                 "--timeout", str(timeout), "--stop-on-failure"],
+                 "--timeout", str(timeout), "--stop-on-failure", "--repeat", "until-pass:2"],
                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             if tests.returncode != 0:
                 fate = "killed"
@@ -228,9 +249,9 @@ for index, mutant in enumerate(sample, start=1):
     finally:
         with open(target, "w") as f:
             f.write(pristine)
+        os.remove(marker)
     results[fate].append(mutant)
-    print("[%3d/%d] %-10s %s:%d %s" % (index, len(sample), fate.upper(), path, number, operator),
-          flush=True)
+    print("[%3d/%d] %-10s %s" % (index, len(sample), fate.upper(), describe(mutant)), flush=True)
 
 # Leave the build matching the sources again.
 subprocess.run(["ninja", "-C", build], stdout=subprocess.DEVNULL)

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <deque>
 #include <functional>
+#include <future>
 #include <map>
 #include <string>
 #include <tuple>
@@ -460,9 +461,11 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
 
     sut->MQTTSubscribeFailedCb();  // due at start + 60 s
     EXPECT_EQ(sut->CalculateTimeout(), 61);
-    clock->now -= 200'000s;  // due far ahead: capped
+    clock->now -= 99'938s;  // due in 99998 s: the longest time-out
+    EXPECT_EQ(sut->CalculateTimeout(), 99'999);
+    clock->now -= 1s;  // further ahead: none
     EXPECT_EQ(sut->CalculateTimeout(), KelvaneClient::kInfiniteTimeout);
-    clock->now += 200'000s + 59600ms;
+    clock->now += 99'939s + 59600ms;
     EXPECT_EQ(sut->CalculateTimeout(), 1);
     clock->now += 5400ms;
     EXPECT_EQ(sut->CalculateTimeout(), 1);
@@ -476,6 +479,33 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
     vi->SetConnectionState(0);
     sut->MQTTSubscribeFailedCb();  // both pending: the clamp retry, long past, comes first
     EXPECT_EQ(sut->CalculateTimeout(), 1);
+    vi->SetConnectionState(2);
+    sut->MQTTMessageReceivedCb();  // an update to run: at once, but never 0
+    EXPECT_EQ(sut->CalculateTimeout(), 1);
+}
+
+TEST_F(KelvaneClientTest, WithTheRealClockAWaitEndsOnlyAtATriggerOrAtItsDeadline) {
+    sut = std::make_unique<KelvaneClient>(*this, std::make_shared<Clock>());
+
+    auto waiting = std::async(std::launch::async, [&] { sut->WaitForTrigger(5); });
+    ASSERT_TRUE(log.WaitFor("Process timeout set to: 5s", 5s));  // under the trigger's lock
+    EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
+    sut->SendTrigger();
+    EXPECT_EQ(waiting.wait_for(4s), std::future_status::ready) << "woken, not timed out";
+
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool woken = false;
+    std::unique_lock<std::mutex> lock(mutex);
+    std::thread waker([&] {
+        const std::lock_guard<std::mutex> hold(mutex);  // only once the wait has let go
+        woken = true;
+        cv.notify_one();
+    });
+    Clock().Wait(cv, lock, std::nullopt, [&] { return woken; });
+    EXPECT_TRUE(woken);
+    lock.unlock();
+    waker.join();
 }
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
@@ -552,6 +582,9 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
         {{0, 0, 1},
          [&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); },
          {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
+        {{0, 0, 1},
+         [&] { challenge("0A1B2C3D4E5F607182+9A4B5C6D7E8F9"); },  // std::stoi would take it
+         {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '+9'"}},
         {{0, 1, 1},
          [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(kTeeError)); },
          {"SetRequestParameters(): zelk_get_zelk_vin Failed!",

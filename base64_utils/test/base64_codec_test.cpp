@@ -28,6 +28,20 @@ TEST(Base64CodecTest, EncodesWithStandardAlphabetAndPadding) {
     }
 }
 
+TEST(Base64CodecTest, DecodeTableTakesBothAlphabetsSkipsWhiteSpaceAndStopsAtTheRest) {
+    for (int c = 0; c < 256; ++c) {
+        const auto sextet = base64_chars.find(static_cast<char>(c));
+        const bool space = c == '\t' || c == '\n' || c == '\r' || c == ' ';
+        const int expected = c == '-'                      ? 62
+                             : c == '_'                    ? 63
+                             : sextet != std::string::npos ? static_cast<int>(sextet)
+                             : space                       ? 128
+                             : c == '='                    ? 129
+                                                           : 255;
+        EXPECT_EQ(BASE64_TO_BIN_URL_SAFE[c], expected) << c;
+    }
+}
+
 TEST(Base64CodecTest, DecodeReturnsThePositionAfterTheConsumedTextAndTheBytes) {
     // Text, start position, result, bytes.
     const std::tuple<std::string, std::uint64_t, std::int64_t, std::string> rows[] = {

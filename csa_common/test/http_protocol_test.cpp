@@ -85,6 +85,30 @@ TEST(HttpProtocolTest, RequestsCarryTheirHeadersInFixedOrder) {
     }
 }
 
+TEST(HttpProtocolTest, DefaultsForgetEveryOptionAndFlagButNotTheLastExchange) {
+    HttpProtocol sut;
+    for (const auto& [option, value] : kAllHeaders) {
+        sut.SetOption(option, value);
+    }
+    sut.SetOption(HttpOption::ContentLength, "9");
+    sut.SetOption(HttpOption::Payload, "body");
+    sut.SetOption(HttpOption::InlinePutPayload);
+    sut.SetOption(HttpOption::SkipResponsePayload);
+    const std::string request = sut.POST();
+    sut.ParseResponse("HTTP/1.1 201 Created\r\n\r\n");
+
+    sut.SetDefaultValues();
+
+    EXPECT_EQ(sut.RequestHeader() + "body", request);
+    EXPECT_EQ(sut.ResponseStatusCode(), 201);
+    EXPECT_EQ(sut.POST(), "POST  HTTP/1.1\r\nContent-Type: text/html\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(sut.PUT(),
+              "PUT  HTTP/1.1\r\nContent-Type: text/html\r\nExpect: 100-continue\r\n"
+              "Content-Length: 0\r\n\r\n");
+    sut.ParseResponse("HTTP/1.1 200 OK\r\n\r\nkept");
+    EXPECT_EQ(sut.ResponsePayload(), "kept");
+}
+
 TEST(HttpProtocolTest, ResponseSplitsIntoStatusHeaderAndPayload) {
     // Each response follows a 404 on the same object; what a broken one leaves alone stays.
     const struct {

@@ -129,6 +129,7 @@ TEST_F(MqttConnectionTest, RefusalsAndFailedRequestsReachTheOwnerAndEveryNotific
 
     sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::kGranted, 1);
     sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::kRefused, 65535);
+    sut.VISubscribeAcknowledgeReceived("t", VIPubSubCallbackIf::SubscriptionStatus{2}, 2);
     sut.VISubscribeFailed("push", 9);
     sut.VIPublishFailed("out", 10);
     sut.VIUnsubscribeFailed("old", 11);
@@ -139,6 +140,7 @@ TEST_F(MqttConnectionTest, RefusalsAndFailedRequestsReachTheOwnerAndEveryNotific
     const std::vector<std::string> expected = {
         "MqttConnection: Subscribe acknowledged to topic t, status 0 Request ID:1",
         "MqttConnection: Subscribe acknowledged to topic t, status 1 Request ID:65535",
+        "MqttConnection: Subscribe acknowledged to topic t, status 2 Request ID:2",
         "MqttConnection: Subscribe to topic push failed, Request ID:9",
         "MqttConnection: Publish to topic out failed, Request ID:10",
         "MqttConnection: Unsubscribe to topic old failed, Request ID:11",

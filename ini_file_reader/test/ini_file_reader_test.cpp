@@ -50,6 +50,11 @@ TEST(IniFileReaderTest, BadLinesAndAMissingFileAreReportedByNameAndTheRestIsKept
     EXPECT_EQ(sut.Get("t", "a"), longest);
     EXPECT_FALSE(sut.Get("t", "b").has_value());
     EXPECT_EQ(sut.Get("t", "c"), "3");
+    EXPECT_TRUE(sut.Parse("[u]\nd=4\n", "g.ini")) << "a second text replaces the first";
+    EXPECT_EQ(sut.Sections(), (std::vector<std::string>{"u"}));
+    EXPECT_TRUE(sut.Errors().empty());
+    EXPECT_FALSE(sut.Load("/nonexistent/absent.ini"));
+    EXPECT_TRUE(sut.Sections().empty()) << "nor does a file that cannot be read keep them";
     EXPECT_FALSE(missing.Load("/nonexistent/absent.ini"));
     EXPECT_EQ(missing.Errors(),
               (std::vector<std::string>{

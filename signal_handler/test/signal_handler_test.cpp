@@ -7,6 +7,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -61,6 +63,10 @@ TEST(SignalHandlerTest, OneHandlerAtATimeCallsBackOnItsThreadPastAThrowAndRestor
     csc_logging::LogCapture log;
     SignalRecorder first;
     SignalRecorder second;
+    const auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto filesBefore = openFiles();
 
     {
         SignalHandler sut(
@@ -79,6 +85,7 @@ TEST(SignalHandlerTest, OneHandlerAtATimeCallsBackOnItsThreadPastAThrowAndRestor
         }
         EXPECT_FALSE(refused.Installed());
     }
+    EXPECT_EQ(openFiles(), filesBefore) << "both ends of the pipe are closed";
     kill(getpid(), SIGUSR1);
     SignalHandler next(first.Callback(), {SIGUSR1});
     kill(getpid(), SIGUSR1);
@@ -97,6 +104,9 @@ TEST(SignalHandlerTest, BlockedThreadsKeepWaitingWhileTheHandlersThreadTakesTheS
     sigset_t original;
     pthread_sigmask(SIG_SETMASK, nullptr, &original);
     SignalHandler::BlockInCallingThread({SIGUSR2});
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGUSR2), 1);
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     std::atomic<pid_t> waiterTid{0};
