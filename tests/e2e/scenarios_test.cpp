@@ -222,8 +222,11 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
         EXPECT_TRUE(env.WaitForClientLog("MQTT Re-Subscription request was received"));
     }));
     ASSERT_TRUE(env.WaitForClientLog(kSubscribed, subscriptions + 1));
+    const auto feedbacks = env.ClientLogCount("Status feedback sent");
     env.Push();
     ASSERT_TRUE(env.WaitForClientLog(kUpdated, 2, 30s));
+    // The feedback still asks the vehicle for its identity; the restart below is one while idle.
+    ASSERT_TRUE(env.WaitForClientLog("Status feedback sent", feedbacks + 1));
 
     // The key-management service restarts; a 16 MiB message never reaches the client, and
     // after a pushed update the next two pushes are ignored and the third updates.
