@@ -28,6 +28,9 @@ public:
 
     /// Gives the descriptor up without closing it; -1 when there is none.
     int Release() { return std::exchange(fd_, -1); }
+    /// Closes the descriptor now; false when close() fails, which for a file
+    /// written through it may be the first report of a failed write.
+    bool Close() { return ::close(Release()) == 0; }
     /// Closes the descriptor held, if any, and takes `fd`.
     void Reset(int fd = -1) {
         const int old = std::exchange(fd_, fd);
