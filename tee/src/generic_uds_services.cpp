@@ -10,6 +10,7 @@
 #include "csc_logging/csc_logging.hpp"
 #include "service_call.hpp"
 #include "tee/access_status.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace qervo::tee {
 namespace {
@@ -22,24 +23,22 @@ const std::vector<std::uint8_t> kSparePartNumberIdentifier{0xF1, 0x87};
 
 /// The whole file, byte for byte; nothing when it cannot be opened or read.
 std::optional<std::string> ReadWholeFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const unique_fd::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
         return std::nullopt;
     }
     std::string content;
     char buffer[4096];
     for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof(buffer));
+        const ssize_t count = ::read(fd.Get(), buffer, sizeof(buffer));
         if (count > 0) {
             content.append(buffer, static_cast<std::size_t>(count));
         } else if (count == 0) {
             break;
         } else if (errno != EINTR) {
-            ::close(fd);
             return std::nullopt;
         }
     }
-    ::close(fd);
     return content;
 }
 

@@ -33,6 +33,9 @@ void DiagServicesProxy::StopFindService(ara::com::FindServiceHandle handle) {
     ara::com::internal::Runtime::StopFindService(handle);
 }
 
+// On this host a call has completed when its future is returned, and get()
+// throws an ara::com::ComException when the call did not get through.
+// Does not touch the bus; the first call connects.
 DiagServicesProxy::DiagServicesProxy(const HandleType& handle)
     : handle_(handle)
     , remote_(std::make_unique<Remote>(handle, ara::com::internal::DiagServicesDomain())) {}

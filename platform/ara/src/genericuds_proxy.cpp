@@ -29,6 +29,7 @@ void GenericUDSServiceProxy::StopFindService(ara::com::FindServiceHandle handle)
     ara::com::internal::Runtime::StopFindService(handle);
 }
 
+// Does not touch the bus; the first call connects.
 GenericUDSServiceProxy::GenericUDSServiceProxy(const HandleType& handle)
     : handle_(handle)
     , remote_(std::make_unique<Remote>(handle, ara::com::internal::GenericUdsServiceDomain())) {}

@@ -30,6 +30,7 @@ void TypeIdAccessProxy::StopFindService(ara::com::FindServiceHandle handle) {
     ara::com::internal::Runtime::StopFindService(handle);
 }
 
+// Does not touch the bus; the first call connects.
 TypeIdAccessProxy::TypeIdAccessProxy(const HandleType& handle)
     : handle_(handle)
     , remote_(std::make_unique<Remote>(handle, ara::com::internal::TypeIdAccessDomain())) {}

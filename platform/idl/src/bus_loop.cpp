@@ -22,6 +22,7 @@
 
 #include "csc_logging/csc_logging.hpp"
 #include "idl/bus_connection.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace idl {
 
@@ -62,17 +63,15 @@ bool MayBeReachable(const std::string& address) {
     if (path.empty()) {
         return true;
     }
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    const unique_fd::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
         return true;
     }
     sockaddr_un socketAddress{};
     socketAddress.sun_family = AF_UNIX;
     std::strncpy(socketAddress.sun_path, path.c_str(), sizeof(socketAddress.sun_path) - 1);
-    const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&socketAddress),
-                                    sizeof(socketAddress)) == 0;
-    ::close(fd);
-    return accepted;
+    return ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&socketAddress),
+                     sizeof(socketAddress)) == 0;
 }
 
 }  // namespace
@@ -83,7 +82,7 @@ struct BusLoop::State {
     Callbacks callbacks;
     std::chrono::milliseconds firstRetry;
     std::chrono::milliseconds lastRetry;
-    int wakeFd = -1;
+    unique_fd::UniqueFd wakeFd;
 
     std::mutex mutex;
     std::deque<Task> tasks;
@@ -96,11 +95,11 @@ struct BusLoop::State {
     void Wake() const {
         const std::uint64_t one = 1;
         // A full counter already guarantees a wake-up, so a failed write needs no handling.
-        [[maybe_unused]] const auto written = ::write(wakeFd, &one, sizeof(one));
+        [[maybe_unused]] const auto written = ::write(wakeFd.Get(), &one, sizeof(one));
     }
     void DrainWake() const {
         std::uint64_t count = 0;
-        [[maybe_unused]] const auto read = ::read(wakeFd, &count, sizeof(count));
+        [[maybe_unused]] const auto read = ::read(wakeFd.Get(), &count, sizeof(count));
     }
 };
 
@@ -112,18 +111,15 @@ BusLoop::BusLoop(std::string name, std::string address, Callbacks callbacks,
     state_->callbacks = std::move(callbacks);
     state_->firstRetry = std::max(firstRetry, std::chrono::milliseconds(1));
     state_->lastRetry = std::max(lastRetry, state_->firstRetry);
-    state_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (state_->wakeFd < 0) {
+    state_->wakeFd.Reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!state_->wakeFd) {
         throw std::system_error(errno, std::generic_category(), "BusLoop: eventfd");
     }
 }
 
+// A detached thread (Stop() called on it) still holds the state, and the fd with it.
 BusLoop::~BusLoop() {
     Stop();
-    // A detached thread (Stop() called on it) still holds the state and closes the fd.
-    if (state_.use_count() == 1) {
-        ::close(state_->wakeFd);
-    }
 }
 
 void BusLoop::Start() {
@@ -303,7 +299,7 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
         }
 
         if (!connection) {
-            pollfd wake{state->wakeFd, POLLIN, 0};
+            pollfd wake{state->wakeFd.Get(), POLLIN, 0};
             ::poll(&wake, 1, static_cast<int>(retryDelay.count()));
             state->DrainWake();
             retryDelay = std::min(retryDelay * 2, state->lastRetry);
@@ -317,7 +313,7 @@ void BusLoop::Run(const std::shared_ptr<State>& state) {
                 runTasks();
             }
             const auto pollData = connection->getEventLoopPollData();
-            pollfd fds[2] = {{pollData.fd, pollData.events, 0}, {state->wakeFd, POLLIN, 0}};
+            pollfd fds[2] = {{pollData.fd, pollData.events, 0}, {state->wakeFd.Get(), POLLIN, 0}};
             const int ready = ::poll(fds, 2, pollData.getPollTimeout());
             if (ready < 0 && errno != EINTR) {
                 throw sdbus::Error("org.freedesktop.DBus.Error.Failed", "poll failed");

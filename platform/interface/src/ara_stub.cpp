@@ -45,6 +45,7 @@ ara::core::Future<T> NoService() {
         return {};                                                                                \
     }                                                                                             \
     void Proxy::StopFindService(ara::com::FindServiceHandle) {}                                   \
+    class Proxy::Remote {};                                                                       \
     Proxy::Proxy(const HandleType& handle) : handle_(handle) {}                                   \
     Proxy::~Proxy() = default;
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "csc_logging/story_line.hpp"
+#include "unique_fd/unique_fd.hpp"
 #include "utc_time.hpp"
 
 namespace ara::exec {
@@ -31,14 +32,14 @@ bool SendWithoutWaiting(const std::string& message) {
     if (path[0] == '@') {
         address.sun_path[0] = '\0';
     }
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    const unique_fd::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
         return false;
     }
-    const auto sent = ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr*>(&address),
-                               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
-    ::close(fd);
+    const auto sent =
+        ::sendto(fd.Get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&address),
+                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
     return sent == static_cast<ssize_t>(message.size());
 }
 

@@ -25,6 +25,8 @@
 namespace vi_connector {
 namespace {
 
+using unique_fd::UniqueFd;
+
 using Clock = std::chrono::steady_clock;
 
 // Each direction holds at most this much in flight (and the gate a packet's start).
@@ -41,13 +43,6 @@ std::int64_t NowMs() {
 struct AddrInfoDeleter {
     void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
 };
-
-void CloseFd(int& fd) {
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
-    }
-}
 
 }  // namespace
 
@@ -71,28 +66,26 @@ std::unique_ptr<BrokerRelay> BrokerRelay::Listen(std::string& error) {
     }
     std::memcpy(address.sun_path, relay->socketPath_.c_str(), relay->socketPath_.size() + 1);
     int wake[2];
-    relay->listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (relay->listenFd_ < 0 ||
-        ::bind(relay->listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(relay->listenFd_, 4) != 0 || ::pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+    relay->listenFd_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!relay->listenFd_ ||
+        ::bind(relay->listenFd_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) !=
+            0 ||
+        ::listen(relay->listenFd_.Get(), 4) != 0 || ::pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) {
         error = "cannot listen on " + relay->socketPath_ + ": " + std::strerror(errno);
         return nullptr;
     }
-    relay->wakeRead_ = wake[0];
-    relay->wakeWrite_ = wake[1];
+    relay->wakeRead_.Reset(wake[0]);
+    relay->wakeWrite_.Reset(wake[1]);
     return relay;
 }
 
 BrokerRelay::~BrokerRelay() {
     Stop();
     RemoveSocket();
-    for (int* fd : {&clientFd_, &brokerFd_, &wakeRead_, &wakeWrite_}) {
-        CloseFd(*fd);
-    }
 }
 
 void BrokerRelay::RemoveSocket() {
-    CloseFd(listenFd_);
+    listenFd_.Reset();
     if (!directory_.empty()) {
         ::unlink(socketPath_.c_str());
         ::rmdir(directory_.c_str());
@@ -103,22 +96,20 @@ void BrokerRelay::RemoveSocket() {
 bool BrokerRelay::Start(const std::string& host, std::uint16_t port, std::shared_ptr<SSL_CTX> tls,
                         int connectTimeoutMs, std::string& error) {
     const std::int64_t acceptBy = NowMs() + kAcceptTimeoutMs;
-    while (clientFd_ < 0) {
+    while (!clientFd_) {
         const auto left = acceptBy - NowMs();
-        if (left <= 0 || WaitFor(listenFd_, POLLIN, static_cast<int>(left)) != 1) {
+        if (left <= 0 || WaitFor(listenFd_.Get(), POLLIN, static_cast<int>(left)) != 1) {
             error = "libmosquitto did not connect to " + socketPath_;
             RemoveSocket();
             return false;
         }
-        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        UniqueFd fd(::accept4(listenFd_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         ucred peer{};
         socklen_t length = sizeof(peer);
-        if (fd >= 0 && ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+        if (fd && ::getsockopt(fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
             peer.pid == ::getpid()) {
-            clientFd_ = fd;
-        } else if (fd >= 0) {
-            ::close(fd);  // not ours
-        }
+            clientFd_ = std::move(fd);
+        }  // else not ours: closed
     }
     RemoveSocket();
     host_ = host;
@@ -132,7 +123,7 @@ bool BrokerRelay::Start(const std::string& host, std::uint16_t port, std::shared
 void BrokerRelay::Stop() {
     if (thread_.joinable()) {
         const char stop = 's';
-        [[maybe_unused]] const ssize_t ignored = ::write(wakeWrite_, &stop, 1);
+        [[maybe_unused]] const ssize_t ignored = ::write(wakeWrite_.Get(), &stop, 1);
         thread_.join();
     }
 }
@@ -146,7 +137,7 @@ bool BrokerRelay::Fail(const std::string& problem) {
 
 int BrokerRelay::WaitFor(int fd, short events, int timeoutMs) const {
     for (;;) {
-        pollfd entries[2] = {{wakeRead_, POLLIN, 0}, {fd, events, 0}};
+        pollfd entries[2] = {{wakeRead_.Get(), POLLIN, 0}, {fd, events, 0}};
         const int ready = ::poll(entries, 2, timeoutMs);
         if (ready < 0 && errno == EINTR) {
             continue;
@@ -164,15 +155,13 @@ void BrokerRelay::Run() {
         Pump();
     }
     disconnect_ = gate_.BrokerDisconnect();
-    auto* ssl = static_cast<SSL*>(ssl_);
-    if (ssl != nullptr) {
-        SSL_shutdown(ssl);  // close_notify, best effort
-        SSL_free(ssl);
-        ssl_ = nullptr;
+    if (ssl_) {
+        SSL_shutdown(ssl_.get());  // close_notify, best effort
+        ssl_.reset();
     }
     // libmosquitto sees the end of its connection now, after the reason is known.
-    CloseFd(brokerFd_);
-    CloseFd(clientFd_);
+    brokerFd_.Reset();
+    clientFd_.Reset();
 }
 
 bool BrokerRelay::ConnectToBroker() {
@@ -189,48 +178,50 @@ bool BrokerRelay::ConnectToBroker() {
     const std::unique_ptr<addrinfo, AddrInfoDeleter> addresses(found);
     int lastError = ETIMEDOUT;
     for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
-        brokerFd_ =
-            ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                     address->ai_protocol);
-        if (brokerFd_ < 0) {
+        brokerFd_.Reset(::socket(address->ai_family,
+                                 address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                                 address->ai_protocol));
+        if (!brokerFd_) {
             lastError = errno;
             continue;
         }
         lastError = 0;
-        if (::connect(brokerFd_, address->ai_addr, address->ai_addrlen) != 0) {
+        if (::connect(brokerFd_.Get(), address->ai_addr, address->ai_addrlen) != 0) {
             lastError = errno;
         }
         if (lastError == EINPROGRESS) {
             const auto left = deadlineMs_ - NowMs();
-            const int ready = left > 0 ? WaitFor(brokerFd_, POLLOUT, static_cast<int>(left)) : 0;
+            const int ready =
+                left > 0 ? WaitFor(brokerFd_.Get(), POLLOUT, static_cast<int>(left)) : 0;
             if (ready < 0) {
                 return Fail("stopped");
             }
             socklen_t length = sizeof(lastError);
             if (ready == 0) {
                 lastError = ETIMEDOUT;
-            } else if (::getsockopt(brokerFd_, SOL_SOCKET, SO_ERROR, &lastError, &length) != 0) {
+            } else if (::getsockopt(brokerFd_.Get(), SOL_SOCKET, SO_ERROR, &lastError, &length) !=
+                       0) {
                 lastError = errno;
             }
         }
         if (lastError == 0) {
             // MQTT packets are small and each may wait for an answer.
             const int noDelay = 1;
-            ::setsockopt(brokerFd_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
+            ::setsockopt(brokerFd_.Get(), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
             return true;
         }
-        CloseFd(brokerFd_);
+        brokerFd_.Reset();
     }
     return Fail(std::strerror(lastError));
 }
 
 bool BrokerRelay::Handshake() {
-    SSL* ssl = SSL_new(tls_.get());
-    if (ssl == nullptr) {
+    ssl_.reset(SSL_new(tls_.get()));
+    if (!ssl_) {
         return Fail("TLS: " + OpenSslError("connection closed"));
     }
-    ssl_ = ssl;
-    SSL_set_fd(ssl, brokerFd_);
+    SSL* ssl = ssl_.get();
+    SSL_set_fd(ssl, brokerFd_.Get());
     if (IsAddressLiteral(host_)) {
         X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host_.c_str());
     } else {
@@ -248,7 +239,7 @@ bool BrokerRelay::Handshake() {
         if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
             const auto left = deadlineMs_ - NowMs();
             const int ready =
-                left > 0 ? WaitFor(brokerFd_, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT,
+                left > 0 ? WaitFor(brokerFd_.Get(), error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT,
                                    static_cast<int>(left))
                          : 0;
             if (ready < 0) {
@@ -269,7 +260,7 @@ bool BrokerRelay::Handshake() {
 }
 
 void BrokerRelay::Pump() {
-    auto* ssl = static_cast<SSL*>(ssl_);
+    SSL* ssl = ssl_.get();
     std::string toBroker;
     std::string toClient;
     bool clientEnded = false;
@@ -282,7 +273,7 @@ void BrokerRelay::Pump() {
     // Bytes moved from the broker: > 0, 0 when none are ready, -1 at the end.
     const auto fromBroker = [&](std::size_t room) -> long {
         if (ssl == nullptr) {
-            const ssize_t got = ::recv(brokerFd_, chunk, room, 0);
+            const ssize_t got = ::recv(brokerFd_.Get(), chunk, room, 0);
             if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
                 return 0;
             }
@@ -308,7 +299,8 @@ void BrokerRelay::Pump() {
     };
     const auto toBrokerSent = [&]() -> long {
         if (ssl == nullptr) {
-            const ssize_t put = ::send(brokerFd_, toBroker.data(), toBroker.size(), MSG_NOSIGNAL);
+            const ssize_t put =
+                ::send(brokerFd_.Get(), toBroker.data(), toBroker.size(), MSG_NOSIGNAL);
             if (put < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
                 return 0;
             }
@@ -332,7 +324,7 @@ void BrokerRelay::Pump() {
         bool moved = false;
         brokerWantsWrite = false;
         if (!clientEnded && toBroker.size() < kBufferBytes) {
-            const ssize_t got = ::recv(clientFd_, chunk, kBufferBytes - toBroker.size(), 0);
+            const ssize_t got = ::recv(clientFd_.Get(), chunk, kBufferBytes - toBroker.size(), 0);
             if (got > 0) {
                 gate_.FromClient(chunk, static_cast<std::size_t>(got), toBroker);
                 moved = true;
@@ -370,7 +362,8 @@ void BrokerRelay::Pump() {
             }
         }
         while (!toClient.empty() && !clientEnded) {
-            const ssize_t put = ::send(clientFd_, toClient.data(), toClient.size(), MSG_NOSIGNAL);
+            const ssize_t put =
+                ::send(clientFd_.Get(), toClient.data(), toClient.size(), MSG_NOSIGNAL);
             if (put > 0) {
                 toClient.erase(0, static_cast<std::size_t>(put));
                 moved = true;
@@ -394,7 +387,8 @@ void BrokerRelay::Pump() {
         if (moved || stopping) {
             continue;
         }
-        pollfd entries[3] = {{wakeRead_, POLLIN, 0}, {clientFd_, 0, 0}, {brokerFd_, 0, 0}};
+        pollfd entries[3] = {
+            {wakeRead_.Get(), POLLIN, 0}, {clientFd_.Get(), 0, 0}, {brokerFd_.Get(), 0, 0}};
         if (!clientEnded && toBroker.size() < kBufferBytes) {
             entries[1].events |= POLLIN;
         }

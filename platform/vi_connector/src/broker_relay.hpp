@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "mqtt_packet_gate.hpp"
-
-using SSL_CTX = struct ssl_ctx_st;
+#include "openssl_handles.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace vi_connector {
 
@@ -63,17 +63,17 @@ private:
 
     std::string directory_;
     std::string socketPath_;
-    int listenFd_ = -1;
-    int clientFd_ = -1;
-    int brokerFd_ = -1;
-    int wakeRead_ = -1;
-    int wakeWrite_ = -1;
+    unique_fd::UniqueFd listenFd_;
+    unique_fd::UniqueFd clientFd_;
+    unique_fd::UniqueFd brokerFd_;
+    unique_fd::UniqueFd wakeRead_;
+    unique_fd::UniqueFd wakeWrite_;
 
     // Set by Start(), then only the thread touches them until Stop() joined it.
     std::string host_;
     std::uint16_t port_ = 0;
     std::shared_ptr<SSL_CTX> tls_;
-    void* ssl_ = nullptr;  // SSL, once the handshake began
+    SslPtr ssl_;  // once the handshake began
     std::int64_t deadlineMs_ = 0;
     MqttPacketGate gate_;
     std::string failure_;

@@ -7,7 +7,6 @@
 #include "tls_policy.hpp"
 
 namespace vi_connector {
-namespace {}  // namespace
 
 std::shared_ptr<SSL_CTX> MakeBrokerTlsContext(const MqttSettings& settings, std::string& error) {
     if (settings.tlsCaFile.empty()) {

@@ -19,6 +19,8 @@
 namespace vi_connector {
 namespace {
 
+using unique_fd::UniqueFd;
+
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kBufferBytes = 32 * 1024;
@@ -40,17 +42,13 @@ int RemainingMs(Clock::time_point deadline) {
     return static_cast<int>(std::min<long long>(ms, INT_MAX));
 }
 
-int OpenRouteSocket(std::uint32_t groups) {
-    const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
-    if (fd < 0) {
-        return -1;
-    }
+UniqueFd OpenRouteSocket(std::uint32_t groups) {
+    UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     local.nl_groups = groups;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
-        ::close(fd);
-        return -1;
+    if (fd && ::bind(fd.Get(), reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
+        fd.Reset();
     }
     return fd;
 }
@@ -109,30 +107,21 @@ std::string AddressText(int family, const void* bytes) {
 NetlinkRouteSource::NetlinkRouteSource() : buffer_(kBufferBytes) {
     events_ = OpenRouteSocket(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
                               RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE);
-    queries_ = events_ < 0 ? -1 : OpenRouteSocket(0);
-    if (queries_ < 0) {
+    if (events_) {
+        queries_ = OpenRouteSocket(0);
+    }
+    if (!queries_) {
         csc_logging::CSCLogging::Warning(
             std::string("VIConnector: cannot watch the kernel's routes (netlink: ") +
             std::strerror(errno) + "); the backend's reachability is probed alone");
-        if (events_ >= 0) {
-            ::close(events_);
-            events_ = -1;
-        }
-    }
-}
-
-NetlinkRouteSource::~NetlinkRouteSource() {
-    for (const int fd : {events_, queries_}) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
+        events_.Reset();
     }
 }
 
 RouteSourceIf::Wakeup NetlinkRouteSource::Wait(Clock::time_point deadline, int wakeFd) {
     for (;;) {
-        pollfd fds[2] = {{wakeFd, POLLIN, 0}, {events_, POLLIN, 0}};
-        const int ready = ::poll(fds, events_ >= 0 ? 2 : 1, RemainingMs(deadline));
+        pollfd fds[2] = {{wakeFd, POLLIN, 0}, {events_.Get(), POLLIN, 0}};
+        const int ready = ::poll(fds, events_ ? 2 : 1, RemainingMs(deadline));
         if (ready < 0 && errno == EINTR) {
             continue;
         }
@@ -157,7 +146,7 @@ bool NetlinkRouteSource::DrainEvents() {
     bool changed = false;
     for (;;) {
         int error = 0;
-        const ssize_t got = ReceiveFromKernel(events_, buffer_, error);
+        const ssize_t got = ReceiveFromKernel(events_.Get(), buffer_, error);
         if (got < 0) {
             // Events were lost while we were busy: anything may have changed.
             if (error == ENOBUFS) {
@@ -188,14 +177,14 @@ bool NetlinkRouteSource::DrainEvents() {
 std::vector<char> NetlinkRouteSource::Ask(const void* request, std::size_t size) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    if (::sendto(queries_, request, size, 0, reinterpret_cast<sockaddr*>(&kernel),
+    if (::sendto(queries_.Get(), request, size, 0, reinterpret_cast<sockaddr*>(&kernel),
                  sizeof(kernel)) != static_cast<ssize_t>(size)) {
         return {};
     }
     const std::uint32_t sequence = reinterpret_cast<const nlmsghdr*>(request)->nlmsg_seq;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerLimitMs);
     for (;;) {
-        pollfd entry{queries_, POLLIN, 0};
+        pollfd entry{queries_.Get(), POLLIN, 0};
         const int ready = ::poll(&entry, 1, RemainingMs(deadline));
         if (ready < 0 && errno == EINTR) {
             continue;
@@ -204,7 +193,7 @@ std::vector<char> NetlinkRouteSource::Ask(const void* request, std::size_t size)
             return {};
         }
         int error = 0;
-        const ssize_t got = ReceiveFromKernel(queries_, buffer_, error);
+        const ssize_t got = ReceiveFromKernel(queries_.Get(), buffer_, error);
         if (got < 0) {
             if (error == EAGAIN || error == EWOULDBLOCK) {
                 continue;
@@ -261,7 +250,7 @@ std::string NetlinkRouteSource::LinkIfUp(int index) {
 }
 
 std::string NetlinkRouteSource::RouteTo(const std::string& address) {
-    if (queries_ < 0) {
+    if (!queries_) {
         return kStandInRoute;
     }
     unsigned char bytes[16];

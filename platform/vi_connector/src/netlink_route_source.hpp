@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "route_source_if.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace vi_connector {
 
@@ -19,7 +20,6 @@ namespace vi_connector {
 class NetlinkRouteSource final : public RouteSourceIf {
 public:
     NetlinkRouteSource();
-    ~NetlinkRouteSource() override;
     NetlinkRouteSource(const NetlinkRouteSource&) = delete;
     NetlinkRouteSource& operator=(const NetlinkRouteSource&) = delete;
 
@@ -33,8 +33,8 @@ private:
     std::string LinkIfUp(int index);
     bool DrainEvents();
 
-    int events_ = -1;
-    int queries_ = -1;
+    unique_fd::UniqueFd events_;
+    unique_fd::UniqueFd queries_;
     std::uint32_t sequence_ = 0;
     std::vector<char> buffer_;
 };

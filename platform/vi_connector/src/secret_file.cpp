@@ -8,42 +8,27 @@
 #include <cerrno>
 #include <cstring>
 
+#include "unique_fd/unique_fd.hpp"
+
 namespace vi_connector {
 namespace {
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using unique_fd::UniqueFd;
 
 // Opens `path` and checks the file behind the descriptor against the rule, so
-// that what is checked is what is read. -1 and `error` when it breaks the rule.
-int OpenSecret(const std::string& path, struct stat& status, std::string& error) {
+// that what is checked is what is read. None and `error` when it breaks the rule.
+UniqueFd OpenSecret(const std::string& path, struct stat& status, std::string& error) {
     // O_NONBLOCK: a FIFO planted in place of the file must not hang the caller.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     const auto broken = [&](const std::string& problem) {
         error = "'" + path + "' " + problem;
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        return -1;
+        return UniqueFd();
     };
-    if (fd < 0) {
+    if (!fd) {
         return broken("cannot be opened: " + (errno == ELOOP ? std::string("it is a symbolic link")
                                                              : std::strerror(errno)));
     }
-    if (::fstat(fd, &status) != 0) {
+    if (::fstat(fd.Get(), &status) != 0) {
         return broken(std::string("cannot be examined: ") + std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
@@ -68,8 +53,8 @@ int OpenSecret(const std::string& path, struct stat& status, std::string& error)
 std::optional<std::string> ReadSecretFile(const std::string& path, std::size_t maxBytes,
                                           std::string& error) {
     struct stat status {};
-    const Descriptor fd(OpenSecret(path, status, error));
-    if (fd.get() < 0) {
+    const UniqueFd fd = OpenSecret(path, status, error);
+    if (!fd) {
         return std::nullopt;
     }
     if (static_cast<std::size_t>(status.st_size) > maxBytes) {
@@ -79,7 +64,7 @@ std::optional<std::string> ReadSecretFile(const std::string& path, std::size_t m
     std::string content(maxBytes + 1, '\0');
     std::size_t used = 0;
     while (used < content.size()) {
-        const ssize_t count = ::read(fd.get(), &content[used], content.size() - used);
+        const ssize_t count = ::read(fd.Get(), &content[used], content.size() - used);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -105,7 +90,7 @@ std::optional<std::string> ReadSecretFile(const std::string& path, std::size_t m
 
 bool CheckSecretFile(const std::string& path, std::string& error) {
     struct stat status {};
-    return Descriptor(OpenSecret(path, status, error)).get() >= 0;
+    return static_cast<bool>(OpenSecret(path, status, error));
 }
 
 }  // namespace vi_connector

@@ -131,18 +131,17 @@ bool TcpReachable(const std::string& host, std::uint16_t port, int timeoutMs, in
         if (Cancelled(cancelFd)) {
             break;
         }
-        const int fd =
-            ::socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                     address->ai_protocol);
-        if (fd < 0) {
+        const unique_fd::UniqueFd fd(::socket(address->ai_family,
+                                              address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                                              address->ai_protocol));
+        if (!fd) {
             continue;
         }
-        if (::connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
+        if (::connect(fd.Get(), address->ai_addr, address->ai_addrlen) == 0) {
             reachable = true;
         } else if (errno == EINPROGRESS) {
-            reachable = ConnectFinished(fd, timeoutMs, cancelFd);
+            reachable = ConnectFinished(fd.Get(), timeoutMs, cancelFd);
         }
-        ::close(fd);
     }
     ::freeaddrinfo(addresses);
     return reachable;
@@ -159,16 +158,10 @@ ServiceStateMonitor::ServiceStateMonitor(Probe probe, std::string host,
     , schedule_(schedule)
     , now_(std::move(now))
     , random_(std::random_device{}()) {
-    cancelFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (cancelFd_ < 0 || wakeFd_ < 0) {
-        const int error = errno;
-        for (const int fd : {cancelFd_, wakeFd_}) {
-            if (fd >= 0) {
-                ::close(fd);
-            }
-        }
-        throw std::system_error(error, std::generic_category(), "ServiceStateMonitor: eventfd");
+    cancelFd_.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    wakeFd_.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!cancelFd_ || !wakeFd_) {
+        throw std::system_error(errno, std::generic_category(), "ServiceStateMonitor: eventfd");
     }
     thread_ = std::thread([this] { Run(); });
 }
@@ -176,14 +169,9 @@ ServiceStateMonitor::ServiceStateMonitor(Probe probe, std::string host,
 ServiceStateMonitor::~ServiceStateMonitor() {
     if (thread_.joinable()) {
         stopping_ = true;
-        Signal(cancelFd_);
-        Signal(wakeFd_);
+        Signal(cancelFd_.Get());
+        Signal(wakeFd_.Get());
         thread_.join();
-    }
-    for (const int fd : {cancelFd_, wakeFd_}) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
     }
 }
 
@@ -240,7 +228,7 @@ void ServiceStateMonitor::Subscribe(const std::string& transactionTypeId,
 void ServiceStateMonitor::ConnectionFailed() {
     if (thread_.joinable()) {
         connectionFailed_ = true;
-        Signal(wakeFd_);
+        Signal(wakeFd_.Get());
     }
 }
 
@@ -331,7 +319,7 @@ void ServiceStateMonitor::Run() {
             }
         }
         if (probeDue && now >= *probeDue) {
-            const bool reachable = probe_(cancelFd_);
+            const bool reachable = probe_(cancelFd_.Get());
             if (stopping_) {
                 return;  // a probe cut short says nothing about the backend
             }
@@ -353,7 +341,7 @@ void ServiceStateMonitor::Run() {
                 deadline = std::min(deadline, *due);
             }
         }
-        switch (routes_->Wait(deadline, wakeFd_)) {
+        switch (routes_->Wait(deadline, wakeFd_.Get())) {
             case RouteSourceIf::Wakeup::kChange:
                 if (!viewDue) {
                     viewDue = now_() + kSettle;
@@ -361,7 +349,7 @@ void ServiceStateMonitor::Run() {
                 break;
             case RouteSourceIf::Wakeup::kWoken: {
                 std::uint64_t count = 0;
-                [[maybe_unused]] const auto read = ::read(wakeFd_, &count, sizeof(count));
+                [[maybe_unused]] const auto read = ::read(wakeFd_.Get(), &count, sizeof(count));
                 break;
             }
             case RouteSourceIf::Wakeup::kDeadline:

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "route_source_if.hpp"
+#include "unique_fd/unique_fd.hpp"
 #include "vi_connector/vi_service_controller_callback_if.hpp"
 
 namespace vi_connector {
@@ -95,8 +96,8 @@ private:
     std::function<Clock::time_point()> now_;
     std::vector<std::string> addresses_;  // of host_, the monitor thread's
     std::mt19937 random_;
-    int cancelFd_ = -1;
-    int wakeFd_ = -1;
+    unique_fd::UniqueFd cancelFd_;
+    unique_fd::UniqueFd wakeFd_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> connectionFailed_{false};
     std::thread thread_;

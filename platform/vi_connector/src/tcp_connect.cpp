@@ -10,8 +10,10 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "csc_logging/csc_logging.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace vi_connector {
 namespace {
@@ -34,28 +36,28 @@ int RemainingMs(Clock::time_point deadline) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-// 0 and the connected descriptor, or an errno value and -1.
-int ConnectOne(const addrinfo& address, Clock::time_point deadline, int& fdOut) {
-    fdOut = -1;
-    const int fd = ::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                            address.ai_protocol);
-    if (fd < 0) {
+// 0 and the connected descriptor, or an errno value and none.
+int ConnectOne(const addrinfo& address, Clock::time_point deadline, unique_fd::UniqueFd& fdOut) {
+    unique_fd::UniqueFd fd(::socket(address.ai_family,
+                                    address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                                    address.ai_protocol));
+    if (!fd) {
         return errno;
     }
     int error = 0;
-    if (::connect(fd, address.ai_addr, address.ai_addrlen) != 0) {
+    if (::connect(fd.Get(), address.ai_addr, address.ai_addrlen) != 0) {
         error = errno;
         if (error == EINPROGRESS) {
             error = ETIMEDOUT;
             for (;;) {
-                pollfd entry{fd, POLLOUT, 0};
+                pollfd entry{fd.Get(), POLLOUT, 0};
                 const int ready = ::poll(&entry, 1, RemainingMs(deadline));
                 if (ready < 0 && errno == EINTR) {
                     continue;
                 }
                 if (ready > 0) {
                     socklen_t length = sizeof(error);
-                    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+                    if (::getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
                         error = errno;
                     }
                 } else if (ready < 0) {
@@ -67,17 +69,15 @@ int ConnectOne(const addrinfo& address, Clock::time_point deadline, int& fdOut) 
     }
     // Callers expect an ordinary blocking descriptor.
     if (error == 0) {
-        const int flags = ::fcntl(fd, F_GETFL);
-        if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        const int flags = ::fcntl(fd.Get(), F_GETFL);
+        if (flags < 0 || ::fcntl(fd.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
             error = errno;
         }
     }
-    if (error != 0) {
-        ::close(fd);
-        return error;
+    if (error == 0) {
+        fdOut = std::move(fd);
     }
-    fdOut = fd;
-    return 0;
+    return error;
 }
 
 }  // namespace
@@ -106,10 +106,10 @@ SocketResult TcpConnect(const std::string& host, std::uint16_t port, int timeout
             lastError = ETIMEDOUT;
             break;
         }
-        int fd = -1;
+        unique_fd::UniqueFd fd;
         lastError = ConnectOne(*address, deadline, fd);
         if (lastError == 0) {
-            return {0, fd};
+            return {0, fd.Release()};
         }
     }
     CSCLogging::Warning(CSCLogEntry() << "VIConnector: cannot connect to " << host << ":" << port

@@ -5,6 +5,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
+#include "openssl_handles.hpp"
 #include "secret_file.hpp"
 
 namespace vi_connector {
@@ -63,14 +64,13 @@ bool UseClientKey(SSL_CTX* context, const std::string& path, const std::string& 
         error = keyName + ": " + reason;
         return false;
     }
-    BIO* bio = BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size()));
-    EVP_PKEY* key =
-        bio == nullptr ? nullptr : PEM_read_bio_PrivateKey(bio, nullptr, NoPassphrase, nullptr);
-    BIO_free(bio);
+    BioPtr bio(BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size())));
+    const EvpPkeyPtr key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, NoPassphrase, nullptr)
+                             : nullptr);
+    bio.reset();
     OPENSSL_cleanse(&(*pem)[0], pem->size());
-    const bool used = key != nullptr && SSL_CTX_use_PrivateKey(context, key) == 1 &&
+    const bool used = key && SSL_CTX_use_PrivateKey(context, key.get()) == 1 &&
                       SSL_CTX_check_private_key(context) == 1;
-    EVP_PKEY_free(key);
     if (!used) {
         error = "the key in '" + path +
                 "' is unreadable, encrypted or does not match the certificate: " + OpenSslError();

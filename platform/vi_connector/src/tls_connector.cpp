@@ -1,6 +1,5 @@
 #include "tls_connector.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -76,20 +75,89 @@ int WaitFor(int fd, short events, Clock::time_point deadline) {
     }
 }
 
-struct SslDeleter {
-    void operator()(SSL* ssl) const { SSL_free(ssl); }
-};
+// Non-blocking, without Nagle's algorithm.
+std::optional<std::string> PrepareSocket(int fd) {
+    // Handshake messages and records are small and each waits for the peer's
+    // answer: Nagle's algorithm would hold them for the delayed ACK.
+    const int noDelay = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+        return "cannot make the socket non-blocking";
+    }
+    return std::nullopt;
+}
+
+// The handshake by `deadline`; on TLS 1.3, also the server's verdict on a
+// client certificate it asked for.
+std::optional<std::string> Handshake(SSL* ssl, int fd, Clock::time_point deadline) {
+    const auto noCertificate = [] {
+        return "handshake refused: the server demands a client certificate and "
+               "[backend_tls] has none (" +
+               OpenSslError() + ")";
+    };
+    const HandshakeState& state = *StateOf(ssl);
+    for (;;) {
+        ERR_clear_error();
+        const int done = SSL_connect(ssl);
+        if (done == 1) {
+            break;
+        }
+        const int error = SSL_get_error(ssl, done);
+        if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+            const int ready =
+                WaitFor(fd, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline);
+            if (ready == 0) {
+                return "handshake timed out";
+            }
+            if (ready < 0) {
+                return std::string("handshake: ") + std::strerror(errno);
+            }
+            continue;
+        }
+        const long verified = SSL_get_verify_result(ssl);
+        if (verified != X509_V_OK) {
+            return VerifyReason(verified) + " (" + X509_verify_cert_error_string(verified) + ")";
+        }
+        if (state.certificateRequested) {
+            return noCertificate();
+        }
+        const std::string detail =
+            error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0
+                ? (errno != 0 ? std::strerror(errno) : "connection closed by the server")
+                : OpenSslError();
+        return "handshake refused (" + detail + ")";
+    }
+
+    // TLS 1.3 finishes our side before the server has judged a missing client
+    // certificate: wait for its verdict rather than send a request into a refusal.
+    if (state.certificateRequested && SSL_version(ssl) == TLS1_3_VERSION) {
+        const auto verdictBy = std::min(deadline, Clock::now() + kClientCertificateVerdict);
+        while (WaitFor(fd, POLLIN, verdictBy) > 0) {
+            char byte;
+            ERR_clear_error();
+            const int peeked = SSL_peek(ssl, &byte, 1);
+            const int error = SSL_get_error(ssl, peeked);
+            if (peeked > 0 || error == SSL_ERROR_WANT_READ) {
+                break;  // accepted: tickets or data
+            }
+            return noCertificate();
+        }
+    }
+    return std::nullopt;
+}
 
 }  // namespace
 
 std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& settings,
                                                    std::string& error) {
-    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
-    if (context == nullptr) {
+    SslCtxPtr owned(SSL_CTX_new(TLS_client_method()));
+    if (!owned) {
         error = "cannot create a TLS context: " + OpenSslError();
         return nullptr;
     }
-    std::unique_ptr<TlsConnector> connector(new TlsConnector(context));
+    SSL_CTX* context = owned.get();
+    std::unique_ptr<TlsConnector> connector(new TlsConnector(std::move(owned)));
     if (!ApplyTlsPolicy(context) || (settings.minVersion == 13 &&
                                      SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) != 1)) {
         error = "cannot apply the TLS policy: " + OpenSslError();
@@ -130,16 +198,10 @@ std::unique_ptr<TlsConnector> TlsConnector::Create(const BackendTlsSettings& set
     return connector;
 }
 
-TlsConnector::TlsConnector(SSL_CTX* context)
-    : context_(context), pump_(std::make_unique<TlsPump>()) {}
+TlsConnector::TlsConnector(SslCtxPtr context)
+    : context_(std::move(context)), pump_(std::make_unique<TlsPump>()) {}
 
-TlsConnector::~TlsConnector() {
-    pump_.reset();  // its connections may still store sessions
-    for (auto& entry : sessions_) {
-        SSL_SESSION_free(entry.second);
-    }
-    SSL_CTX_free(context_);
-}
+TlsConnector::~TlsConnector() = default;
 
 int TlsConnector::OnNewSession(SSL* ssl, SSL_SESSION* session) {
     auto* self = static_cast<TlsConnector*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), 0));
@@ -148,47 +210,58 @@ int TlsConnector::OnNewSession(SSL* ssl, SSL_SESSION* session) {
         return 0;
     }
     std::lock_guard<std::mutex> lock(self->sessionsMutex_);
-    auto& slot = self->sessions_[state->sessionKey];
-    if (slot != nullptr) {
-        SSL_SESSION_free(slot);
-    }
-    slot = session;
+    self->sessions_[state->sessionKey].reset(session);
     return 1;  // we keep the reference
 }
 
 SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, int timeoutMs) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     const std::string peer = host + ":" + std::to_string(port);
-    const auto fail = [&](const std::string& reason) {
-        csc_logging::CSCLogging::Error("VIConnector: TLS to " + peer + " failed: " + reason);
-        return SocketResult{kTlsFailed, -1};
-    };
 
     const SigpipeBlock noSigpipe;
     const SocketResult tcp = TcpConnect(host, port, timeoutMs);
     if (tcp.status != 0) {
         return tcp;
     }
-    int netFd = tcp.fd;
-    // Handshake messages and records are small and each waits for the peer's
-    // answer: Nagle's algorithm would hold them for the delayed ACK.
-    const int noDelay = 1;
-    ::setsockopt(netFd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
-    const int flags = ::fcntl(netFd, F_GETFL);
-    if (flags < 0 || ::fcntl(netFd, F_SETFL, flags | O_NONBLOCK) != 0) {
-        ::close(netFd);
-        return fail("cannot make the socket non-blocking");
+    unique_fd::UniqueFd netFd(tcp.fd);
+    const auto fail = [&](const std::string& reason) {
+        netFd.Reset();
+        csc_logging::CSCLogging::Error("VIConnector: TLS to " + peer + " failed: " + reason);
+        return SocketResult{kTlsFailed, -1};
+    };
+    if (auto reason = PrepareSocket(netFd.Get())) {
+        return fail(*reason);
     }
+    SslPtr ssl;
+    if (auto reason = MakeSession(host, peer, netFd.Get(), ssl)) {
+        return fail(*reason);
+    }
+    auto reason = Handshake(ssl.get(), netFd.Get(), deadline);
+    if (!reason) {
+        csc_logging::CSCLogging::Debug(
+            "VIConnector: TLS to " + peer + ": " + SSL_get_version(ssl.get()) +
+            (SSL_session_reused(ssl.get()) == 1 ? ", session resumed" : ""));
+        unique_fd::UniqueFd clientFd;
+        reason = HandOver(ssl, netFd, peer, clientFd);
+        if (!reason) {
+            return {0, clientFd.Release()};
+        }
+    }
+    ForgetSession(peer);
+    return fail(*reason);
+}
 
+std::optional<std::string> TlsConnector::MakeSession(const std::string& host,
+                                                     const std::string& peer, int netFd,
+                                                     SslPtr& ssl) {
     // The SSL owns the state: TLS 1.3 tickets arrive after the handshake, in the pump.
     auto state = std::make_unique<HandshakeState>();
     state->sessionKey = peer;
-    std::unique_ptr<SSL, SslDeleter> ssl(SSL_new(context_));
+    ssl.reset(SSL_new(context_.get()));
     if (!ssl || SSL_set_ex_data(ssl.get(), StateIndex(), state.get()) != 1) {
-        ::close(netFd);
-        return fail("cannot create a TLS session: " + OpenSslError());
+        return "cannot create a TLS session: " + OpenSslError();
     }
-    HandshakeState& handshake = *state.release();
+    state.release();
     SSL_set_fd(ssl.get(), netFd);
     if (IsAddressLiteral(host)) {
         X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl.get()), host.c_str());
@@ -197,95 +270,35 @@ SocketResult TlsConnector::Connect(const std::string& host, std::uint16_t port, 
                  const_cast<char*>(host.c_str()));
         SSL_set1_host(ssl.get(), host.c_str());
     }
-    {
-        std::lock_guard<std::mutex> lock(sessionsMutex_);
-        const auto found = sessions_.find(peer);
-        if (found != sessions_.end()) {
-            SSL_set_session(ssl.get(), found->second);
-        }
+    std::lock_guard<std::mutex> lock(sessionsMutex_);
+    const auto found = sessions_.find(peer);
+    if (found != sessions_.end()) {
+        SSL_set_session(ssl.get(), found->second.get());
     }
-    const auto refuse = [&](const std::string& reason) {
-        ::close(netFd);
-        std::lock_guard<std::mutex> lock(sessionsMutex_);
-        const auto found = sessions_.find(peer);
-        if (found != sessions_.end()) {  // the next attempt starts afresh
-            SSL_SESSION_free(found->second);
-            sessions_.erase(found);
-        }
-        return fail(reason);
-    };
+    return std::nullopt;
+}
 
-    for (;;) {
-        ERR_clear_error();
-        const int done = SSL_connect(ssl.get());
-        if (done == 1) {
-            break;
-        }
-        const int error = SSL_get_error(ssl.get(), done);
-        if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
-            const int ready =
-                WaitFor(netFd, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline);
-            if (ready == 0) {
-                return refuse("handshake timed out");
-            }
-            if (ready < 0) {
-                return refuse(std::string("handshake: ") + std::strerror(errno));
-            }
-            continue;
-        }
-        const long verified = SSL_get_verify_result(ssl.get());
-        if (verified != X509_V_OK) {
-            return refuse(VerifyReason(verified) + " (" + X509_verify_cert_error_string(verified) +
-                          ")");
-        }
-        if (handshake.certificateRequested) {
-            return refuse(
-                "handshake refused: the server demands a client certificate and "
-                "[backend_tls] has none (" +
-                OpenSslError() + ")");
-        }
-        const std::string detail =
-            error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0
-                ? (errno != 0 ? std::strerror(errno) : "connection closed by the server")
-                : OpenSslError();
-        return refuse("handshake refused (" + detail + ")");
-    }
-
-    // TLS 1.3 finishes our side before the server has judged a missing client
-    // certificate: wait for its verdict rather than send a request into a refusal.
-    if (handshake.certificateRequested && SSL_version(ssl.get()) == TLS1_3_VERSION) {
-        const auto verdictBy = std::min(deadline, Clock::now() + kClientCertificateVerdict);
-        while (WaitFor(netFd, POLLIN, verdictBy) > 0) {
-            char byte;
-            ERR_clear_error();
-            const int peeked = SSL_peek(ssl.get(), &byte, 1);
-            const int error = SSL_get_error(ssl.get(), peeked);
-            if (peeked > 0 || error == SSL_ERROR_WANT_READ) {
-                break;  // accepted: tickets or data
-            }
-            return refuse(
-                "handshake refused: the server demands a client certificate and "
-                "[backend_tls] has none (" +
-                OpenSslError() + ")");
-        }
-    }
-
-    csc_logging::CSCLogging::Debug("VIConnector: TLS to " + peer + ": " +
-                                   SSL_get_version(ssl.get()) +
-                                   (SSL_session_reused(ssl.get()) == 1 ? ", session resumed" : ""));
+std::optional<std::string> TlsConnector::HandOver(SslPtr& ssl, unique_fd::UniqueFd& netFd,
+                                                  const std::string& peer,
+                                                  unique_fd::UniqueFd& clientFd) {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
-        return refuse(std::string("no socketpair: ") + std::strerror(errno));
+        return std::string("no socketpair: ") + std::strerror(errno);
     }
-    const int pumpFlags = ::fcntl(pair[1], F_GETFL);
-    if (pumpFlags < 0 || ::fcntl(pair[1], F_SETFL, pumpFlags | O_NONBLOCK) != 0 ||
-        !pump_->Add(ssl.get(), netFd, pair[1], peer)) {
-        ::close(pair[0]);
-        ::close(pair[1]);
-        return refuse("the TLS pump does not run");
+    clientFd.Reset(pair[0]);
+    unique_fd::UniqueFd pumpFd(pair[1]);
+    const int flags = ::fcntl(pumpFd.Get(), F_GETFL);
+    if (flags < 0 || ::fcntl(pumpFd.Get(), F_SETFL, flags | O_NONBLOCK) != 0 ||
+        !pump_->Add(ssl, netFd, pumpFd, peer)) {
+        clientFd.Reset();
+        return "the TLS pump does not run";
     }
-    ssl.release();
-    return {0, pair[0]};
+    return std::nullopt;
+}
+
+void TlsConnector::ForgetSession(const std::string& peer) {
+    std::lock_guard<std::mutex> lock(sessionsMutex_);
+    sessions_.erase(peer);
 }
 
 }  // namespace vi_connector

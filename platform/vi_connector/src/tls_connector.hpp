@@ -5,14 +5,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "connector_config.hpp"
+#include "openssl_handles.hpp"
 #include "tls_pump.hpp"
+#include "unique_fd/unique_fd.hpp"
 #include "vi_connector/vi_types.hpp"
-
-using SSL_CTX = struct ssl_ctx_st;
-using SSL_SESSION = struct ssl_session_st;
 
 namespace vi_connector {
 
@@ -39,13 +39,25 @@ public:
     SocketResult Connect(const std::string& host, std::uint16_t port, int timeoutMs);
 
 private:
-    explicit TlsConnector(SSL_CTX* context);
+    explicit TlsConnector(SslCtxPtr context);
     static int OnNewSession(SSL* ssl, SSL_SESSION* session);
 
-    SSL_CTX* context_;
-    std::unique_ptr<TlsPump> pump_;
+    // The steps of Connect after the TCP connection: each gives the reason it
+    // failed, nothing when it succeeded.
+    // A TLS session on `netFd`, resuming the last one with `peer` if there is one.
+    std::optional<std::string> MakeSession(const std::string& host, const std::string& peer,
+                                           int netFd, SslPtr& ssl);
+    // The connection to the pump, the other end of its socketpair to `clientFd`.
+    std::optional<std::string> HandOver(SslPtr& ssl, unique_fd::UniqueFd& netFd,
+                                        const std::string& peer, unique_fd::UniqueFd& clientFd);
+    // The next attempt to `peer` starts afresh.
+    void ForgetSession(const std::string& peer);
+
+    SslCtxPtr context_;
     std::mutex sessionsMutex_;
-    std::map<std::string, SSL_SESSION*> sessions_;  // host:port -> resumable session
+    std::map<std::string, SslSessionPtr> sessions_;  // host:port -> resumable session
+    // Destroyed first: its connections may still store sessions.
+    std::unique_ptr<TlsPump> pump_;
 };
 
 }  // namespace vi_connector

@@ -19,6 +19,7 @@
 namespace vi_connector {
 namespace {
 
+using unique_fd::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
 // Longer than any wait of the client's on a backend answer; bounds a peer
@@ -28,9 +29,9 @@ constexpr auto kIdleLimit = std::chrono::seconds(120);
 }  // namespace
 
 struct TlsPump::Channel {
-    SSL* ssl = nullptr;
-    int netFd = -1;
-    int localFd = -1;
+    SslPtr ssl;
+    UniqueFd localFd;
+    UniqueFd netFd;  // closed before localFd
     std::string peer;
     std::string toNet;    // read from the client, not yet taken by SSL_write
     std::string toLocal;  // decrypted, not yet written to the client
@@ -43,17 +44,11 @@ struct TlsPump::Channel {
     ~Channel() {
         // The client's requests carry bearer tokens in plain text.
         Wipe(toNet);
-        if (ssl != nullptr) {
+        if (ssl) {
             // close_notify (best effort, the socket is non-blocking); a session
             // not shut down is not resumed later.
-            SSL_shutdown(ssl);
-            SSL_free(ssl);
-        }
-        if (netFd >= 0) {
-            ::close(netFd);
-        }
-        if (localFd >= 0) {
-            ::close(localFd);
+            SSL_shutdown(ssl.get());
+            ssl.reset();
         }
     }
 
@@ -64,7 +59,7 @@ struct TlsPump::Channel {
         netWantsWrite = false;
 
         while (!localEof && toNet.size() < kBufferBytes) {
-            const ssize_t got = ::read(localFd, chunk, kBufferBytes - toNet.size());
+            const ssize_t got = ::read(localFd.Get(), chunk, kBufferBytes - toNet.size());
             if (got > 0) {
                 toNet.append(chunk, static_cast<std::size_t>(got));
                 OPENSSL_cleanse(chunk, static_cast<std::size_t>(got));
@@ -80,13 +75,13 @@ struct TlsPump::Channel {
         }
         while (!toNet.empty() && !netEof) {
             ERR_clear_error();
-            const int sent = SSL_write(ssl, toNet.data(), static_cast<int>(toNet.size()));
+            const int sent = SSL_write(ssl.get(), toNet.data(), static_cast<int>(toNet.size()));
             if (sent > 0) {
                 toNet.erase(0, static_cast<std::size_t>(sent));
                 moved = true;
                 continue;
             }
-            if (!Wait(SSL_get_error(ssl, sent), "sending")) {
+            if (!Wait(SSL_get_error(ssl.get(), sent), "sending")) {
                 SigpipeBlock::Discard();
                 netEof = true;
             }
@@ -94,13 +89,14 @@ struct TlsPump::Channel {
         }
         while (!netEof && toLocal.size() < kBufferBytes) {
             ERR_clear_error();
-            const int got = SSL_read(ssl, chunk, static_cast<int>(kBufferBytes - toLocal.size()));
+            const int got =
+                SSL_read(ssl.get(), chunk, static_cast<int>(kBufferBytes - toLocal.size()));
             if (got > 0) {
                 toLocal.append(chunk, static_cast<std::size_t>(got));
                 moved = true;
                 continue;
             }
-            const int error = SSL_get_error(ssl, got);
+            const int error = SSL_get_error(ssl.get(), got);
             if (error == SSL_ERROR_ZERO_RETURN) {
                 netEof = true;  // close_notify
                 moved = true;
@@ -111,7 +107,7 @@ struct TlsPump::Channel {
             break;
         }
         while (!toLocal.empty()) {
-            const ssize_t put = ::send(localFd, toLocal.data(), toLocal.size(), MSG_NOSIGNAL);
+            const ssize_t put = ::send(localFd.Get(), toLocal.data(), toLocal.size(), MSG_NOSIGNAL);
             if (put > 0) {
                 toLocal.erase(0, static_cast<std::size_t>(put));
                 moved = true;
@@ -164,8 +160,8 @@ struct TlsPump::Channel {
     }
 
     void Interest(pollfd& local, pollfd& net) const {
-        local = {localFd, 0, 0};
-        net = {netFd, 0, 0};
+        local = {localFd.Get(), 0, 0};
+        net = {netFd.Get(), 0, 0};
         if (!localEof && toNet.size() < kBufferBytes) {
             local.events |= POLLIN;
         }
@@ -192,8 +188,8 @@ struct TlsPump::Channel {
 TlsPump::TlsPump() {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
-        wakeRead_ = fds[0];
-        wakeWrite_ = fds[1];
+        wakeRead_.Reset(fds[0]);
+        wakeWrite_.Reset(fds[1]);
         thread_ = std::thread([this] { Run(); });
     } else {
         csc_logging::CSCLogging::Error("VIConnector: no pipe for the TLS pump");
@@ -213,13 +209,9 @@ TlsPump::~TlsPump() {
         const SigpipeBlock noSigpipe;  // their close_notify
         added_.clear();
     }
-    if (wakeRead_ >= 0) {
-        ::close(wakeRead_);
-        ::close(wakeWrite_);
-    }
 }
 
-bool TlsPump::Add(SSL* ssl, int netFd, int localFd, std::string peer) {
+bool TlsPump::Add(SslPtr& ssl, UniqueFd& netFd, UniqueFd& localFd, std::string peer) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopping_ || !thread_.joinable()) {
@@ -227,9 +219,9 @@ bool TlsPump::Add(SSL* ssl, int netFd, int localFd, std::string peer) {
         }
         added_.emplace_back();
         auto& channel = added_.back();
-        channel.ssl = ssl;
-        channel.netFd = netFd;
-        channel.localFd = localFd;
+        channel.ssl = std::move(ssl);
+        channel.netFd = std::move(netFd);
+        channel.localFd = std::move(localFd);
         channel.peer = std::move(peer);
         // Never grows, so no buffer holding request bytes is freed unwiped.
         channel.toNet.reserve(kBufferBytes);
@@ -240,9 +232,9 @@ bool TlsPump::Add(SSL* ssl, int netFd, int localFd, std::string peer) {
 }
 
 void TlsPump::Wake() {
-    if (wakeWrite_ >= 0) {
+    if (wakeWrite_) {
         const char one = 1;
-        [[maybe_unused]] const ssize_t ignored = ::write(wakeWrite_, &one, 1);
+        [[maybe_unused]] const ssize_t ignored = ::write(wakeWrite_.Get(), &one, 1);
     }
 }
 
@@ -271,7 +263,7 @@ void TlsPump::Run() {
             }
         }
         fds.assign(1 + 2 * channels.size(), pollfd{});
-        fds[0] = {wakeRead_, POLLIN, 0};
+        fds[0] = {wakeRead_.Get(), POLLIN, 0};
         std::size_t i = 1;
         auto wakeAt = Clock::time_point::max();
         for (const auto& channel : channels) {
@@ -290,7 +282,7 @@ void TlsPump::Run() {
             break;
         }
         char drain[64];
-        while (::read(wakeRead_, drain, sizeof(drain)) > 0) {
+        while (::read(wakeRead_.Get(), drain, sizeof(drain)) > 0) {
         }
     }
     std::lock_guard<std::mutex> lock(mutex_);

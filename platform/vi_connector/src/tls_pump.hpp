@@ -7,7 +7,8 @@
 #include <string>
 #include <thread>
 
-using SSL = struct ssl_st;
+#include "openssl_handles.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace vi_connector {
 
@@ -23,9 +24,10 @@ public:
     TlsPump(const TlsPump&) = delete;
     TlsPump& operator=(const TlsPump&) = delete;
 
-    /// Takes ownership of `ssl` (handshake done, on non-blocking `netFd`) and of
-    /// both descriptors. False when the pump cannot take it; nothing is owned then.
-    bool Add(SSL* ssl, int netFd, int localFd, std::string peer);
+    /// Takes `ssl` (handshake done, on non-blocking `netFd`) and both
+    /// descriptors. False when the pump cannot take them; the caller keeps them then.
+    bool Add(SslPtr& ssl, unique_fd::UniqueFd& netFd, unique_fd::UniqueFd& localFd,
+             std::string peer);
 
 private:
     struct Channel;
@@ -36,8 +38,8 @@ private:
     std::list<Channel> added_;  // handed over, not yet taken by the thread; under mutex_
     std::size_t count_ = 0;     // under mutex_
     bool stopping_ = false;     // under mutex_
-    int wakeRead_ = -1;
-    int wakeWrite_ = -1;
+    unique_fd::UniqueFd wakeRead_;
+    unique_fd::UniqueFd wakeWrite_;
     std::thread thread_;
 };
 

@@ -23,6 +23,7 @@
 #include "test_support/loopback.hpp"
 #include "test_support/scripted_tcp_server.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "unique_fd/unique_fd.hpp"
 #include "vi_connector/vi_connector.hpp"
 
 // The probe behind the connector's state reports and the connect it shares with the
@@ -34,6 +35,7 @@ namespace {
 using namespace std::chrono_literals;
 using kelvane::testing::ScriptedTcpServer;
 using States = std::vector<std::uint8_t>;
+using unique_fd::UniqueFd;
 
 constexpr const char* kServiceId = "TTVI-Kelvane-C003";
 
@@ -377,12 +379,11 @@ TEST(ServiceStateMonitorTest, ABackendThatRefusesTheClientsConnectionIsReportedG
 
 TEST(NetlinkRouteSourceTest, FindsTheRouteTo127001OnTheLoopbackLinkAndWakesOnItsDescriptor) {
     NetlinkRouteSource sut;
-    const int wakeFd = ::eventfd(1, EFD_CLOEXEC);
+    const UniqueFd wakeFd(::eventfd(1, EFD_CLOEXEC));
 
     EXPECT_EQ(sut.RouteTo("127.0.0.1"), "dev lo");
     EXPECT_EQ(sut.RouteTo("not an address"), "");
-    EXPECT_NE(sut.Wait(Clock::now() + 10s, wakeFd), Wakeup::kDeadline);
-    ::close(wakeFd);
+    EXPECT_NE(sut.Wait(Clock::now() + 10s, wakeFd.Get()), Wakeup::kDeadline);
 }
 
 TEST(ServiceStateMonitorTest, ProbeTargetComesFromTheUrlsAuthority) {
@@ -436,9 +437,8 @@ TEST(TcpConnectTest, GivesABlockingCloseOnExecSocketOrAStatusAndALineNamingTheFa
         EXPECT_EQ(peer.ss_family, family);
         ::close(result.fd);
     }
-    const int cancelFd = ::eventfd(1, EFD_CLOEXEC);
-    EXPECT_FALSE(TcpReachable("127.0.0.1", v4.Port(), 2000, cancelFd));
-    ::close(cancelFd);
+    const UniqueFd cancelFd(::eventfd(1, EFD_CLOEXEC));
+    EXPECT_FALSE(TcpReachable("127.0.0.1", v4.Port(), 2000, cancelFd.Get()));
 }
 
 }  // namespace

@@ -17,9 +17,11 @@
 #include <vector>
 
 #include "csc_logging/log_capture.hpp"
+#include "openssl_handles.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/temporary_directory.hpp"
 #include "test_support/test_certificates.hpp"
+#include "unique_fd/unique_fd.hpp"
 #include "vi_connector/vi_connector.hpp"
 
 // The transport policy as the backend and the broker see it, against TLS servers of
@@ -30,6 +32,7 @@ namespace {
 using namespace std::chrono_literals;
 using kelvane::testing::TemporaryDirectory;
 using kelvane::testing::WaitUntil;
+using unique_fd::UniqueFd;
 
 constexpr const char* kId = "TTVI-Kelvane-C003.COzelkDlcChallenge";
 
@@ -42,23 +45,27 @@ public:
                          const std::string& suite)
         : context_(SSL_CTX_new(TLS_server_method())) {
         // The server's own security level must not be what refuses a suite.
-        if (context_ == nullptr || SSL_CTX_set_max_proto_version(context_, TLS1_2_VERSION) != 1 ||
-            SSL_CTX_set_cipher_list(context_, (suite + ":@SECLEVEL=0").c_str()) != 1 ||
-            SSL_CTX_use_certificate_chain_file(context_, certificate.c_str()) != 1 ||
-            SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+        SSL_CTX* context = context_.get();
+        if (context == nullptr || SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION) != 1 ||
+            SSL_CTX_set_cipher_list(context, (suite + ":@SECLEVEL=0").c_str()) != 1 ||
+            SSL_CTX_use_certificate_chain_file(context, certificate.c_str()) != 1 ||
+            SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) != 1) {
             throw std::runtime_error("SingleSuiteTlsServer: cannot serve " + suite);
         }
-        listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        listenFd_.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof(address);
-        if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listenFd_, 4) != 0 ||
-            ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-            ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+        int wake[2];
+        if (::bind(listenFd_.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listenFd_.Get(), 4) != 0 ||
+            ::getsockname(listenFd_.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+            ::pipe2(wake, O_CLOEXEC) != 0) {
             throw std::runtime_error("SingleSuiteTlsServer: cannot listen");
         }
+        wakeRead_.Reset(wake[0]);
+        wakeWrite_.Reset(wake[1]);
         port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { Serve(); });
     }
@@ -71,12 +78,8 @@ public:
                 ::shutdown(connectionFd_, SHUT_RDWR);
             }
         }
-        [[maybe_unused]] const auto woken = ::write(wakeFds_[1], "x", 1);
+        [[maybe_unused]] const auto woken = ::write(wakeWrite_.Get(), "x", 1);
         thread_.join();
-        ::close(wakeFds_[0]);
-        ::close(wakeFds_[1]);
-        ::close(listenFd_);
-        SSL_CTX_free(context_);
     }
 
     SingleSuiteTlsServer(const SingleSuiteTlsServer&) = delete;
@@ -93,43 +96,41 @@ public:
 private:
     void Serve() {
         for (;;) {
-            pollfd ready[2] = {{listenFd_, POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
+            pollfd ready[2] = {{listenFd_.Get(), POLLIN, 0}, {wakeRead_.Get(), POLLIN, 0}};
             if (::poll(ready, 2, -1) < 0 || ready[1].revents != 0) {
                 return;
             }
-            const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
+            const UniqueFd fd(::accept4(listenFd_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (!fd) {
                 continue;
             }
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 if (stopping_) {
-                    ::close(fd);
                     return;
                 }
-                connectionFd_ = fd;
+                connectionFd_ = fd.Get();
             }
             ++connections_;
-            SSL* ssl = SSL_new(context_);
-            SSL_set_fd(ssl, fd);
-            if (SSL_accept(ssl) == 1) {
+            const vi_connector::SslPtr ssl(SSL_new(context_.get()));
+            SSL_set_fd(ssl.get(), fd.Get());
+            if (SSL_accept(ssl.get()) == 1) {
                 ++handshakes_;
                 char buffer[4096];
-                for (int count; (count = SSL_read(ssl, buffer, sizeof(buffer))) > 0;) {
+                for (int count; (count = SSL_read(ssl.get(), buffer, sizeof(buffer))) > 0;) {
                     std::lock_guard<std::mutex> lock(mutex_);
                     received_.append(buffer, static_cast<std::size_t>(count));
                 }
             }
-            SSL_free(ssl);
             std::lock_guard<std::mutex> lock(mutex_);
             connectionFd_ = -1;
-            ::close(fd);
         }
     }
 
-    SSL_CTX* context_;
-    int listenFd_ = -1;
-    int wakeFds_[2] = {-1, -1};
+    vi_connector::SslCtxPtr context_;
+    UniqueFd listenFd_;
+    UniqueFd wakeRead_;
+    UniqueFd wakeWrite_;
     std::uint16_t port_ = 0;
     std::atomic<int> connections_{0};
     std::atomic<int> handshakes_{0};

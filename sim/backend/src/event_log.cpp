@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "csc_logging/csc_logging.hpp"
 
@@ -27,23 +28,14 @@ std::string UtcTimestamp() {
     return result;
 }
 
-EventLog::~EventLog() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-}
-
 bool EventLog::Open(const std::string& path, std::string& error) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    unique_fd::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (!fd) {
         error = "cannot open event log " + path + ": " + std::strerror(errno);
         return false;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-    fd_ = fd;
+    fd_ = std::move(fd);
     return true;
 }
 
@@ -54,12 +46,12 @@ sim_common::Json EventLog::Begin() {
 void EventLog::Write(const sim_common::Json& event) {
     const std::string line = sim_common::JsonText(event) + "\n";
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (fd_ < 0) {
+    if (!fd_) {
         return;
     }
     std::size_t written = 0;
     while (written < line.size()) {
-        const ssize_t n = ::write(fd_, line.data() + written, line.size() - written);
+        const ssize_t n = ::write(fd_.Get(), line.data() + written, line.size() - written);
         if (n < 0 && errno == EINTR) {
             continue;
         }

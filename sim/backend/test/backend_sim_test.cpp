@@ -14,6 +14,7 @@
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
 #include "test_support/temporary_directory.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace backend_sim {
 namespace {
@@ -59,20 +60,20 @@ protected:
 
     /// Sends the bytes as they are; reads until the server closes or is `quiet` that long.
     Reply Send(const std::string& request, std::chrono::milliseconds quiet = 10s) const {
-        const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const unique_fd::UniqueFd fd(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in6 address{};
         address.sin6_family = AF_INET6;
         address.sin6_port = htons(port_);
         address.sin6_addr = in6addr_loopback;
         Reply reply;
         char buffer[4096];
-        pollfd readable{fd, POLLIN, 0};
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-            ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+        pollfd readable{fd.Get(), POLLIN, 0};
+        if (::connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+            ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) ==
                 static_cast<ssize_t>(request.size())) {
             while (reply.bytes.size() < 65536 &&
                    ::poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
-                const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+                const ssize_t n = ::recv(fd.Get(), buffer, sizeof(buffer), 0);
                 if (n <= 0) {
                     reply.closed = true;
                     break;
@@ -80,7 +81,6 @@ protected:
                 reply.bytes.append(buffer, static_cast<std::size_t>(n));
             }
         }
-        ::close(fd);
         return reply;
     }
 

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "unique_fd/unique_fd.hpp"
+
 namespace sim_common {
 namespace {
 
@@ -54,18 +56,19 @@ bool WriteFileAtomically(const std::string& path, const std::string& content, st
     static std::atomic<unsigned> sequence{0};
     const std::string temporary = path + kTemporaryMarker + std::to_string(::getpid()) + "-" +
                                   std::to_string(sequence.fetch_add(1));
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd < 0) {
+    unique_fd::UniqueFd fd(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (!fd) {
         error = Reason("cannot create", temporary);
         return false;
     }
-    if (!WriteAll(fd, content) || ::fsync(fd) != 0) {
+    if (!WriteAll(fd.Get(), content) || ::fsync(fd.Get()) != 0) {
         error = Reason("cannot write", temporary);
-        ::close(fd);
+        fd.Reset();
         ::unlink(temporary.c_str());
         return false;
     }
-    if (::close(fd) != 0) {
+    if (!fd.Close()) {
         error = Reason("cannot close", temporary);
         ::unlink(temporary.c_str());
         return false;
@@ -79,15 +82,14 @@ bool WriteFileAtomically(const std::string& path, const std::string& content, st
     // durable only once the directory entry is on disk; failing that is worth
     // a warning, not a failure (the old content is gone already).
     const std::string directory = DirectoryOf(path);
-    const int dirFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd < 0) {
+    const unique_fd::UniqueFd dirFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd) {
         error = Reason("cannot open directory", directory);
         return true;
     }
-    if (::fsync(dirFd) != 0) {
+    if (::fsync(dirFd.Get()) != 0) {
         error = Reason("cannot sync directory", directory);
     }
-    ::close(dirFd);
     return true;
 }
 

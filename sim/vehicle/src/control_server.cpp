@@ -45,15 +45,19 @@ bool ControlServer::Start(std::string& error) {
         return false;
     }
     ::unlink(socketPath_.c_str());
-    listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenFd_ < 0 || ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+    listenFd_.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int wake[2];
+    if (!listenFd_ || ::pipe2(wake, O_CLOEXEC) != 0) {
         error = Reason("cannot create the control socket");
         return false;
     }
+    wakeRead_.Reset(wake[0]);
+    wakeWrite_.Reset(wake[1]);
     const mode_t previous = ::umask(0077);
-    const int bound = ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    const int bound =
+        ::bind(listenFd_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
     ::umask(previous);
-    if (bound != 0 || ::listen(listenFd_, 8) != 0) {
+    if (bound != 0 || ::listen(listenFd_.Get(), 8) != 0) {
         error = Reason("cannot listen on " + socketPath_);
         return false;
     }
@@ -64,21 +68,18 @@ bool ControlServer::Start(std::string& error) {
 void ControlServer::Stop() {
     if (thread_.joinable()) {
         const char wake = 1;
-        (void)!::write(wakeFds_[1], &wake, 1);
+        (void)!::write(wakeWrite_.Get(), &wake, 1);
         thread_.join();
         ::unlink(socketPath_.c_str());
     }
-    for (int* fd : {&listenFd_, &wakeFds_[0], &wakeFds_[1]}) {
-        if (*fd >= 0) {
-            ::close(*fd);
-            *fd = -1;
-        }
-    }
+    listenFd_.Reset();
+    wakeRead_.Reset();
+    wakeWrite_.Reset();
 }
 
 void ControlServer::Serve() {
     while (true) {
-        pollfd fds[2] = {{listenFd_, POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
+        pollfd fds[2] = {{listenFd_.Get(), POLLIN, 0}, {wakeRead_.Get(), POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
             if (errno == EINTR) {
                 continue;
@@ -89,10 +90,9 @@ void ControlServer::Serve() {
         if (fds[1].revents != 0) {
             return;
         }
-        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0) {
-            ServeOne(fd);
-            ::close(fd);
+        const unique_fd::UniqueFd fd(::accept4(listenFd_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (fd) {
+            ServeOne(fd.Get());
         }
     }
 }

@@ -127,10 +127,10 @@ bool VehicleRuntime::Start(std::string& error) {
         return false;
     }
     const std::string lockPath = options_.directory + "/" + kLockName;
-    lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (lockFd_ < 0 || ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
-        error = lockFd_ < 0 ? "cannot open " + lockPath + ": " + std::strerror(errno)
-                            : "another kelvane-vehicle-sim runs on " + options_.directory;
+    lockFd_.Reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!lockFd_ || ::flock(lockFd_.Get(), LOCK_EX | LOCK_NB) != 0) {
+        error = !lockFd_ ? "cannot open " + lockPath + ": " + std::strerror(errno)
+                         : "another kelvane-vehicle-sim runs on " + options_.directory;
         Stop();
         return false;
     }
@@ -171,10 +171,7 @@ void VehicleRuntime::Stop() {
     // Commands come from the control thread: it ends before what they touch goes.
     control_.reset();
     services_.reset();
-    if (lockFd_ >= 0) {
-        ::close(lockFd_);
-        lockFd_ = -1;
-    }
+    lockFd_.Reset();
 }
 
 std::string VehicleRuntime::Command(const std::string& command) {

@@ -12,24 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "unique_fd/unique_fd.hpp"
+
 namespace kelvane::testing {
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 std::runtime_error Failure(const std::string& what) {
     return std::runtime_error(what + ": " + std::strerror(errno) +
@@ -49,8 +35,8 @@ std::size_t CountInProcessMemory(pid_t pid, std::string_view bytes) {
     if (!maps) {
         throw Failure("cannot open " + proc + "/maps");
     }
-    const Descriptor mem(::open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
-    if (mem.get() < 0) {
+    const unique_fd::UniqueFd mem(::open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!mem) {
         throw Failure("cannot open " + proc + "/mem");
     }
 
@@ -73,7 +59,7 @@ std::size_t CountInProcessMemory(pid_t pid, std::string_view bytes) {
         for (unsigned long at = start; at < end;) {
             const std::size_t want = std::min<unsigned long>(kChunk, end - at);
             const ssize_t got =
-                ::pread(mem.get(), buffer.data() + carried, want, static_cast<off_t>(at));
+                ::pread(mem.Get(), buffer.data() + carried, want, static_cast<off_t>(at));
             // Some pages cannot be read ([vvar], a file mapping past the file's end, a
             // region unmapped since the list was read): the rest of the region is skipped.
             if (got <= 0) {

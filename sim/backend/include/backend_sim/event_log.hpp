@@ -7,6 +7,7 @@
 #include <string>
 
 #include "sim_common/json.hpp"
+#include "unique_fd/unique_fd.hpp"
 
 namespace backend_sim {
 
@@ -15,7 +16,6 @@ namespace backend_sim {
 class EventLog {
 public:
     EventLog() = default;
-    ~EventLog();
     EventLog(const EventLog&) = delete;
     EventLog& operator=(const EventLog&) = delete;
 
@@ -37,7 +37,7 @@ public:
 
 private:
     std::mutex mutex_;
-    int fd_ = -1;
+    unique_fd::UniqueFd fd_;
     std::atomic<std::uint64_t> sequence_{0};
     std::atomic<std::uint64_t> connections_{0};
 };

@@ -5,6 +5,8 @@
 #include <string>
 #include <thread>
 
+#include "unique_fd/unique_fd.hpp"
+
 namespace vehicle_sim {
 
 /// The running simulator's control socket: a unix stream socket (mode 0600)
@@ -31,8 +33,9 @@ private:
 
     std::string socketPath_;
     Handler handler_;
-    int listenFd_ = -1;
-    int wakeFds_[2] = {-1, -1};
+    unique_fd::UniqueFd listenFd_;
+    unique_fd::UniqueFd wakeRead_;
+    unique_fd::UniqueFd wakeWrite_;
     std::thread thread_;
 };
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "unique_fd/unique_fd.hpp"
 #include "vehicle_sim/control_server.hpp"
 #include "vehicle_sim/fail_points.hpp"
 #include "vehicle_sim/vehicle.hpp"
@@ -59,7 +60,7 @@ private:
     FailPoints failPoints_;
     std::unique_ptr<Services> services_;
     std::unique_ptr<ControlServer> control_;
-    int lockFd_ = -1;
+    unique_fd::UniqueFd lockFd_;
 };
 
 }  // namespace vehicle_sim

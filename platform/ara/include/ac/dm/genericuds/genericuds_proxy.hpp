@@ -24,7 +24,6 @@ public:
         const ara::core::InstanceSpecifier& instance);
     static void StopFindService(ara::com::FindServiceHandle handle);
 
-    /// Does not touch the bus; the first call connects.
     explicit GenericUDSServiceProxy(const HandleType& handle);
     virtual ~GenericUDSServiceProxy();
     GenericUDSServiceProxy(const GenericUDSServiceProxy&) = delete;

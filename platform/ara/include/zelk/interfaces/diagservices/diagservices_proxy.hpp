@@ -15,10 +15,8 @@
 namespace zelk::interfaces::diagservices::proxy {
 
 /// Client side of one DiagServices instance. Each method member is callable
-/// (`proxy.GetPssHash()`) and returns the future of the call; on this host the
-/// call has completed when the future is returned. get() throws the
-/// ara::com::ApplicationErrorException the service answered with, or an
-/// ara::com::ComException when the call did not get through.
+/// (`proxy.GetPssHash()`) and returns the future of the call; get() throws the
+/// ara::com::ApplicationErrorException the service answered with.
 class DiagServicesProxy {
 public:
     using HandleType = ara::com::ServiceHandle;
@@ -32,7 +30,6 @@ public:
     /// The handler is not running and is not called again once this returns.
     static void StopFindService(ara::com::FindServiceHandle handle);
 
-    /// Does not touch the bus; the first call connects.
     explicit DiagServicesProxy(const HandleType& handle);
     virtual ~DiagServicesProxy();
     DiagServicesProxy(const DiagServicesProxy&) = delete;

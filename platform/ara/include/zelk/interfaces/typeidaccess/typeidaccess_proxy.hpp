@@ -23,7 +23,6 @@ public:
         const ara::core::InstanceSpecifier& instance);
     static void StopFindService(ara::com::FindServiceHandle handle);
 
-    /// Does not touch the bus; the first call connects.
     explicit TypeIdAccessProxy(const HandleType& handle);
     virtual ~TypeIdAccessProxy();
     TypeIdAccessProxy(const TypeIdAccessProxy&) = delete;
