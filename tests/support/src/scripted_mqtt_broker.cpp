@@ -158,7 +158,11 @@ ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(opt
         SSL_CTX* tls = SSL_CTX_new(TLS_server_method());
         if (tls == nullptr ||
             SSL_CTX_use_certificate_chain_file(tls, options_.certFile.c_str()) != 1 ||
-            SSL_CTX_use_PrivateKey_file(tls, options_.keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+            SSL_CTX_use_PrivateKey_file(tls, options_.keyFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
+            // The server's own security level must not be what refuses a suite.
+            (!options_.suite.empty() &&
+             (SSL_CTX_set_max_proto_version(tls, TLS1_2_VERSION) != 1 ||
+              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1))) {
             SSL_CTX_free(tls);
             throw std::runtime_error("ScriptedMqttBroker: cannot load " + options_.certFile);
         }
@@ -193,6 +197,11 @@ ScriptedMqttBroker::~ScriptedMqttBroker() {
 std::size_t ScriptedMqttBroker::Connections() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return connections_;
+}
+
+std::size_t ScriptedMqttBroker::Handshakes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return handshakes_;
 }
 
 std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
@@ -254,6 +263,10 @@ void ScriptedMqttBroker::Serve() {
         changed_.notify_all();
         Connection connection(fd, wakeFds_[0], static_cast<SSL_CTX*>(tls_));
         if (connection.Open()) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ++handshakes_;
+            }
             Play(connection, index);
         }
     }
