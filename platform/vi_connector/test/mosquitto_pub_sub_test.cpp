@@ -206,7 +206,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
 }
 
 TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
-    ScriptedMqttBroker broker({false, "", true, "", "", ""});
+    ScriptedMqttBroker broker({false, "", true, "", "", "", ""});
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
     auto sut =
@@ -345,17 +345,17 @@ const std::string kAcknowledged("\x40\x02\x00\x08", 4);
 INSTANTIATE_TEST_SUITE_P(
     Brokers, ScriptedBrokerTest,
     ::testing::Values(
-        ScriptedBrokerCase{
-            "OnlyV311",
-            {true, "", false, ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), "", ""},
-            false,
-            {"message push/ecu go"},
-            csc_logging::LogLevel::kInfo,
-            "does not speak MQTT 5; using MQTT 3.1.1 until restart",
-            '\x01',
-            {std::string("\x40\x02\x00\x07", 4)}},
+        ScriptedBrokerCase{"OnlyV311",
+                           {true, "", false,
+                            ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), "", "", ""},
+                           false,
+                           {"message push/ecu go"},
+                           csc_logging::LogLevel::kInfo,
+                           "does not speak MQTT 5; using MQTT 3.1.1 until restart",
+                           '\x01',
+                           {std::string("\x40\x02\x00\x07", 4)}},
         ScriptedBrokerCase{"OversizedMessage",
-                           {false, "", false, kOversized + kBehindIt, "", ""},
+                           {false, "", false, kOversized + kBehindIt, "", "", ""},
                            false,
                            {"message push/ecu next"},
                            csc_logging::LogLevel::kWarning,
@@ -363,7 +363,7 @@ INSTANTIATE_TEST_SUITE_P(
                            '\x21',
                            {kRefusedByUs, kAcknowledged}},
         ScriptedBrokerCase{"OversizedMessageOverTls",
-                           {false, "", false, kOversized + kBehindIt, "", ""},
+                           {false, "", false, kOversized + kBehindIt, "", "", ""},
                            true,
                            {"message push/ecu next"},
                            csc_logging::LogLevel::kWarning,
@@ -372,7 +372,7 @@ INSTANTIATE_TEST_SUITE_P(
                            {kRefusedByUs, kAcknowledged}},
         ScriptedBrokerCase{
             "TakenOver",
-            {false, ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"), true, "", "", ""},
+            {false, ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"), true, "", "", "", ""},
             false,
             {},
             csc_logging::LogLevel::kError,
@@ -382,7 +382,7 @@ INSTANTIATE_TEST_SUITE_P(
             {}},
         ScriptedBrokerCase{
             "ShuttingDown",
-            {false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"), true, "", "", ""},
+            {false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"), true, "", "", "", ""},
             false,
             {},
             csc_logging::LogLevel::kWarning,

@@ -1,7 +1,6 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <regex>
@@ -59,17 +58,12 @@ protected:
 
     /// Sends the bytes as they are; reads until the server closes or is `quiet` that long.
     Reply Send(const std::string& request, std::chrono::milliseconds quiet = 10s) const {
-        const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in6 address{};
-        address.sin6_family = AF_INET6;
-        address.sin6_port = htons(port_);
-        address.sin6_addr = in6addr_loopback;
+        const int fd = kelvane::testing::ConnectOnLoopback(port_, true);
         Reply reply;
         char buffer[4096];
         pollfd readable{fd, POLLIN, 0};
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-            ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(request.size())) {
+        if (fd >= 0 && ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+                           static_cast<ssize_t>(request.size())) {
             while (reply.bytes.size() < 65536 &&
                    ::poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
                 const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);

@@ -1,8 +1,6 @@
 #include "test_support/scripted_mqtt_broker.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,6 +8,8 @@
 
 #include <cerrno>
 #include <stdexcept>
+
+#include "test_support/loopback.hpp"
 
 namespace kelvane::testing {
 namespace {
@@ -168,20 +168,12 @@ ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(opt
         }
         tls_ = tls;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listenFd_, 16) != 0 ||
-        ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+    listenFd_ = ListenOnLoopback(port_);
+    if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
         ::close(listenFd_);
         SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
-        throw std::runtime_error("ScriptedMqttBroker: cannot listen on loopback");
+        throw std::runtime_error("ScriptedMqttBroker: no pipe");
     }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Serve(); });
 }
 
