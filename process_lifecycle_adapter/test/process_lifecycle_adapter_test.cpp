@@ -82,17 +82,22 @@ TEST_F(ProcessLifecycleAdapterTest, AliveIsReportedAtHalfTheWatchdogTimeOutOnlyW
     const ScopedEnvironment owner("WATCHDOG_PID", std::to_string(getpid()));
     const ScopedEnvironment config("KELVANE_PHM_CONFIG", Config("30"));
     callback_.health = 3;
-    ProcessLifecycleAdapter sut("kelvane-client", &callback_);
+    {
+        ProcessLifecycleAdapter sut("kelvane-client", &callback_);
 
-    ASSERT_TRUE(WaitUntil([&] { return callback_.healthCalls.load() >= 4; }, 5000ms, 1ms));
-    EXPECT_EQ(notifySocket_.Count("WATCHDOG=1"), 0U);
-    callback_.health = 0;
-    ASSERT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 3));
-
-    EXPECT_EQ(sut.KeepAlivePeriod(), 20ms);
-    EXPECT_EQ(log_.Count(LogLevel::kWarning, "keep_alive_period_ms=30 is too long"), 1U);
-    EXPECT_EQ(log_.Count(LogLevel::kWarning, "health status 3, alive reports withheld"), 1U);
-    EXPECT_EQ(log_.Count(LogLevel::kInfo, "healthy again"), 1U);
+        ASSERT_TRUE(WaitUntil([&] { return callback_.healthCalls.load() >= 4; }, 5000ms, 1ms));
+        EXPECT_EQ(notifySocket_.Count("WATCHDOG=1"), 0U);
+        callback_.health = 0;
+        ASSERT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, 3));
+        EXPECT_EQ(sut.KeepAlivePeriod(), 20ms);
+        EXPECT_EQ(log_.Count(LogLevel::kWarning, "keep_alive_period_ms=30 is too long"), 1U);
+        EXPECT_EQ(log_.Count(LogLevel::kWarning, "health status 3, alive reports withheld"), 1U);
+        EXPECT_EQ(log_.Count(LogLevel::kInfo, "healthy again"), 1U);
+    }
+    // Without a callback to ask, the process counts as healthy.
+    const auto reports = notifySocket_.Count("WATCHDOG=1");
+    const ProcessLifecycleAdapter withoutCallback("kelvane-client", nullptr);
+    EXPECT_TRUE(notifySocket_.WaitFor("WATCHDOG=1", 5000ms, reports + 2));
 }
 
 TEST(SupervisionConfigTest, PeriodComesFromTheFileWithinLimitsAndHalfTheWatchdogTimeOut) {

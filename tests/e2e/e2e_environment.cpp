@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 
@@ -128,18 +128,11 @@ std::size_t E2eEnvironment::ClientPeakRssKiB() const {
 }
 
 std::string E2eEnvironment::ClientCoreFileLimits() const {
-    std::istringstream limits(ReadFile("/proc/" + std::to_string(client_->Pid()) + "/limits"));
-    const std::string name = "Max core file size";
-    for (std::string line; std::getline(limits, line);) {
-        if (line.compare(0, name.size(), name) == 0) {
-            std::istringstream values(line.substr(name.size()));
-            std::string soft;
-            std::string hard;
-            values >> soft >> hard;
-            return soft + " " + hard;
-        }
-    }
-    return "";
+    const auto limits = ReadFile("/proc/" + std::to_string(client_->Pid()) + "/limits");
+    std::smatch match;
+    return std::regex_search(limits, match, std::regex("Max core file size +(\\S+) +(\\S+)"))
+               ? match[1].str() + " " + match[2].str()
+               : "";
 }
 
 bool E2eEnvironment::ClientOpenToItsUser() const {

@@ -44,6 +44,15 @@ std::string LastStatus(testing::NotifySocket& notify) {
                                      : last.substr(0, time - 19) + "T" + last.substr(time + 4);
 }
 
+// mosquitto_pub with QoS 1 to the push topic; `what` is -m TEXT or -f FILE, and -r to retain.
+bool Publish(E2eEnvironment& env, std::vector<std::string> what) {
+    what.insert(what.begin(),
+                {"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(env.Broker().Port()),
+                 "-q", "1", "-t", "TTVI-Kelvane-C003.CTzelkDlcInitiation"});
+    testing::ChildProcess publisher({what, {}, env.WriteFile("publish.log", "")});
+    return publisher.WaitForExit(30s) == 0;
+}
+
 // Switches the ignition off and on again, the backend's next answers first given `faults`.
 void IgnitionAgain(E2eEnvironment& env, std::initializer_list<const char*> faults = {}) {
     env.Ignition(false);
@@ -235,12 +244,7 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
         env.StartVehicle();
     }));
     const auto payload = env.WriteFile("oversized.bin", std::string(16 << 20, 'p'));
-    testing::ChildProcess publisher(
-        {{"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(env.Broker().Port()), "-q", "1",
-          "-t", "TTVI-Kelvane-C003.CTzelkDlcInitiation", "-f", payload},
-         {},
-         payload + ".log"});
-    ASSERT_EQ(publisher.WaitForExit(30s), 0);
+    ASSERT_TRUE(Publish(env, {"-f", payload}));
     const auto received = env.ClientLogCount("MqttConnection: Message received");
     for (int i = 0; i < 3; ++i) {
         env.Push();
@@ -272,34 +276,16 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
 // (retained) push starts nothing, neither at the first start nor at the next.
 TEST(Scenarios, APushSentWhileStoppedUpdatesOnceAndAStoredOneNever) {
     E2eEnvironment env;
-    const auto publish = [&](const std::string& name, bool retain) {
-        std::vector<std::string> argv = {"mosquitto_pub",
-                                         "-h",
-                                         "127.0.0.1",
-                                         "-p",
-                                         std::to_string(env.Broker().Port()),
-                                         "-q",
-                                         "1",
-                                         "-t",
-                                         "TTVI-Kelvane-C003.CTzelkDlcInitiation",
-                                         "-m",
-                                         name};
-        if (retain) {
-            argv.push_back("-r");
-        }
-        testing::ChildProcess publisher({argv, {}, env.WriteFile(name + ".log", "")});
-        return publisher.WaitForExit(10s) == 0;
-    };
     constexpr const char* kReceived = "MQTT Message was received";
 
-    ASSERT_TRUE(publish("stored", true));
+    ASSERT_TRUE(Publish(env, {"-m", "stored", "-r"}));
     env.StartClient();
     ASSERT_TRUE(env.WaitForClientLog(kSubscribed));
     env.Push();
     ASSERT_TRUE(env.WaitForClientLog(kUpdated));
     EXPECT_EQ(env.StopClient(), 0);
     const auto subscribed = env.ClientLogCount(kSubscribed);
-    ASSERT_TRUE(publish("while-stopped", false));
+    ASSERT_TRUE(Publish(env, {"-m", "while-stopped"}));
     env.StartClient();
     // The kept push may arrive before the key-management services are found:
     // then the update fails, but it still starts once and reports.

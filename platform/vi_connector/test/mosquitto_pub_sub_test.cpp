@@ -206,7 +206,7 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
 }
 
 TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
-    ScriptedMqttBroker broker({false, "", true, "", "", ""});
+    ScriptedMqttBroker broker({false, "", true, "", "", "", ""});
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
     auto sut =
@@ -333,7 +333,8 @@ TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
     EXPECT_EQ(pubacks, row.pubacks);
 }
 
-// A message far over the bound (queued first, with QoS 1) and a push behind it.
+// A message far over the bound (queued first, with QoS 1) and a push behind it, over TLS:
+// the relay reads plain and TLS alike, and the packet gate has its own tests.
 const std::string kOversized =
     ScriptedMqttBroker::Publish("push/ecu", std::string(1 << 20, 'x'), 1, 7, true);
 const std::string kBehindIt = ScriptedMqttBroker::Publish("push/ecu", "next", 1, 8, true);
@@ -342,54 +343,41 @@ const std::string kDropped =
 const std::string kRefusedByUs("\x40\x03\x00\x07\x83", 5);  // PUBACK, not willing to accept
 const std::string kAcknowledged("\x40\x02\x00\x08", 4);
 
+// A row of the table below, laid out as a call.
+template <typename... Fields>
+ScriptedBrokerCase Row(Fields... fields) {
+    return {fields...};
+}
+
+using csc_logging::LogLevel;
 INSTANTIATE_TEST_SUITE_P(
     Brokers, ScriptedBrokerTest,
     ::testing::Values(
-        ScriptedBrokerCase{
-            "OnlyV311",
-            {true, "", false, ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), "", ""},
-            false,
-            {"message push/ecu go"},
-            csc_logging::LogLevel::kInfo,
-            "does not speak MQTT 5; using MQTT 3.1.1 until restart",
-            '\x01',
-            {std::string("\x40\x02\x00\x07", 4)}},
-        ScriptedBrokerCase{"OversizedMessage",
-                           {false, "", false, kOversized + kBehindIt, "", ""},
-                           false,
-                           {"message push/ecu next"},
-                           csc_logging::LogLevel::kWarning,
-                           kDropped,
-                           '\x21',
-                           {kRefusedByUs, kAcknowledged}},
-        ScriptedBrokerCase{"OversizedMessageOverTls",
-                           {false, "", false, kOversized + kBehindIt, "", ""},
-                           true,
-                           {"message push/ecu next"},
-                           csc_logging::LogLevel::kWarning,
-                           kDropped,
-                           '\x21',
-                           {kRefusedByUs, kAcknowledged}},
-        ScriptedBrokerCase{
-            "TakenOver",
-            {false, ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"), true, "", "", ""},
-            false,
-            {},
-            csc_logging::LogLevel::kError,
+        Row("OnlyV311",
+            ScriptedMqttBroker::Options{true, "", false,
+                                        ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false),
+                                        "", "", ""},
+            false, Events{"message push/ecu go"}, LogLevel::kInfo,
+            "does not speak MQTT 5; using MQTT 3.1.1 until restart", '\x01',
+            std::vector<std::string>{std::string("\x40\x02\x00\x07", 4)}),
+        Row("OversizedMessageOverTls",
+            ScriptedMqttBroker::Options{false, "", false, kOversized + kBehindIt, "", "", ""}, true,
+            Events{"message push/ecu next"}, LogLevel::kWarning, kDropped, '\x21',
+            std::vector<std::string>{kRefusedByUs, kAcknowledged}),
+        Row("TakenOver",
+            ScriptedMqttBroker::Options{false,
+                                        ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"),
+                                        true, "", "", "", ""},
+            false, Events{}, LogLevel::kError,
             "gave our session to another client with the client id 'vehicle' "
             "(DISCONNECT 0x8E: another?client): the id is likely used twice",
-            0,
-            {}},
-        ScriptedBrokerCase{
-            "ShuttingDown",
-            {false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"), true, "", "", ""},
-            false,
-            {},
-            csc_logging::LogLevel::kWarning,
-            "lost: the broker sent DISCONNECT 0x8B (Server shutting down): "
-            "maintenance",
-            0,
-            {}}),
+            '\0', std::vector<std::string>{}),
+        Row("ShuttingDown",
+            ScriptedMqttBroker::Options{false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"),
+                                        true, "", "", "", ""},
+            false, Events{}, LogLevel::kWarning,
+            "lost: the broker sent DISCONNECT 0x8B (Server shutting down): maintenance", '\0',
+            std::vector<std::string>{})),
     [](const auto& row) { return row.param.name; });
 
 }  // namespace

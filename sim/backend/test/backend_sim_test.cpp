@@ -1,7 +1,6 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <regex>
@@ -60,17 +59,12 @@ protected:
 
     /// Sends the bytes as they are; reads until the server closes or is `quiet` that long.
     Reply Send(const std::string& request, std::chrono::milliseconds quiet = 10s) const {
-        const unique_fd::UniqueFd fd(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in6 address{};
-        address.sin6_family = AF_INET6;
-        address.sin6_port = htons(port_);
-        address.sin6_addr = in6addr_loopback;
+        const unique_fd::UniqueFd fd(kelvane::testing::ConnectOnLoopback(port_, true));
         Reply reply;
         char buffer[4096];
         pollfd readable{fd.Get(), POLLIN, 0};
-        if (::connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-            ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(request.size())) {
+        if (fd && ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) ==
+                      static_cast<ssize_t>(request.size())) {
             while (reply.bytes.size() < 65536 &&
                    ::poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
                 const ssize_t n = ::recv(fd.Get(), buffer, sizeof(buffer), 0);

@@ -8,32 +8,60 @@
 #include <stdexcept>
 
 namespace kelvane::testing {
+namespace {
+
+union Address {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+};
+
+// A socket for 127.0.0.1 or ::1, and that address with `port`.
+int LoopbackSocket(Address& address, std::uint16_t port, bool ipv6) {
+    address = {};
+    if (ipv6) {
+        address.v6 = {AF_INET6, htons(port), 0, in6addr_loopback, 0};
+    } else {
+        address.v4 = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    }
+    return ::socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+}  // namespace
+
+int ListenOnLoopback(std::uint16_t& port, bool ipv6) {
+    Address address;
+    const int fd = LoopbackSocket(address, 0, ipv6);
+    socklen_t length = sizeof(address);
+    if (fd < 0 || ::bind(fd, &address.any, length) != 0 || ::listen(fd, 16) != 0 ||
+        ::getsockname(fd, &address.any, &length) != 0) {
+        ::close(fd);
+        throw std::runtime_error("cannot listen on loopback");
+    }
+    port = ntohs(address.v4.sin_port);  // where sin6_port is too
+    return fd;
+}
+
+int ConnectOnLoopback(std::uint16_t port, bool ipv6) {
+    Address address;
+    const int fd = LoopbackSocket(address, port, ipv6);
+    if (::connect(fd, &address.any, sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 std::uint16_t FreeTcpPort() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-    ::close(fd);
-    if (!bound) {
-        throw std::runtime_error("FreeTcpPort: cannot bind on loopback");
-    }
-    return ntohs(address.sin_port);
+    std::uint16_t port = 0;
+    ::close(ListenOnLoopback(port));
+    return port;
 }
 
 bool AcceptsConnections(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const bool connected =
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    const int fd = ConnectOnLoopback(port);
     ::close(fd);
-    return connected;
+    return fd >= 0;
 }
 
 }  // namespace kelvane::testing

@@ -1,8 +1,6 @@
 #include "test_support/scripted_mqtt_broker.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,6 +8,8 @@
 
 #include <cerrno>
 #include <stdexcept>
+
+#include "test_support/loopback.hpp"
 
 namespace kelvane::testing {
 namespace {
@@ -158,26 +158,22 @@ ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(opt
         SSL_CTX* tls = SSL_CTX_new(TLS_server_method());
         if (tls == nullptr ||
             SSL_CTX_use_certificate_chain_file(tls, options_.certFile.c_str()) != 1 ||
-            SSL_CTX_use_PrivateKey_file(tls, options_.keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+            SSL_CTX_use_PrivateKey_file(tls, options_.keyFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
+            // The server's own security level must not be what refuses a suite.
+            (!options_.suite.empty() &&
+             (SSL_CTX_set_max_proto_version(tls, TLS1_2_VERSION) != 1 ||
+              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1))) {
             SSL_CTX_free(tls);
             throw std::runtime_error("ScriptedMqttBroker: cannot load " + options_.certFile);
         }
         tls_ = tls;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listenFd_, 16) != 0 ||
-        ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+    listenFd_ = ListenOnLoopback(port_);
+    if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
         ::close(listenFd_);
         SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
-        throw std::runtime_error("ScriptedMqttBroker: cannot listen on loopback");
+        throw std::runtime_error("ScriptedMqttBroker: no pipe");
     }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -193,6 +189,11 @@ ScriptedMqttBroker::~ScriptedMqttBroker() {
 std::size_t ScriptedMqttBroker::Connections() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return connections_;
+}
+
+std::size_t ScriptedMqttBroker::Handshakes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return handshakes_;
 }
 
 std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
@@ -254,6 +255,10 @@ void ScriptedMqttBroker::Serve() {
         changed_.notify_all();
         Connection connection(fd, wakeFds_[0], static_cast<SSL_CTX*>(tls_));
         if (connection.Open()) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ++handshakes_;
+            }
             Play(connection, index);
         }
     }

@@ -1,8 +1,6 @@
 #include "test_support/scripted_tcp_server.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,26 +11,17 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "test_support/loopback.hpp"
+
 namespace kelvane::testing {
 
 ScriptedTcpServer::ScriptedTcpServer(Script script, Family family)
     : script_(std::move(script)), family_(family) {
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_addr = in6addr_loopback;
-    const bool ipv4 = family_ == Family::kIPv4;
-    auto* address = ipv4 ? reinterpret_cast<sockaddr*>(&v4) : reinterpret_cast<sockaddr*>(&v6);
-    socklen_t length = ipv4 ? sizeof(v4) : sizeof(v6);
-    listenFd_ = ::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listenFd_ < 0 || ::bind(listenFd_, address, length) != 0 || ::listen(listenFd_, 16) != 0 ||
-        ::getsockname(listenFd_, address, &length) != 0 || ::pipe2(wakeFds_, O_CLOEXEC) != 0) {
+    listenFd_ = ListenOnLoopback(port_, family_ == Family::kIPv6);
+    if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
         ::close(listenFd_);
-        throw std::runtime_error("ScriptedTcpServer: cannot listen on loopback");
+        throw std::runtime_error("ScriptedTcpServer: no pipe");
     }
-    port_ = ntohs(ipv4 ? v4.sin_port : v6.sin6_port);
     thread_ = std::thread([this] { Serve(); });
 }
 

@@ -26,6 +26,7 @@ public:
         std::string afterSuback;  // sent after every SUBACK
         std::string certFile;     // PEM, with keyFile: TLS
         std::string keyFile;
+        std::string suite;  // when set, TLS 1.2 with this one cipher suite only
     };
     /// A received packet: its type (upper four bits of the first byte), the
     /// connection it came on (0 = first) and its bytes.
@@ -42,6 +43,8 @@ public:
 
     std::uint16_t Port() const { return port_; }
     std::size_t Connections() const;
+    /// Connections whose TLS handshake (if any) completed.
+    std::size_t Handshakes() const;
     /// The packets of `type` received so far, once there are `count` of them
     /// (fewer on time-out).
     std::vector<Packet> WaitForPackets(std::uint8_t type, std::size_t count,
@@ -67,6 +70,7 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::size_t connections_ = 0;
+    std::size_t handshakes_ = 0;
     std::vector<Packet> packets_;
     std::thread thread_;
 };
