@@ -358,22 +358,19 @@ TEST(ServiceStateMonitorTest, ABackendThatRefusesTheClientsConnectionIsReportedG
     ASSERT_TRUE(kelvane::testing::WaitUntil(
         [&] { return sut.GetSessionStatus() == SessionStatus::kOk; }, 5s));
     RecordingStateCallback callback;
+    // The first probe may end before the subscription, so the first report may be 2.
+    const auto lastReported = [&] {
+        const States states = callback.Reported();
+        return states.empty() ? 0 : states.back();
+    };
     ASSERT_NE(sut.SubscribeTransactionTypeState(kServiceId, &callback, 0), 0U);
-    ASSERT_TRUE(kelvane::testing::WaitUntil(
-        [&] {
-            return callback.Reported() == States{1, 2};
-        },
-        5s));
+    ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return lastReported() == 2; }, 5s));
 
     backend.reset();
     EXPECT_EQ(sut.SocketConnect("T", "127.0.0.1", static_cast<std::uint16_t>(std::stoi(port))).fd,
               -1);
 
-    EXPECT_TRUE(kelvane::testing::WaitUntil(
-        [&] {
-            return callback.Reported() == States{1, 2, 1};
-        },
-        5s));
+    EXPECT_TRUE(kelvane::testing::WaitUntil([&] { return lastReported() == 1; }, 5s));
     sut.Stop();
 }
 
