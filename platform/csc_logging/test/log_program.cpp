@@ -13,59 +13,41 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "csc_logging/csc_logging.hpp"
 
-namespace {
-
-int BindJournalSocket() {
-    ::mkdir("/run/systemd", 0755);
-    ::mkdir("/run/systemd/journal", 0755);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/run/systemd/journal/socket");
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        return -1;
-    }
-    return fd;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-    int first = 2;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    const bool linger = !args.empty() && args[0] == "--linger";
+    args.erase(args.begin(), args.begin() + (linger ? 1 : 0));
     int journal = -1;
     std::string journalFile;
-    const bool linger = argc > 1 && std::string(argv[1]) == "--linger";
-    if (linger) {
-        ++argv;
-        --argc;
-    }
-    if (argc > 3 && std::string(argv[1]) == "--journal") {
-        journalFile = argv[2];
-        journal = BindJournalSocket();
-        if (journal < 0) {
+    if (args.size() > 2 && args[0] == "--journal") {
+        journalFile = args[1];
+        ::mkdir("/run/systemd", 0755);
+        ::mkdir("/run/systemd/journal", 0755);
+        sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+        journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (::bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
             return 3;
         }
         ::setenv("KELVANE_LOG", "journal", 1);
-        first = 4;
+        args.erase(args.begin(), args.begin() + 2);
     }
-    if (argc < first) {
+    if (args.empty()) {
         return 2;
     }
-    csc_logging::CSCLogging::InitLogging(argv[first - 1], "kelvane logging test");
-    for (int i = first; i < argc; ++i) {
-        const std::string argument = argv[i];
-        const auto colon = argument.find(':');
-        const auto level = csc_logging::ParseLogLevel(argument.substr(0, colon));
+    csc_logging::CSCLogging::InitLogging(args[0], "kelvane logging test");
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        const auto colon = args[i].find(':');
+        const auto level = csc_logging::ParseLogLevel(args[i].substr(0, colon));
         if (colon == std::string::npos || !level) {
             return 2;
         }
-        csc_logging::CSCLogging::Log(*level, argument.substr(colon + 1));
+        csc_logging::CSCLogging::Log(*level, args[i].substr(colon + 1));
     }
     if (journal >= 0) {
         std::ofstream out(journalFile);

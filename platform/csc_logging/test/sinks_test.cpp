@@ -3,9 +3,8 @@
 #include <unistd.h>
 
 #include <regex>
-#include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "test_support/child_process.hpp"
 #include "test_support/temporary_directory.hpp"
@@ -23,15 +22,6 @@ const std::string kHostile =
 const std::string kHostileEscaped =
     "Feedback payload - tesmoChallenge: '0A\\r\\nDLC Update finished successfully.\\x1b[2K\\\\'";
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 std::string DeviceAndInode(const std::string& path, int inodeOffset = 0) {
     struct stat status {};
     ::stat(path.c_str(), &status);
@@ -41,36 +31,29 @@ std::string DeviceAndInode(const std::string& path, int inodeOffset = 0) {
 TEST(SinksTest, ConsoleLinesCarryTheirPriorityOnlyWhenStderrIsTheJournalAndEachRecordIsOneLine) {
     kelvane::testing::TemporaryDirectory dir;
     const std::string output = dir.Write("stderr.log", "");
-    const struct {
-        const char* name;
-        std::string journalStream;
-        bool prefixed;
-    } cases[] = {{"stderr is the journal", DeviceAndInode(output), true},
-                 {"the journal is another file", DeviceAndInode(output, 1), false},
-                 {"no journal", "", false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    // Stderr is the journal, the journal is another file, no journal.
+    const std::pair<std::string, bool> cases[] = {
+        {DeviceAndInode(output), true}, {DeviceAndInode(output, 1), false}, {"", false}};
+    for (const auto& [journalStream, prefixed] : cases) {
+        SCOPED_TRACE(journalStream);
         ASSERT_EQ(::truncate(output.c_str(), 0), 0);
         ChildProcess program({{KELVANE_LOG_PROGRAM, "KV", "error:e", "warning:w",
                                "info:" + kHostile, "debug:d", "verbose:v"},
                               {{"KELVANE_LOG", "console"},
                                {"KELVANE_LOG_LEVEL", "verbose"},
-                               {"JOURNAL_STREAM", c.journalStream}},
+                               {"JOURNAL_STREAM", journalStream}},
                               output});
         ASSERT_EQ(program.WaitForExit(5s), 0) << ReadFile(output);
 
-        std::vector<std::string> lines;
-        for (const auto& line : Lines(ReadFile(output))) {
-            lines.push_back(std::regex_replace(
-                line, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z"), "T"));
-        }
-        const auto expect = [&](const char* priority, const std::string& rest) {
-            return (c.prefixed ? priority : "") + std::string("T KV ") + rest;
+        const auto line = [&](const char* priority, const std::string& rest) {
+            return (prefixed ? priority : "") + std::string("T KV ") + rest + "\n";
         };
-        EXPECT_EQ(lines,
-                  (std::vector<std::string>{expect("<3>", "error e"), expect("<4>", "warning w"),
-                                            expect("<6>", "info " + kHostileEscaped),
-                                            expect("<7>", "debug d"), expect("<7>", "verbose v")}));
+        EXPECT_EQ(std::regex_replace(
+                      ReadFile(output),
+                      std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z"), "T"),
+                  line("<3>", "error e") + line("<4>", "warning w") +
+                      line("<6>", "info " + kHostileEscaped) + line("<7>", "debug d") +
+                      line("<7>", "verbose v"));
     }
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -24,25 +25,19 @@ TEST(UnsetClockTest, AClockEarlierThanTheBuildDrawsOneWarningAndASetOneNone) {
         GTEST_SKIP() << "this build knows no date of its own";
     }
     kelvane::testing::TemporaryDirectory dir;
-    const struct {
-        std::vector<std::string> argv;
-        std::size_t warnings;
-    } cases[] = {
-        {{"faketime", "2001-09-09 01:46:40", KELVANE_EXECUTION_CLIENT_PROGRAM}, 1},
-        {{KELVANE_EXECUTION_CLIENT_PROGRAM}, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.argv.front());
+    const std::regex warning(
+        "KV warning System clock reads 2001-09-09 01:46:.*the clock is not set");
+    // Under faketime the clock reads 2001, and it warns.
+    for (const auto& argv : {std::vector<std::string>{"faketime", "2001-09-09 01:46:40",
+                                                      KELVANE_EXECUTION_CLIENT_PROGRAM},
+                             std::vector<std::string>{KELVANE_EXECUTION_CLIENT_PROGRAM}}) {
         const std::string output = dir.Write("output.log", "");
-        ChildProcess program({c.argv, {{"KELVANE_LOG", "console"}}, output});
+        ChildProcess program({argv, {{"KELVANE_LOG", "console"}}, output});
 
         ASSERT_EQ(program.WaitForExit(10s), 0);
 
         const std::string log = kelvane::testing::ReadFile(output);
-        const std::string warning = "KV warning System clock reads 2001-09-09 01:46:";
-        EXPECT_EQ(log.find(warning) != std::string::npos ? 1U : 0U, c.warnings) << log;
-        EXPECT_EQ(log.find("the clock is not set") != std::string::npos ? 1U : 0U, c.warnings)
-            << log;
+        EXPECT_EQ(std::regex_search(log, warning), argv.front() == "faketime") << log;
     }
 }
 
