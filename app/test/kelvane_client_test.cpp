@@ -26,6 +26,7 @@ namespace kelvane_client {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
 using qervo::tee::ClientError;
@@ -185,23 +186,23 @@ protected:
     std::shared_ptr<vi_connector::VIConnector> CreateViConnector(
         vi_connector::VISessionCallbackIf* callback) const override {
         vi->session = callback;
-        return failing == "vi" ? nullptr : vi;
+        return failing == "VIConnector" ? nullptr : vi;
     }
     std::shared_ptr<qervo::tee::ZELKOnlineUpdateAPI> CreateTee() const override {
-        return failing == "tee" ? throw std::runtime_error("no bus") : tee;
+        return failing == "Tee" ? throw std::runtime_error("no bus") : tee;
     }
     std::shared_ptr<csa_common::MqttConnectionIf> CreateMqttConnection(
         std::shared_ptr<vi_connector::VIConnector> /*connector*/,
         csa_common::MqttConnectionCbIf* /*callback*/) const override {
-        return failing == "mqtt" ? nullptr : mqtt;
+        return failing == "MqttConnection" ? nullptr : mqtt;
     }
     std::shared_ptr<BackendConnectionIf> CreateBackendConnection(
         std::shared_ptr<vi_connector::VIConnector> /*connector*/) const override {
-        return failing == "backend" ? nullptr : backend;
+        return failing == "BackendConnection" ? nullptr : backend;
     }
     std::shared_ptr<csa_common::ClampControlHandlerIf> CreateClampControlHandler(
         csa_common::ClampControlHandlerCbIf* /*callback*/) const override {
-        return failing == "clamp" ? nullptr : clamp;
+        return failing == "ClampControlHandler" ? nullptr : clamp;
     }
 
     void SetUp() override {
@@ -266,7 +267,7 @@ protected:
     std::shared_ptr<NiceMock<MockMqttConnection>> mqtt;
     std::shared_ptr<NiceMock<MockBackendConnection>> backend;
     std::shared_ptr<NiceMock<MockClampControlHandler>> clamp;
-    std::string failing;
+    std::string failing;  // the class name of a collaborator that cannot be created
     std::unique_ptr<KelvaneClient> sut;
 };
 
@@ -301,20 +302,15 @@ TEST_F(KelvaneClientTest, StartsInOrderAndEndsMqttDeliveryBeforeReleasingCollabo
 }
 
 TEST_F(KelvaneClientTest, CollaboratorThatCannotBeCreatedIsNamedAndStopsConstruction) {
-    const std::pair<std::string, std::string> rows[] = {
-        {"vi", "Cannot create VIConnector!"},
-        {"tee", "Cannot create Tee!"},
-        {"mqtt", "Cannot create MqttConnection!"},
-        {"backend", "Cannot create BackendConnection!"},
-        {"clamp", "Cannot create ClampControlHandler!"}};
-    for (const auto& [collaborator, message] : rows) {
+    for (const char* collaborator :
+         {"VIConnector", "Tee", "MqttConnection", "BackendConnection", "ClampControlHandler"}) {
         SCOPED_TRACE(collaborator);
         log.Clear();
         failing = collaborator;
 
         EXPECT_THROW(ConstructOnly(), std::runtime_error);
 
-        EXPECT_EQ(log.Count(LogLevel::kError, message), 1U);
+        EXPECT_EQ(log.Count(LogLevel::kError, "Cannot create "s + collaborator + "!"), 1U);
         EXPECT_FALSE(log.Contains("Waiting for VI-Connector to start"));
     }
 }
