@@ -7,12 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <ctime>
 #include <deque>
 #include <functional>
 #include <future>
 #include <map>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -26,6 +26,7 @@ namespace kelvane_client {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using csc_logging::LogCapture;
 using csc_logging::LogLevel;
 using qervo::tee::ClientError;
@@ -185,23 +186,23 @@ protected:
     std::shared_ptr<vi_connector::VIConnector> CreateViConnector(
         vi_connector::VISessionCallbackIf* callback) const override {
         vi->session = callback;
-        return failing == "vi" ? nullptr : vi;
+        return failing == "VIConnector" ? nullptr : vi;
     }
     std::shared_ptr<qervo::tee::ZELKOnlineUpdateAPI> CreateTee() const override {
-        return failing == "tee" ? throw std::runtime_error("no bus") : tee;
+        return failing == "Tee" ? throw std::runtime_error("no bus") : tee;
     }
     std::shared_ptr<csa_common::MqttConnectionIf> CreateMqttConnection(
         std::shared_ptr<vi_connector::VIConnector> /*connector*/,
         csa_common::MqttConnectionCbIf* /*callback*/) const override {
-        return failing == "mqtt" ? nullptr : mqtt;
+        return failing == "MqttConnection" ? nullptr : mqtt;
     }
     std::shared_ptr<BackendConnectionIf> CreateBackendConnection(
         std::shared_ptr<vi_connector::VIConnector> /*connector*/) const override {
-        return failing == "backend" ? nullptr : backend;
+        return failing == "BackendConnection" ? nullptr : backend;
     }
     std::shared_ptr<csa_common::ClampControlHandlerIf> CreateClampControlHandler(
         csa_common::ClampControlHandlerCbIf* /*callback*/) const override {
-        return failing == "clamp" ? nullptr : clamp;
+        return failing == "ClampControlHandler" ? nullptr : clamp;
     }
 
     void SetUp() override {
@@ -266,7 +267,7 @@ protected:
     std::shared_ptr<NiceMock<MockMqttConnection>> mqtt;
     std::shared_ptr<NiceMock<MockBackendConnection>> backend;
     std::shared_ptr<NiceMock<MockClampControlHandler>> clamp;
-    std::string failing;
+    std::string failing;  // the class name of a collaborator that cannot be created
     std::unique_ptr<KelvaneClient> sut;
 };
 
@@ -301,20 +302,15 @@ TEST_F(KelvaneClientTest, StartsInOrderAndEndsMqttDeliveryBeforeReleasingCollabo
 }
 
 TEST_F(KelvaneClientTest, CollaboratorThatCannotBeCreatedIsNamedAndStopsConstruction) {
-    const std::pair<std::string, std::string> rows[] = {
-        {"vi", "Cannot create VIConnector!"},
-        {"tee", "Cannot create Tee!"},
-        {"mqtt", "Cannot create MqttConnection!"},
-        {"backend", "Cannot create BackendConnection!"},
-        {"clamp", "Cannot create ClampControlHandler!"}};
-    for (const auto& [collaborator, message] : rows) {
+    for (const char* collaborator :
+         {"VIConnector", "Tee", "MqttConnection", "BackendConnection", "ClampControlHandler"}) {
         SCOPED_TRACE(collaborator);
         log.Clear();
         failing = collaborator;
 
         EXPECT_THROW(ConstructOnly(), std::runtime_error);
 
-        EXPECT_EQ(log.Count(LogLevel::kError, message), 1U);
+        EXPECT_EQ(log.Count(LogLevel::kError, "Cannot create "s + collaborator + "!"), 1U);
         EXPECT_FALSE(log.Contains("Waiting for VI-Connector to start"));
     }
 }
@@ -487,25 +483,16 @@ TEST_F(KelvaneClientTest, TimeoutFollowsWhatIsDue) {
 TEST_F(KelvaneClientTest, WithTheRealClockAWaitEndsOnlyAtATriggerOrAtItsDeadline) {
     sut = std::make_unique<KelvaneClient>(*this, std::make_shared<Clock>());
 
-    auto waiting = std::async(std::launch::async, [&] { sut->WaitForTrigger(5); });
-    ASSERT_TRUE(log.WaitFor("Process timeout set to: 5s", 5s));  // under the trigger's lock
+    // The trigger takes the lock: it gets through only while the wait has let go of it.
+    auto waiting = std::async(std::launch::async,
+                              [&] { sut->WaitForTrigger(KelvaneClient::kInfiniteTimeout); });
+    ASSERT_TRUE(log.WaitFor("Process timeout set to inf", 5s));  // under the trigger's lock
     EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
     sut->SendTrigger();
-    EXPECT_EQ(waiting.wait_for(4s), std::future_status::ready) << "woken, not timed out";
-
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool woken = false;
-    std::unique_lock<std::mutex> lock(mutex);
-    std::thread waker([&] {
-        const std::lock_guard<std::mutex> hold(mutex);  // only once the wait has let go
-        woken = true;
-        cv.notify_one();
-    });
-    Clock().Wait(cv, lock, std::nullopt, [&] { return woken; });
-    EXPECT_TRUE(woken);
-    lock.unlock();
-    waker.join();
+    EXPECT_EQ(waiting.wait_for(4s), std::future_status::ready) << "woken";
+    waiting = std::async(std::launch::async, [&] { sut->WaitForTrigger(1); });
+    EXPECT_EQ(waiting.wait_for(4s), std::future_status::ready) << "not ended by its deadline";
+    sut->SendTrigger();  // frees a wait that missed its deadline
 }
 
 TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReportsIt) {
@@ -530,16 +517,14 @@ TEST_F(KelvaneClientTest, SuccessfulUpdateHandsTheDecodedContainerOverAndReports
     // The challenge's bytes, then the fake's mark.
     const Bytes hash = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 0x60, 0x71, 0x82,
                         0x93, 0xA4, 0xB5, 0xC6, 0xD7, 0xE8, 0xF9, 0x1D};
-    for (const RequestParams* params : {&downloadParams, &feedbackParams}) {
-        EXPECT_EQ(params->tesmoChallenge, kChallenge);
-        EXPECT_EQ(params->diagnosticID, "DIAG-1");
-        EXPECT_EQ(params->partNumber, "V04007000TB");
-        EXPECT_EQ(params->tesmoIdString, "TESMO-ID");
-        EXPECT_EQ(params->zelkVin, (Bytes{'V', 'I', 'N'}));
-        EXPECT_EQ(params->trainingCounter, 42);
-        EXPECT_EQ(params->pssHash, Bytes{0x55});
-        EXPECT_EQ(params->identityHash, hash);
-    }
+    const auto fields = [](const RequestParams& p) {
+        return std::tie(p.tesmoChallenge, p.diagnosticID, p.partNumber, p.tesmoIdString, p.zelkVin,
+                        p.trainingCounter, p.pssHash, p.identityHash);
+    };
+    const RequestParams expected{kChallenge,      "DIAG-1", "V04007000TB", "TESMO-ID",
+                                 {'V', 'I', 'N'}, 42,       {0x55},        hash};
+    EXPECT_EQ(fields(downloadParams), fields(expected));
+    EXPECT_EQ(fields(feedbackParams), fields(expected));
     EXPECT_LT(log.IndexOf("DLC Update finished successfully."),
               log.IndexOf("Status feedback sent successfully"));
     EXPECT_EQ(log.Count(LogLevel::kError, ""), 0U) << log.Dump();
@@ -551,86 +536,76 @@ TEST_F(KelvaneClientTest, FailingStepEndsTheUpdateThereAndTheFeedbackStillReport
         ON_CALL(*backend, ChallengeRequest(_, _, _))
             .WillByDefault(DoAll(Invoke(meanwhile), SetArgReferee<2>(text), Return(true)));
     };
+    const auto download = [&](const std::string& container) {
+        ON_CALL(*backend, DownloadRequest(_, _, _, _))
+            .WillByDefault(DoAll(SetArgReferee<3>(container), Return(true)));
+    };
     // Rows are named by their first log line.
     struct Row {
-        // Downloads requested, identity hashes computed (request, feedback), feedbacks sent.
-        std::array<int, 3> calls;
         Step arrange;
-        std::vector<std::string> logged;
+        // Identity hashes count those for the request and for the feedback.
+        int downloads, hashes, feedbacks;
+        std::string logged;  // lines, each to be found in the log
     };
     const Row rows[] = {
-        {{0, 0, 1},
-         [&] { vi->tokenStatus[ChallengeRequestOperationTypeId] = 0; },
-         {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=0",
-          "ChallengeToByteBufferVector Wrong challenge length: '0'",
-          "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"}},
-        {{1, 2, 0},
-         [&] { vi->tokenStatus[StatusFeedbackOperationTypeId] = 2; },
-         {"Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcStatusFeedback', status=2"}},
-        {{0, 0, 1},
-         [&] { vi->urlStatus[ChallengeRequestOperationTypeId] = 2; },
-         {"Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=2"}},
-        {{0, 0, 1},
-         [&] { challenge(std::string(kChallenge).substr(1)); },
-         {"ChallengeToByteBufferVector Wrong challenge length: '31'",
-          "SetRequestParameters(): Incorrect Tesmo Challenge!",
-          "SetRequestParameters(): Setting the request parameters Failed!"}},
-        {{0, 0, 1},
-         [&] { challenge(std::string(kChallenge) + "0"); },
-         {"ChallengeToByteBufferVector Wrong challenge length: '33'",
-          "SetRequestParameters(): Incorrect Tesmo Challenge!"}},
-        {{0, 0, 1},
-         [&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); },
-         {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"}},
-        {{0, 0, 1},
-         [&] { challenge("0A1B2C3D4E5F607182+9A4B5C6D7E8F9"); },  // std::stoi would take it
-         {"ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '+9'"}},
-        {{0, 1, 1},
-         [&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(kTeeError)); },
-         {"SetRequestParameters(): zelk_get_zelk_vin Failed!",
-          "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"}},
-        {{0, 2, 1},
-         [&] { vi->urlStatus[DownloadRequestOperationTypeId] = 1; },
-         {"Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'",
-          "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"}},
-        {{0, 0, 0},
-         [&] { vi->SetConnectionState(4); },
-         {"Challenge request cancelled! Connection state: 4",
-          "Status feedback sending cancelled! Connection state: 4"}},
-        {{0, 2, 0},
-         [&] { challenge(kChallenge, [&] { vi->SetConnectionState(1); }); },
-         {"DLC download request cancelled! Connection state: 1",
-          "Status feedback sending cancelled! Connection state: 1"}},
-        {{1, 2, 1},
-         [&] {
-             ON_CALL(*backend, DownloadRequest(_, _, _, _))
-                 .WillByDefault(DoAll(SetArgReferee<3>(""), Return(true)));
+        {[&] { vi->tokenStatus[ChallengeRequestOperationTypeId] = 0; }, 0, 0, 1,
+         "Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=0\n"
+         "ChallengeToByteBufferVector Wrong challenge length: '0'\n"
+         "SetFeedbackParameters(): Empty challenge, identityHash set to empty!"},
+        {[&] { vi->tokenStatus[StatusFeedbackOperationTypeId] = 2; }, 1, 2, 0,
+         "Failed to get the Token for 'TTVI-Kelvane-C003.COzelkDlcStatusFeedback', status=2"},
+        {[&] { vi->urlStatus[ChallengeRequestOperationTypeId] = 2; }, 0, 0, 1,
+         "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcChallenge', status=2"},
+        {[&] { challenge(std::string(kChallenge).substr(1)); }, 0, 0, 1,
+         "ChallengeToByteBufferVector Wrong challenge length: '31'\n"
+         "SetRequestParameters(): Incorrect Tesmo Challenge!\n"
+         "SetRequestParameters(): Setting the request parameters Failed!"},
+        {[&] { challenge(std::string(kChallenge) + "0"); }, 0, 0, 1,
+         "ChallengeToByteBufferVector Wrong challenge length: '33'\n"
+         "SetRequestParameters(): Incorrect Tesmo Challenge!"},
+        {[&] { challenge("0A1B2C3D4E5F6071829GA4B5C6D7E8F9"); }, 0, 0, 1,
+         "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '9G'"},
+        // std::stoi would take "+9".
+        {[&] { challenge("0A1B2C3D4E5F607182+9A4B5C6D7E8F9"); }, 0, 0, 1,
+         "ChallengeToByteBufferVectorChallenge parsing failed! Not hexadecimal digit: '+9'"},
+        {[&] { ON_CALL(*tee, zelk_get_zelk_vin(_)).WillByDefault(Return(kTeeError)); }, 0, 1, 1,
+         "SetRequestParameters(): zelk_get_zelk_vin Failed!\n"
+         "SetFeedbackParameters(): zelk_get_zelk_vin Failed!"},
+        {[&] { vi->urlStatus[DownloadRequestOperationTypeId] = 1; }, 0, 2, 1,
+         "Got Token for 'TTVI-Kelvane-C003.COzelkDlcDownload'\n"
+         "Failed to get the URL for 'TTVI-Kelvane-C003.COzelkDlcDownload', status=1"},
+        {[&] { vi->SetConnectionState(4); }, 0, 0, 0,
+         "Challenge request cancelled! Connection state: 4\n"
+         "Status feedback sending cancelled! Connection state: 4"},
+        {[&] { challenge(kChallenge, [&] { vi->SetConnectionState(1); }); }, 0, 2, 0,
+         "DLC download request cancelled! Connection state: 1\n"
+         "Status feedback sending cancelled! Connection state: 1"},
+        {[&] {
+             download("");
              EXPECT_CALL(*tee, zelk_handle_dlc(_)).Times(0);
          },
-         {"Error downloading the container!"}},
-        {{1, 2, 1},
-         [&] {
-             ON_CALL(*backend, DownloadRequest(_, _, _, _))
-                 .WillByDefault(DoAll(SetArgReferee<3>("*** not base64 ***"), Return(true)));
+         1, 2, 1, "Error downloading the container!"},
+        {[&] {
+             download("*** not base64 ***");
              EXPECT_CALL(*tee, zelk_handle_dlc(Bytes{})).WillOnce(Return(kTeeError));
          },
-         {"Error handling the DLC-container, bad DLC!"}},
-        {{1, 2, 1},
-         [&] { ON_CALL(*backend, SendStatusFeedback(_, _, _)).WillByDefault(Return(1)); },
-         {"Error sending status feedback!"}}};
+         1, 2, 1, "Error handling the DLC-container, bad DLC!"},
+        {[&] { ON_CALL(*backend, SendStatusFeedback(_, _, _)).WillByDefault(Return(1)); }, 1, 2, 1,
+         "Error sending status feedback!"}};
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.logged[0]);
+        SCOPED_TRACE(row.logged);
         Fresh();
         log.Clear();
         Construct();
         row.arrange();
-        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(row.calls[0]);
-        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(row.calls[1]);
-        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(row.calls[2]);
+        EXPECT_CALL(*backend, DownloadRequest(_, _, _, _)).Times(row.downloads);
+        EXPECT_CALL(*tee, zelk_get_identity_hash(_, _)).Times(row.hashes);
+        EXPECT_CALL(*backend, SendStatusFeedback(_, _, _)).Times(row.feedbacks);
 
         sut->SendStatusFeedBack(sut->HandleDlcUpdate());
 
-        for (const std::string& line : row.logged) {
+        std::istringstream logged(row.logged);
+        for (std::string line; std::getline(logged, line);) {
             EXPECT_TRUE(log.Contains(line)) << line;
         }
         ::testing::Mock::VerifyAndClearExpectations(backend.get());

@@ -123,10 +123,8 @@ TEST(SupervisionConfigTest, PeriodComesFromTheFileWithinLimitsAndHalfTheWatchdog
         const std::string path =
             text ? directory.Write("phm.ini", *text) : directory.File("absent/phm.ini");
         csc_logging::LogCapture log;
-        std::optional<std::chrono::microseconds> watchdog;
-        if (watchdogUs > 0) {
-            watchdog = std::chrono::microseconds(watchdogUs);
-        }
+        const auto watchdog =
+            watchdogUs > 0 ? std::optional(std::chrono::microseconds(watchdogUs)) : std::nullopt;
 
         EXPECT_EQ(SupervisionConfig::Load(path, watchdog).keepAlivePeriod,
                   std::chrono::milliseconds(periodMs));
