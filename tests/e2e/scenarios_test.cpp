@@ -272,33 +272,5 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     EXPECT_EQ(env.StopClient(), 0);
 }
 
-// A push sent with QoS 1 while the client is stopped updates once when it is back; a stored
-// (retained) push starts nothing, neither at the first start nor at the next.
-TEST(Scenarios, APushSentWhileStoppedUpdatesOnceAndAStoredOneNever) {
-    E2eEnvironment env;
-    constexpr const char* kReceived = "MQTT Message was received";
-
-    ASSERT_TRUE(Publish(env, {"-m", "stored", "-r"}));
-    env.StartClient();
-    ASSERT_TRUE(env.WaitForClientLog(kSubscribed));
-    env.Push();
-    ASSERT_TRUE(env.WaitForClientLog(kUpdated));
-    EXPECT_EQ(env.StopClient(), 0);
-    const auto subscribed = env.ClientLogCount(kSubscribed);
-    ASSERT_TRUE(Publish(env, {"-m", "while-stopped"}));
-    env.StartClient();
-    // The kept push may arrive before the key-management services are found:
-    // then the update fails, but it still starts once and reports.
-    ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, 2));
-    ASSERT_TRUE(env.WaitForClientLog(kSubscribed, subscribed + 1));
-    env.Push();  // after an update made for a push, ignored; it marks the end
-    ASSERT_TRUE(env.WaitForClientLog(kReceived, 3));
-
-    EXPECT_EQ(env.ClientLogCount(kStarted), 2U);
-    EXPECT_EQ(env.ClientLogCount(kReceived), 3U);
-    EXPECT_EQ(env.ClientLogCount(" Ignored!"), 1U);
-    EXPECT_EQ(env.StopClient(), 0);
-}
-
 }  // namespace
 }  // namespace kelvane::e2e
