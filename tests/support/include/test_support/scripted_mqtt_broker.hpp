@@ -63,12 +63,13 @@ private:
 
     Options options_;
     int listenFd_ = -1;
-    int wakeFds_[2] = {-1, -1};
     std::uint16_t port_ = 0;
     void* tls_ = nullptr;  // SSL_CTX
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
+    int servingFd_ = -1;  // the connection being served
+    bool stopping_ = false;
     std::size_t connections_ = 0;
     std::size_t handshakes_ = 0;
     std::vector<Packet> packets_;
