@@ -206,7 +206,9 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
 }
 
 TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
-    ScriptedMqttBroker broker({false, "", true, "", "", "", ""});
+    ScriptedMqttBroker::Options acceptAndDrop;
+    acceptAndDrop.closeAfterConnack = true;
+    ScriptedMqttBroker broker(acceptAndDrop);
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
     auto sut =

@@ -133,9 +133,14 @@ ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(opt
             // The server's own security level must not be what refuses a suite.
             (!options_.suite.empty() &&
              (SSL_CTX_set_max_proto_version(tls, TLS1_2_VERSION) != 1 ||
-              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1))) {
+              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1)) ||
+            (!options_.clientCaFile.empty() &&
+             SSL_CTX_load_verify_locations(tls, options_.clientCaFile.c_str(), nullptr) != 1)) {
             SSL_CTX_free(tls);
             throw std::runtime_error("ScriptedMqttBroker: cannot load " + options_.certFile);
+        }
+        if (!options_.clientCaFile.empty()) {
+            SSL_CTX_set_verify(tls, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
         tls_ = tls;
     }

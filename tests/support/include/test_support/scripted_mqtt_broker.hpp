@@ -26,7 +26,8 @@ public:
         std::string afterSuback;  // sent after every SUBACK
         std::string certFile;     // PEM, with keyFile: TLS
         std::string keyFile;
-        std::string suite;  // when set, TLS 1.2 with this one cipher suite only
+        std::string suite;         // when set, TLS 1.2 with this one cipher suite only
+        std::string clientCaFile;  // when set, a client certificate from this CA is demanded
     };
     /// A received packet: its type (upper four bits of the first byte), the
     /// connection it came on (0 = first) and its bytes.
