@@ -90,22 +90,6 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
         10s))
         << LastStatus(notify);
 
-    // Also the size and time bounds of a challenge answer that never ends.
-    const struct {
-        const char* fault;
-        const char* line;
-    } failures[] = {{"download=bad-mac", "Error handling the DLC-container, bad DLC!"},
-                    {"challenge=flood", "HttpConnection: response exceeds 1048576 bytes"}};
-    for (const auto& failure : failures) {
-        SCOPED_TRACE(failure.fault);
-        const auto feedbacks = env.ClientLogCount(kFeedbackSent);
-        IgnitionAgain(env, {failure.fault});
-        ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, feedbacks + 1, 75s));
-        EXPECT_EQ(env.ClientLogCount(failure.line), 1U);
-    }
-    std::cout << "peak RSS after a flooded challenge: " << env.ClientPeakRssKiB() << " KiB\n";
-    EXPECT_LT(env.ClientPeakRssKiB(), kRssLimitKiB);
-
     // A token file with a line break: no request leaves, the log names the file, not the token.
     env.WriteFile("backend.token", std::string(kToken) + "\r\nX-Evil: 1\n");
     const auto exchanges = env.BackendEventCount("\"exchange\"");
