@@ -4,11 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -55,15 +53,12 @@ const std::set<std::string> kClientCalls = {
 const std::string kUnrelated = "org.example.Unrelated";
 
 std::vector<std::string> MethodsOf(const std::string& descriptionFile) {
-    std::ifstream file(std::string(KELVANE_IDL_DIR) + "/" + descriptionFile);
-    std::stringstream text;
-    text << file.rdbuf();
+    const std::string text = ReadFile(std::string(KELVANE_IDL_DIR) + "/" + descriptionFile);
     std::vector<std::string> methods;
     const std::string marker = "<method name=\"";
-    for (auto at = text.str().find(marker); at != std::string::npos;
-         at = text.str().find(marker, at + 1)) {
+    for (auto at = text.find(marker); at != std::string::npos; at = text.find(marker, at + 1)) {
         const auto start = at + marker.size();
-        methods.push_back(text.str().substr(start, text.str().find('"', start) - start));
+        methods.push_back(text.substr(start, text.find('"', start) - start));
     }
     return methods;
 }

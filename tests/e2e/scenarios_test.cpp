@@ -7,7 +7,6 @@
 #include "e2e_environment.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/loopback.hpp"
-#include "test_support/notify_socket.hpp"
 #include "test_support/test_certificates.hpp"
 
 namespace kelvane::e2e {
@@ -29,28 +28,6 @@ std::size_t TokenCopiesASecondLater(const E2eEnvironment& env) {
     const auto copies = env.ClientMemoryCount(std::string(kToken).substr(16));
     std::cout << "copies of the token in the client's memory: " << copies << "\n";
     return copies;
-}
-
-// The last STATUS= the client sent systemd, its time left out.
-std::string LastStatus(testing::NotifySocket& notify) {
-    std::string last;
-    for (const auto& message : notify.Messages()) {
-        if (message.rfind("STATUS=", 0) == 0) {
-            last = message;
-        }
-    }
-    const auto time = last.find(" UTC: ");
-    return time == std::string::npos ? last
-                                     : last.substr(0, time - 19) + "T" + last.substr(time + 4);
-}
-
-// mosquitto_pub with QoS 1 to the push topic; `what` is -m TEXT or -f FILE, and -r to retain.
-bool Publish(E2eEnvironment& env, std::vector<std::string> what) {
-    what.insert(what.begin(),
-                {"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(env.Broker().Port()),
-                 "-q", "1", "-t", "TTVI-Kelvane-C003.CTzelkDlcInitiation"});
-    testing::ChildProcess publisher({what, {}, env.WriteFile("publish.log", "")});
-    return publisher.WaitForExit(30s) == 0;
 }
 
 // Switches the ignition off and on again, the backend's next answers first given `faults`.
@@ -78,7 +55,6 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
     env.StopBackend();
     const std::string tokenFile = env.UseTokenFile();
     const auto before = env.VehicleStatus();
-    testing::NotifySocket notify;
     env.StartClient();
 
     // No backend yet: the update waits for it, then its download fails.
@@ -93,27 +69,8 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
     ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent));
     EXPECT_EQ(env.ClientLogCount("Error downloading the container!"), 1U);
     EXPECT_EQ(TokenCopiesASecondLater(env), 0U);
-    // Ready again once the push topic is subscribed, which waited for the backend too.
-    EXPECT_TRUE(testing::WaitUntil(
-        [&] { return LastStatus(notify) == "STATUS=Ready; last update T: failed (download)"; },
-        10s))
-        << LastStatus(notify);
-
-    // Also the size and time bounds of a challenge answer that never ends.
-    const struct {
-        const char* fault;
-        const char* line;
-    } failures[] = {{"download=bad-mac", "Error handling the DLC-container, bad DLC!"},
-                    {"challenge=flood", "HttpConnection: response exceeds 1048576 bytes"}};
-    for (const auto& failure : failures) {
-        SCOPED_TRACE(failure.fault);
-        const auto feedbacks = env.ClientLogCount(kFeedbackSent);
-        IgnitionAgain(env, {failure.fault});
-        ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, feedbacks + 1, 75s));
-        EXPECT_EQ(env.ClientLogCount(failure.line), 1U);
-    }
-    std::cout << "peak RSS after a flooded challenge: " << env.ClientPeakRssKiB() << " KiB\n";
-    EXPECT_LT(env.ClientPeakRssKiB(), kRssLimitKiB);
+    // Ready once the push topic is subscribed, which waited for the backend too.
+    EXPECT_TRUE(env.WaitForClientLog(kReady, 1, 10s));
 
     // A token file with a line break: no request leaves, the log names the file, not the token.
     env.WriteFile("backend.token", std::string(kToken) + "\r\nX-Evil: 1\n");
@@ -160,7 +117,6 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
     ASSERT_TRUE(env.WaitForClientLog("Challenge received successfully", challenges + 1));
     EXPECT_EQ(env.StopClient(10s), 0);
     EXPECT_EQ(env.ClientLogCount(kUpdated), 1U);
-    EXPECT_EQ(LastStatus(notify), "STATUS=Stopping; last update T: finished");
     EXPECT_EQ(env.VehicleStatus().at("trainingCounter"),
               before.at("trainingCounter").get<int>() + 1);
     EXPECT_EQ(env.BackendEventCount("\"outcome\":\"updated\""), 1U);
@@ -171,28 +127,16 @@ TEST(Scenarios, EachFailureLeavesTheKeyStoreAndTheNextIgnitionTriesAgain) {
 TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     testing::TemporaryDirectory pki;
     testing::MakeTestCertificates(pki.Path());
-    const auto serveAs = [&](const std::string& name) {
-        for (const std::string extension : {".pem", ".key"}) {
-            pki.Write("broker" + extension, testing::ReadFile(pki.File(name + extension)));
-        }
-    };
-    serveAs("other-name");
     const auto port = std::to_string(testing::FreeTcpPort());
     E2eEnvironment env(pki.Path(), "user root\nlistener " + port + " 127.0.0.1\ncafile " +
-                                       pki.File("ca.pem") + "\ncertfile " + pki.File("broker.pem") +
-                                       "\nkeyfile " + pki.File("broker.key") + "\n");
+                                       pki.File("ca.pem") + "\ncertfile " + pki.File("server.pem") +
+                                       "\nkeyfile " + pki.File("server.key") + "\n");
     env.ReplaceInConnectorConfig("port = " + std::to_string(env.Broker().Port()) + "\n",
                                  "port = " + port + "\ntls_ca_file = " + pki.File("ca.pem") + "\n");
     env.UseTokenFile();
     const auto before = env.VehicleStatus();
     env.StartClient();
 
-    // A broker certificate for another name is refused, the right one accepted.
-    ASSERT_TRUE(env.WaitForClientLog("cannot connect to MQTT broker 127.0.0.1:" + port));
-    EXPECT_EQ(env.ClientLogCount("VIConnector: MQTT connected"), 0U);
-    serveAs("server");
-    env.Broker().Stop();
-    env.Broker().Start();
     ASSERT_TRUE(env.WaitForClientLog(kReady, 1, 30s));
     ASSERT_TRUE(env.WaitForClientLog(kSubscribed));
 
@@ -237,14 +181,12 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     // The feedback still asks the vehicle for its identity; the restart below is one while idle.
     ASSERT_TRUE(env.WaitForClientLog("Status feedback sent", feedbacks + 1));
 
-    // The key-management service restarts; a 16 MiB message never reaches the client, and
-    // after a pushed update the next two pushes are ignored and the third updates.
+    // The key-management service restarts; after a pushed update the next two pushes are
+    // ignored and the third updates.
     ASSERT_TRUE(ReadyAgainAfter(env, [&] {
         env.StopVehicle();
         env.StartVehicle();
     }));
-    const auto payload = env.WriteFile("oversized.bin", std::string(16 << 20, 'p'));
-    ASSERT_TRUE(Publish(env, {"-f", payload}));
     const auto received = env.ClientLogCount("MqttConnection: Message received");
     for (int i = 0; i < 3; ++i) {
         env.Push();
@@ -253,8 +195,6 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     EXPECT_EQ(env.ClientLogCount("MqttConnection: Message received"), received + 3);
     EXPECT_EQ(env.ClientLogCount("Update job #1 Ignored!"), 1U);
     EXPECT_EQ(env.ClientLogCount("Update job #2 Ignored!"), 1U);
-    std::cout << "peak RSS after a 16 MiB push message: " << env.ClientPeakRssKiB() << " KiB\n";
-    EXPECT_LT(env.ClientPeakRssKiB(), kRssLimitKiB);
 
     // A burst of pushes starts updates only as the rules allow, and loses none of them.
     const auto messages = env.ClientLogCount("MQTT Message was received");
@@ -269,34 +209,6 @@ TEST(Scenarios, TriggersUpdateAsTheRulesSayAndSurviveEveryPeersRestart) {
     EXPECT_LE(started, 34U);
     EXPECT_GE(env.ClientLogCount(" Ignored!") - ignoredBefore, 2 * started);
     EXPECT_EQ(env.BackendEventCount("\"exchange\":\"feedback\""), env.ClientLogCount(kStarted));
-    EXPECT_EQ(env.StopClient(), 0);
-}
-
-// A push sent with QoS 1 while the client is stopped updates once when it is back; a stored
-// (retained) push starts nothing, neither at the first start nor at the next.
-TEST(Scenarios, APushSentWhileStoppedUpdatesOnceAndAStoredOneNever) {
-    E2eEnvironment env;
-    constexpr const char* kReceived = "MQTT Message was received";
-
-    ASSERT_TRUE(Publish(env, {"-m", "stored", "-r"}));
-    env.StartClient();
-    ASSERT_TRUE(env.WaitForClientLog(kSubscribed));
-    env.Push();
-    ASSERT_TRUE(env.WaitForClientLog(kUpdated));
-    EXPECT_EQ(env.StopClient(), 0);
-    const auto subscribed = env.ClientLogCount(kSubscribed);
-    ASSERT_TRUE(Publish(env, {"-m", "while-stopped"}));
-    env.StartClient();
-    // The kept push may arrive before the key-management services are found:
-    // then the update fails, but it still starts once and reports.
-    ASSERT_TRUE(env.WaitForClientLog(kFeedbackSent, 2));
-    ASSERT_TRUE(env.WaitForClientLog(kSubscribed, subscribed + 1));
-    env.Push();  // after an update made for a push, ignored; it marks the end
-    ASSERT_TRUE(env.WaitForClientLog(kReceived, 3));
-
-    EXPECT_EQ(env.ClientLogCount(kStarted), 2U);
-    EXPECT_EQ(env.ClientLogCount(kReceived), 3U);
-    EXPECT_EQ(env.ClientLogCount(" Ignored!"), 1U);
     EXPECT_EQ(env.StopClient(), 0);
 }
 

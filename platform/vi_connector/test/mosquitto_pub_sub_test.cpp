@@ -206,7 +206,9 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
 }
 
 TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
-    ScriptedMqttBroker broker({false, "", true, "", "", "", ""});
+    ScriptedMqttBroker::Options acceptAndDrop;
+    acceptAndDrop.closeAfterConnack = true;
+    ScriptedMqttBroker broker(acceptAndDrop);
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
     auto sut =
@@ -286,7 +288,8 @@ INSTANTIATE_TEST_SUITE_P(Protocols, PersistentSessionTest, ::testing::Values("5"
 // Brokers mosquitto cannot play, scripted byte by byte.
 struct ScriptedBrokerCase {
     std::string name;
-    ScriptedMqttBroker::Options broker;
+    bool onlyV311;
+    std::string afterConnack;  // a DISCONNECT there ends each connection
     bool tls;
     Events messages;  // what the callback sees
     csc_logging::LogLevel level;
@@ -304,7 +307,10 @@ class ScriptedBrokerTest : public ::testing::TestWithParam<ScriptedBrokerCase> {
 TEST_P(ScriptedBrokerTest, PushesArriveAsTheBrokerAllows) {
     const auto& row = GetParam();
     kelvane::testing::TemporaryDirectory pki;
-    auto options = row.broker;
+    ScriptedMqttBroker::Options options;
+    options.onlyV311 = row.onlyV311;
+    options.afterConnack = row.afterConnack;
+    options.closeAfterConnack = row.afterConnack.rfind('\xe0', 0) == 0;
     std::string settings;
     if (row.tls) {
         kelvane::testing::MakeTestCertificates(pki.Path());
@@ -343,41 +349,30 @@ const std::string kDropped =
 const std::string kRefusedByUs("\x40\x03\x00\x07\x83", 5);  // PUBACK, not willing to accept
 const std::string kAcknowledged("\x40\x02\x00\x08", 4);
 
-// A row of the table below, laid out as a call.
-template <typename... Fields>
-ScriptedBrokerCase Row(Fields... fields) {
-    return {fields...};
-}
-
 using csc_logging::LogLevel;
 INSTANTIATE_TEST_SUITE_P(
     Brokers, ScriptedBrokerTest,
     ::testing::Values(
-        Row("OnlyV311",
-            ScriptedMqttBroker::Options{true, "", false,
-                                        ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false),
-                                        "", "", ""},
-            false, Events{"message push/ecu go"}, LogLevel::kInfo,
-            "does not speak MQTT 5; using MQTT 3.1.1 until restart", '\x01',
-            std::vector<std::string>{std::string("\x40\x02\x00\x07", 4)}),
-        Row("OversizedMessageOverTls",
-            ScriptedMqttBroker::Options{false, "", false, kOversized + kBehindIt, "", "", ""}, true,
-            Events{"message push/ecu next"}, LogLevel::kWarning, kDropped, '\x21',
-            std::vector<std::string>{kRefusedByUs, kAcknowledged}),
-        Row("TakenOver",
-            ScriptedMqttBroker::Options{false,
-                                        ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"),
-                                        true, "", "", "", ""},
-            false, Events{}, LogLevel::kError,
-            "gave our session to another client with the client id 'vehicle' "
-            "(DISCONNECT 0x8E: another?client): the id is likely used twice",
-            '\0', std::vector<std::string>{}),
-        Row("ShuttingDown",
-            ScriptedMqttBroker::Options{false, ScriptedMqttBroker::Disconnect(0x8b, "maintenance"),
-                                        true, "", "", "", ""},
-            false, Events{}, LogLevel::kWarning,
-            "lost: the broker sent DISCONNECT 0x8B (Server shutting down): maintenance", '\0',
-            std::vector<std::string>{})),
+        ScriptedBrokerCase{"OnlyV311", true,
+                           ScriptedMqttBroker::Publish("push/ecu", "go", 1, 7, false), false,
+                           Events{"message push/ecu go"}, LogLevel::kInfo,
+                           "does not speak MQTT 5; using MQTT 3.1.1 until restart", '\x01',
+                           std::vector<std::string>{std::string("\x40\x02\x00\x07", 4)}},
+        ScriptedBrokerCase{"OversizedMessageOverTls", false, kOversized + kBehindIt, true,
+                           Events{"message push/ecu next"}, LogLevel::kWarning, kDropped, '\x21',
+                           std::vector<std::string>{kRefusedByUs, kAcknowledged}},
+        ScriptedBrokerCase{"TakenOver", false,
+                           ScriptedMqttBroker::Disconnect(0x8e, "another\nclient"), false, Events{},
+                           LogLevel::kError,
+                           "gave our session to another client with the client id 'vehicle' "
+                           "(DISCONNECT 0x8E: another?client): the id is likely used twice",
+                           '\0', std::vector<std::string>{}},
+        ScriptedBrokerCase{"ShuttingDown", false,
+                           ScriptedMqttBroker::Disconnect(0x8b, "maintenance"), false, Events{},
+                           LogLevel::kWarning,
+                           "lost: the broker sent DISCONNECT 0x8B (Server shutting down): "
+                           "maintenance",
+                           '\0', std::vector<std::string>{}}),
     [](const auto& row) { return row.param.name; });
 
 }  // namespace

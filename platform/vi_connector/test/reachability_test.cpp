@@ -62,7 +62,7 @@ using Wakeup = RouteSourceIf::Wakeup;
 
 // The kernel's routes and the clock as the monitor sees them. The test moves
 // both, and waits until the monitor has done what they ask of it.
-class FakeKernel {
+class FakeKernel : public RouteSourceIf {
 public:
     Clock::time_point Now() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -112,12 +112,12 @@ public:
 
     void RunFor(Clock::duration span) { RunUntil(Now() + span); }
 
-    std::string RouteTo(const std::string& address) {
+    std::string RouteTo(const std::string& address) override {
         std::lock_guard<std::mutex> lock(mutex_);
         return routes_[address];
     }
 
-    Wakeup Wait(Clock::time_point deadline, int wakeFd) {
+    Wakeup Wait(Clock::time_point deadline, int wakeFd) override {
         std::unique_lock<std::mutex> lock(mutex_);
         ++waits_;
         deadline_ = deadline;
@@ -166,18 +166,6 @@ private:
     Clock::time_point deadline_;
 };
 
-class FakeRouteSource : public RouteSourceIf {
-public:
-    explicit FakeRouteSource(FakeKernel& kernel) : kernel_(kernel) {}
-    Wakeup Wait(Clock::time_point deadline, int wakeFd) override {
-        return kernel_.Wait(deadline, wakeFd);
-    }
-    std::string RouteTo(const std::string& address) override { return kernel_.RouteTo(address); }
-
-private:
-    FakeKernel& kernel_;
-};
-
 constexpr const char* kBackend = "192.0.2.10";
 constexpr auto kMinute = std::chrono::minutes(1);
 
@@ -194,7 +182,7 @@ struct Watched {
                 probes.push_back(kernel.Now());
                 return answering.load();
             },
-            kBackend, std::make_unique<FakeRouteSource>(kernel), ServiceStateMonitor::Schedule{},
+            kBackend, std::move(ownedKernel), ServiceStateMonitor::Schedule{},
             [this] { return kernel.Now(); });
         sut->Subscribe(kServiceId, &callback);
         subscribed = true;
@@ -216,7 +204,8 @@ struct Watched {
         return gaps;
     }
 
-    FakeKernel kernel;
+    std::unique_ptr<FakeKernel> ownedKernel = std::make_unique<FakeKernel>();  // the monitor's
+    FakeKernel& kernel = *ownedKernel;
     RecordingStateCallback callback;
     std::atomic<bool> answering;
     std::atomic<bool> subscribed{false};
@@ -325,7 +314,8 @@ TEST(ServiceStateMonitorTest, FixedStateIsReportedOnceAndDestructionCancelsABloc
 
     std::atomic<bool> blocked{false};
     std::atomic<bool> sawCancel{false};
-    FakeKernel kernel;
+    auto ownedKernel = std::make_unique<FakeKernel>();
+    FakeKernel& kernel = *ownedKernel;
     kernel.SetRoute(kBackend, "dev lo");
     auto sut = std::make_unique<ServiceStateMonitor>(
         [&](int cancelFd) {
@@ -334,7 +324,7 @@ TEST(ServiceStateMonitorTest, FixedStateIsReportedOnceAndDestructionCancelsABloc
             sawCancel = ::poll(&cancel, 1, 10000) == 1;
             return true;
         },
-        kBackend, std::make_unique<FakeRouteSource>(kernel), ServiceStateMonitor::Schedule{},
+        kBackend, std::move(ownedKernel), ServiceStateMonitor::Schedule{},
         [&] { return kernel.Now(); });
     RecordingStateCallback callback;
     sut->Subscribe(kServiceId, &callback);

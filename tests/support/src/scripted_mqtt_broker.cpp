@@ -1,12 +1,10 @@
 #include "test_support/scripted_mqtt_broker.hpp"
 
-#include <fcntl.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -18,7 +16,7 @@ constexpr std::uint8_t kConnect = 1;
 constexpr std::uint8_t kSubscribe = 8;
 constexpr std::uint8_t kPingreq = 12;
 constexpr std::uint8_t kDisconnect = 14;
-constexpr int kIoTimeoutMs = 30000;
+constexpr int kIoTimeoutSeconds = 30;
 
 std::string VarInt(std::size_t value) {
     std::string bytes;
@@ -43,21 +41,18 @@ std::string Uint16(std::uint16_t value) {
 
 }  // namespace
 
-// One accepted connection, plain or TLS, on a non-blocking socket; every wait
-// also ends when the broker is destroyed.
+// One accepted connection, plain or TLS, on a blocking socket: every wait ends
+// on time-out or when the broker shuts the socket down.
 class ScriptedMqttBroker::Connection {
 public:
-    Connection(int fd, int wakeFd, SSL_CTX* tls) : fd_(fd), wakeFd_(wakeFd) {
-        ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+    Connection(int fd, SSL_CTX* tls) : fd_(fd) {
+        const timeval timeout{kIoTimeoutSeconds, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
         if (tls != nullptr) {
             ssl_ = SSL_new(tls);
             SSL_set_fd(ssl_, fd_);
-            for (int done = 0; (done = SSL_accept(ssl_)) != 1;) {
-                if (!Wait(SSL_get_error(ssl_, done))) {
-                    open_ = false;
-                    break;
-                }
-            }
+            open_ = SSL_accept(ssl_) == 1;
         }
     }
     ~Connection() {
@@ -65,7 +60,6 @@ public:
             SSL_shutdown(ssl_);
             SSL_free(ssl_);
         }
-        ::close(fd_);
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -101,11 +95,10 @@ public:
                 ssl_ != nullptr
                     ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(chunk))
                     : static_cast<int>(::send(fd_, bytes.data() + sent, chunk, MSG_NOSIGNAL));
-            if (put > 0) {
-                sent += static_cast<std::size_t>(put);
-            } else if (!Wait(ssl_ != nullptr ? SSL_get_error(ssl_, put) : SSL_ERROR_WANT_WRITE)) {
+            if (put <= 0) {
                 return false;
             }
+            sent += static_cast<std::size_t>(put);
         }
         return true;
     }
@@ -118,37 +111,15 @@ private:
             const std::size_t chunk = size - got;
             const int read = ssl_ != nullptr ? SSL_read(ssl_, into + got, static_cast<int>(chunk))
                                              : static_cast<int>(::recv(fd_, into + got, chunk, 0));
-            if (read > 0) {
-                got += static_cast<std::size_t>(read);
-            } else if (read == 0 && ssl_ == nullptr) {
-                return false;
-            } else if (!Wait(ssl_ != nullptr ? SSL_get_error(ssl_, read) : SSL_ERROR_WANT_READ)) {
+            if (read <= 0) {
                 return false;
             }
+            got += static_cast<std::size_t>(read);
         }
         return true;
     }
 
-    // True when the socket became ready for what `error` asks; false at the
-    // end of the connection, on time-out or when the broker stops.
-    bool Wait(int error) {
-        if (ssl_ == nullptr && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-            return false;
-        }
-        short events = 0;
-        if (error == SSL_ERROR_WANT_READ) {
-            events = POLLIN;
-        } else if (error == SSL_ERROR_WANT_WRITE) {
-            events = POLLOUT;
-        } else {
-            return false;
-        }
-        pollfd entries[2] = {{wakeFd_, POLLIN, 0}, {fd_, events, 0}};
-        return ::poll(entries, 2, kIoTimeoutMs) > 0 && entries[0].revents == 0;
-    }
-
     int fd_;
-    int wakeFd_;
     SSL* ssl_ = nullptr;
     bool open_ = true;
 };
@@ -162,27 +133,31 @@ ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(opt
             // The server's own security level must not be what refuses a suite.
             (!options_.suite.empty() &&
              (SSL_CTX_set_max_proto_version(tls, TLS1_2_VERSION) != 1 ||
-              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1))) {
+              SSL_CTX_set_cipher_list(tls, (options_.suite + ":@SECLEVEL=0").c_str()) != 1)) ||
+            (!options_.clientCaFile.empty() &&
+             SSL_CTX_load_verify_locations(tls, options_.clientCaFile.c_str(), nullptr) != 1)) {
             SSL_CTX_free(tls);
             throw std::runtime_error("ScriptedMqttBroker: cannot load " + options_.certFile);
+        }
+        if (!options_.clientCaFile.empty()) {
+            SSL_CTX_set_verify(tls, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
         tls_ = tls;
     }
     listenFd_ = ListenOnLoopback(port_);
-    if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
-        ::close(listenFd_);
-        SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
-        throw std::runtime_error("ScriptedMqttBroker: no pipe");
-    }
     thread_ = std::thread([this] { Serve(); });
 }
 
 ScriptedMqttBroker::~ScriptedMqttBroker() {
-    (void)!::write(wakeFds_[1], "s", 1);
-    thread_.join();
-    for (const int fd : {listenFd_, wakeFds_[0], wakeFds_[1]}) {
-        ::close(fd);
+    // Shutting the sockets down ends a blocked accept or read at once.
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        ::shutdown(servingFd_, SHUT_RDWR);
     }
+    ::shutdown(listenFd_, SHUT_RDWR);
+    thread_.join();
+    ::close(listenFd_);
     SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
 }
 
@@ -236,31 +211,28 @@ std::string ScriptedMqttBroker::Disconnect(std::uint8_t reason, const std::strin
 
 void ScriptedMqttBroker::Serve() {
     for (;;) {
-        pollfd entries[2] = {{wakeFds_[0], POLLIN, 0}, {listenFd_, POLLIN, 0}};
-        if (::poll(entries, 2, -1) < 0 && errno == EINTR) {
-            continue;
-        }
-        if (entries[0].revents != 0) {
-            return;
-        }
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (stopping_ || fd < 0) {
+            ::close(fd);
+            if (stopping_) {
+                return;
+            }
             continue;
         }
-        std::size_t index = 0;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            index = connections_++;
-        }
+        servingFd_ = fd;
+        const std::size_t index = connections_++;
+        lock.unlock();
         changed_.notify_all();
-        Connection connection(fd, wakeFds_[0], static_cast<SSL_CTX*>(tls_));
-        if (connection.Open()) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                ++handshakes_;
-            }
+        if (Connection connection(fd, static_cast<SSL_CTX*>(tls_)); connection.Open()) {
+            lock.lock();
+            ++handshakes_;
+            lock.unlock();
             Play(connection, index);
         }
+        lock.lock();
+        servingFd_ = -1;
+        ::close(fd);
     }
 }
 

@@ -106,8 +106,7 @@ void ScriptedTcpServer::Play(int fd) {
     for (const auto& step : script_.steps_) {
         std::size_t consumed = step.count;
         switch (step.kind) {
-            case Script::Kind::kReceiveRequest:
-            case Script::Kind::kReceiveHeader: {
+            case Script::Kind::kReceiveRequest: {
                 std::size_t headerEnd = 0;
                 while ((headerEnd = pending.find("\r\n\r\n")) == std::string::npos) {
                     if (!Read(fd, pending, pending.size() + 1)) {
@@ -119,7 +118,7 @@ void ScriptedTcpServer::Play(int fd) {
                                [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
                 const auto length = header.find("\r\ncontent-length:");
                 consumed = headerEnd + 4;
-                if (step.kind == Script::Kind::kReceiveRequest && length != std::string::npos) {
+                if (length != std::string::npos) {
                     consumed += std::strtoul(header.c_str() + length + 17, nullptr, 10);
                 }
                 break;

@@ -26,7 +26,8 @@ public:
         std::string afterSuback;  // sent after every SUBACK
         std::string certFile;     // PEM, with keyFile: TLS
         std::string keyFile;
-        std::string suite;  // when set, TLS 1.2 with this one cipher suite only
+        std::string suite;         // when set, TLS 1.2 with this one cipher suite only
+        std::string clientCaFile;  // when set, a client certificate from this CA is demanded
     };
     /// A received packet: its type (upper four bits of the first byte), the
     /// connection it came on (0 = first) and its bytes.
@@ -63,12 +64,13 @@ private:
 
     Options options_;
     int listenFd_ = -1;
-    int wakeFds_[2] = {-1, -1};
     std::uint16_t port_ = 0;
     void* tls_ = nullptr;  // SSL_CTX
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
+    int servingFd_ = -1;  // the connection being served
+    bool stopping_ = false;
     std::size_t connections_ = 0;
     std::size_t handshakes_ = 0;
     std::vector<Packet> packets_;

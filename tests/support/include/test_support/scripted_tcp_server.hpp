@@ -23,8 +23,6 @@ public:
     public:
         /// One HTTP request: its header, then as many body bytes as its Content-Length says.
         Script& ReceiveRequest() { return Add(Kind::kReceiveRequest); }
-        /// A request header only (a client that expects "100 Continue" sends no more).
-        Script& ReceiveHeader() { return Add(Kind::kReceiveHeader); }
         Script& ReceiveBytes(std::size_t count) { return Add(Kind::kReceiveBytes, {}, count); }
         Script& Send(std::string bytes) { return Add(Kind::kSend, std::move(bytes)); }
         Script& Pause(std::chrono::milliseconds duration) {
@@ -38,14 +36,7 @@ public:
 
     private:
         friend class ScriptedTcpServer;
-        enum class Kind {
-            kReceiveRequest,
-            kReceiveHeader,
-            kReceiveBytes,
-            kSend,
-            kPause,
-            kKeepOpen
-        };
+        enum class Kind { kReceiveRequest, kReceiveBytes, kSend, kPause, kKeepOpen };
         struct Step {
             Kind kind;
             std::string bytes;
