@@ -29,6 +29,12 @@ constexpr int kAnswerLimitMs = 1000;
 // Every address gets this route when the kernel cannot be asked.
 constexpr const char* kStandInRoute = "unknown (no netlink)";
 
+// NLMSG_OK, whose comparison of a signed length with an unsigned one clang rejects.
+bool MessageFits(const nlmsghdr* header, int left) {
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+           header->nlmsg_len <= static_cast<unsigned>(left);
+}
+
 int RemainingMs(Clock::time_point deadline) {
     if (deadline == Clock::time_point::max()) {
         return -1;
@@ -156,7 +162,7 @@ bool NetlinkRouteSource::DrainEvents() {
             return changed;
         }
         int left = static_cast<int>(got);
-        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); NLMSG_OK(header, left);
+        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); MessageFits(header, left);
              header = NLMSG_NEXT(header, left)) {
             switch (header->nlmsg_type) {
                 case RTM_NEWLINK:
@@ -201,7 +207,7 @@ std::vector<char> NetlinkRouteSource::Ask(const void* request, std::size_t size)
             return {};
         }
         int left = static_cast<int>(got);
-        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); NLMSG_OK(header, left);
+        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); MessageFits(header, left);
              header = NLMSG_NEXT(header, left)) {
             // An answer to an earlier question that timed out is passed over.
             if (header->nlmsg_seq != sequence) {
