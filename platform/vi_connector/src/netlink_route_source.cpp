@@ -8,13 +8,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstring>
 
 #include "csc_logging/csc_logging.hpp"
+#include "poll_deadline.hpp"
 
 namespace vi_connector {
 namespace {
@@ -33,19 +32,6 @@ constexpr const char* kStandInRoute = "unknown (no netlink)";
 bool MessageFits(const nlmsghdr* header, int left) {
     return left >= static_cast<int>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
            header->nlmsg_len <= static_cast<unsigned>(left);
-}
-
-int RemainingMs(Clock::time_point deadline) {
-    if (deadline == Clock::time_point::max()) {
-        return -1;
-    }
-    const auto left = deadline - Clock::now();
-    if (left <= Clock::duration::zero()) {
-        return 0;
-    }
-    // Rounded up: waking a little early would only wait again.
-    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-    return static_cast<int>(std::min<long long>(ms, INT_MAX));
 }
 
 UniqueFd OpenRouteSocket(std::uint32_t groups) {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "csc_logging/csc_logging.hpp"
+#include "poll_deadline.hpp"
 #include "unique_fd/unique_fd.hpp"
 
 namespace vi_connector {
@@ -29,12 +30,6 @@ constexpr std::uint32_t kTimedOut = 3;
 struct AddrInfoDeleter {
     void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
 };
-
-int RemainingMs(Clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
 
 // 0 and the connected descriptor, or an errno value and none.
 int ConnectOne(const addrinfo& address, Clock::time_point deadline, unique_fd::UniqueFd& fdOut) {

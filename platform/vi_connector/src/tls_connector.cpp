@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "csc_logging/csc_logging.hpp"
+#include "poll_deadline.hpp"
 #include "sigpipe_block.hpp"
 #include "tcp_connect.hpp"
 #include "tls_common.hpp"
@@ -55,12 +56,6 @@ int OnCertificateRequest(SSL* ssl, X509** /*certificate*/, EVP_PKEY** /*key*/) {
         state->certificateRequested = true;
     }
     return 0;  // nothing to send
-}
-
-int RemainingMs(Clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 // 1 ready, 0 time out, -1 error.
