@@ -9,6 +9,7 @@
 #include <string>
 
 #include "csc_logging/log_sink.hpp"
+#include "syslog_priority.hpp"
 
 namespace csc_logging {
 namespace {
@@ -25,21 +26,6 @@ bool StderrIsTheJournal() {
     return ::fstat(STDERR_FILENO, &status) == 0 &&
            static_cast<unsigned long long>(status.st_dev) == device &&
            static_cast<unsigned long long>(status.st_ino) == inode;
-}
-
-const char* JournalPriority(LogLevel level) {
-    switch (level) {
-        case LogLevel::kError:
-            return "<3>";
-        case LogLevel::kWarning:
-            return "<4>";
-        case LogLevel::kInfo:
-            return "<6>";
-        case LogLevel::kDebug:
-        case LogLevel::kVerbose:
-            break;
-    }
-    return "<7>";
 }
 
 }  // namespace
@@ -67,7 +53,8 @@ ConsoleSink::ConsoleSink() : toJournal_(StderrIsTheJournal()) {}
 
 void ConsoleSink::Write(const LogRecord& record) {
     std::string line =
-        toJournal_ ? JournalPriority(record.level) + FormatRecord(record) : FormatRecord(record);
+        toJournal_ ? "<" + std::to_string(SyslogPriority(record.level)) + ">" + FormatRecord(record)
+                   : FormatRecord(record);
     line.push_back('\n');
     const char* data = line.data();
     std::size_t left = line.size();

@@ -6,27 +6,14 @@
 #include <systemd/sd-journal.h>
 
 #include <cerrno>
+#include <string>
 #include <string_view>
 
 #include "csc_logging/story_line.hpp"
+#include "syslog_priority.hpp"
 
 namespace csc_logging {
 namespace {
-
-std::string_view Priority(LogLevel level) {
-    switch (level) {
-        case LogLevel::kError:
-            return "PRIORITY=3";
-        case LogLevel::kWarning:
-            return "PRIORITY=4";
-        case LogLevel::kInfo:
-            return "PRIORITY=6";
-        case LogLevel::kDebug:
-        case LogLevel::kVerbose:
-            break;
-    }
-    return "PRIORITY=7";
-}
 
 iovec Field(std::string_view text) {
     return {const_cast<char*>(text.data()), text.size()};
@@ -39,8 +26,9 @@ JournalSink::JournalSink()
 
 void JournalSink::Write(const LogRecord& record) {
     const std::string message = "MESSAGE=" + record.text;
+    const std::string priority = "PRIORITY=" + std::to_string(SyslogPriority(record.level));
     std::string messageId;
-    iovec fields[4] = {Field(message), Field(Priority(record.level)), Field(identifier_), {}};
+    iovec fields[4] = {Field(message), Field(priority), Field(identifier_), {}};
     int count = 3;
     if (const auto story = FindStoryLine(record.text); story && !story->messageId.empty()) {
         messageId = "MESSAGE_ID=" + std::string(story->messageId);
