@@ -21,9 +21,8 @@
 #include "test_support/temporary_directory.hpp"
 #include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 
-// The installed D-Bus policy and the platform's signal handling on a private bus
-// configured like Debian's system bus. Calls and forgeries come from other users,
-// so these tests need root.
+// The installed D-Bus policy and our signal handling on a bus configured like Debian's
+// system bus; calls and forgeries come from other users, so these tests need root.
 namespace {
 
 using namespace std::chrono_literals;
@@ -64,9 +63,8 @@ std::vector<std::string> MethodsOf(const std::string& descriptionFile) {
     return methods;
 }
 
-// A dbus-daemon with the default context of Debian's system.conf (method calls
-// need a hole), reachable by other users, reading our policy with the service
-// user renamed to `serviceUser` and a vendor's service policy, in either order.
+// Debian's system.conf (method calls need a hole), open to other users, reading our policy
+// for `serviceUser` and a vendor's service policy, in either order.
 class SystemLikeBus {
 public:
     SystemLikeBus(const std::string& serviceUser, bool oursFirst)

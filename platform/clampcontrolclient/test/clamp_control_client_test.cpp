@@ -12,8 +12,7 @@
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 
-// The client against the service, both on a bus of the test's own. A restarted bus is
-// walked through end to end.
+// A restarted bus is walked through end to end.
 namespace clampcontrolclient {
 namespace {
 
