@@ -99,9 +99,8 @@ public:
 
     std::string Address() const { return "unix:path=" + socket_; }
 
-    // dbus-send as `user` (nobody stands for anybody, Debian's daemon user for
-    // the service user): "reached" when the bus delivered a call (no object
-    // answers it), "denied" when the bus refused it, else what it printed.
+    // dbus-send as `user` (nobody: anybody; daemon: the service user): "reached" when the bus
+    // delivered a call (no object answers it), "denied" when it refused, else what it printed.
     std::string SendAs(const std::string& user, const std::string& group,
                        const std::vector<std::string>& arguments) {
         const auto output = directory_.File("send." + std::to_string(++sends_));

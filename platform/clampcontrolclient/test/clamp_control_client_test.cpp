@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <stdexcept>
 #include <string>
 
 #include "clampcontrolclient/clamp_control_service.hpp"
@@ -54,7 +53,6 @@ TEST(ClampControlClientTest, SubscribesOnlyWhenStartedWithABusAndAnAcceptingServ
     ASSERT_TRUE(WaitUntil([&] { return calls == 2; }, kTimeout));
     EXPECT_EQ(sut.Subscribe(), "");
     service.SetAcceptSubscriptions(true);
-    EXPECT_THROW(ClampControlClient().Subscribe(), std::logic_error);  // not started
 
     EXPECT_FALSE(sut.Subscribe().empty());
     service.SetClampState(false);  // no change, no signal

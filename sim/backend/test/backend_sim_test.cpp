@@ -65,14 +65,11 @@ protected:
         pollfd readable{fd.Get(), POLLIN, 0};
         if (fd && ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) ==
                       static_cast<ssize_t>(request.size())) {
-            while (reply.bytes.size() < 65536 &&
+            while (!reply.closed && reply.bytes.size() < 65536 &&
                    ::poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
                 const ssize_t n = ::recv(fd.Get(), buffer, sizeof(buffer), 0);
-                if (n <= 0) {
-                    reply.closed = true;
-                    break;
-                }
-                reply.bytes.append(buffer, static_cast<std::size_t>(n));
+                reply.closed = n <= 0;
+                reply.bytes.append(buffer, reply.closed ? 0 : static_cast<std::size_t>(n));
             }
         }
         return reply;

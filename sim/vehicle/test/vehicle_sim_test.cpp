@@ -117,8 +117,7 @@ TEST_F(VehicleSimTest, MethodsRaiseTheirInterfacesErrorsAndFailPointsHitOnce) {
     EXPECT_EQ(sut_->Stop(5000ms), 0);
 }
 
-// Killed at any moment of a write, the key store holds the old or the new
-// state, complete and consistent, never a mixture or a torn file.
+// Killed at any moment of a write, the key store holds the old or the new state, never a torn mix.
 TEST_F(VehicleSimTest, KeyStoreAlwaysLoadsAfterAWriterIsKilledMidWrite) {
     std::mt19937 random(std::random_device{}());
     std::uint16_t lastSeen = 0;
