@@ -6,50 +6,44 @@
 #include <vector>
 
 #include "ac/com/runtime/component_singleton.hpp"
+#include "ac/dm/genericuds/genericuds_proxy.hpp"
+#include "ac/dm/genericuds/genericuds_skeleton.hpp"
 #include "ara/com/com_error_domain.hpp"
 #include "csc_logging/log_capture.hpp"
 #include "error_domain.hpp"
 #include "service_domains.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
-#include "zelk/interfaces/diagservices/diagservices_proxy.hpp"
 #include "zelk/interfaces/diagservices/diagservices_skeleton.hpp"
 
-// The binding on a bus of the test's own. Method values, application errors and a
-// service that comes and goes are carried through the client's accessors in their
-// own tests.
+// The binding on a bus of the test's own; each service's methods and errors are carried
+// through the client's accessors in their own tests.
 namespace {
 
 using namespace std::chrono_literals;
+using ac::dm::genericuds::proxy::GenericUDSServiceProxy;
 using kelvane::testing::PrivateDbusDaemon;
 using kelvane::testing::WaitUntil;
-using zelk::interfaces::diagservices::proxy::DiagServicesProxy;
 using Bytes = std::vector<std::uint8_t>;
 using Sizes = std::vector<std::size_t>;
 namespace diag = zelk::interfaces::diagservices;
+namespace uds = ac::dm::genericuds;
 
 constexpr auto kTimeout = 5s;
-const ara::core::InstanceSpecifier kDiagInstance(diag::kInstance);
+const ara::core::InstanceSpecifier kUdsInstance(uds::kInstance);
 
-class FakeDiagServices : public diag::skeleton::DiagServicesSkeleton {
+class FakeUdsService : public uds::skeleton::GenericUDSServiceSkeleton {
 public:
-    using DiagServicesSkeleton::DiagServicesSkeleton;
-    ~FakeDiagServices() override { StopOfferService(); }
+    ~FakeUdsService() override { StopOfferService(); }
 
-    void CheckVerificationHash(const Hash&) override {}
-    diag::DebugOutput Debug(const Bytes&) override { return {}; }
-    diag::GetIdentityHashOutput GetIdentityHash(const Hash&) override { return {}; }
-    diag::GetKeyListOutput GetKeyList() override { return {}; }
-    diag::GetMissingKeyListOutput GetMissingKeyList() override { return {}; }
-    diag::GetPssHashOutput GetPssHash() override { return {}; }
-    diag::GetStatusOutput GetStatus() override { return {}; }
-    diag::GetTrainingCounterOutput GetTrainingCounter() override { return {0xbeef}; }
-    diag::GetZelkVINOutput GetZelkVIN() override { return {}; }
-    void HandleDlc(const Bytes& dlc) override {
-        if (dlc.empty()) {
-            throw diag::MakeApplicationError(diag::DiagServicesErrc::ZELK_ERROR_DLC_INVALID_MAC);
+    uds::HandleMessageOutput HandleMessage(std::uint8_t sid, const Bytes&) override {
+        if (sid == 0) {
+            throw uds::MakeApplicationError(uds::GenericUDSServiceErrc::UDSServiceFailed);
         }
-        throw std::runtime_error("storage exploded");
+        if (sid == 1) {
+            throw std::runtime_error("storage exploded");
+        }
+        return {{sid}};
     }
 };
 
@@ -78,43 +72,43 @@ struct Availability {
     Sizes sizes;
 };
 
-DiagServicesProxy ProxyOn(const PrivateDbusDaemon& bus) {
-    return DiagServicesProxy(ara::com::ServiceHandle(bus.Address(),
-                                                     "zelk.interfaces.diagservices.DiagServices",
-                                                     "/zelk/interfaces/diagservices/DiagServices"));
+GenericUDSServiceProxy ProxyOn(const PrivateDbusDaemon& bus) {
+    return GenericUDSServiceProxy(ara::com::ServiceHandle(bus.Address(),
+                                                          "ac.dm.genericuds.GenericUDSService",
+                                                          "/ac/dm/genericuds/GenericUDSService"));
 }
 
 TEST(AraBindingTest, SearchesAndCallsFollowTheOfferThroughALostBusUntilStopped) {
     csc_logging::LogCapture log;
     PrivateDbusDaemon bus;
     ac::com::runtime::Component_singleton component(true, "test");
-    FakeDiagServices service;
+    FakeUdsService service;
     Availability early;
     Availability late;
     auto proxy = ProxyOn(bus);
-    EXPECT_THROW(proxy.GetTrainingCounter().get(), ara::com::ComException);
-    auto earlySearch = DiagServicesProxy::StartFindService(early.Handler(), kDiagInstance);
+    EXPECT_THROW(proxy.HandleMessage(0x22, {}).get(), ara::com::ComException);
+    auto earlySearch = GenericUDSServiceProxy::StartFindService(early.Handler(), kUdsInstance);
     service.OfferService();
     ASSERT_EQ(early.Reported(1), Sizes{1});
     // Failures in the service come back as application or binding errors; the proxy goes on.
-    EXPECT_THROW(proxy.HandleDlc(Bytes{}).get(), ara::com::ApplicationErrorException);
-    EXPECT_THROW(proxy.HandleDlc(Bytes{0xee}).get(), ara::com::ComException);
-    EXPECT_EQ(proxy.GetTrainingCounter().get().trainingCounter, 0xbeef);
+    EXPECT_THROW(proxy.HandleMessage(0, {}).get(), ara::com::ApplicationErrorException);
+    EXPECT_THROW(proxy.HandleMessage(1, {}).get(), ara::com::ComException);
+    EXPECT_EQ(proxy.HandleMessage(0x22, {}).get().responseData, Bytes{0x22});
 
     bus.Stop();
     EXPECT_TRUE(log.WaitFor("ara::com: lost bus", kTimeout));
     bus.Start();
 
     EXPECT_EQ(early.Reported(3), (Sizes{1, 0, 1}));
-    EXPECT_EQ(ProxyOn(bus).GetTrainingCounter().get().trainingCounter, 0xbeef);
+    EXPECT_EQ(ProxyOn(bus).HandleMessage(0x22, {}).get().responseData, Bytes{0x22});
     // A search started after the offer finds it with no empty list first.
-    auto lateSearch = DiagServicesProxy::StartFindService(late.Handler(), kDiagInstance);
+    auto lateSearch = GenericUDSServiceProxy::StartFindService(late.Handler(), kUdsInstance);
     EXPECT_EQ(late.Reported(1), Sizes{1});
-    DiagServicesProxy::StopFindService(earlySearch);
+    GenericUDSServiceProxy::StopFindService(earlySearch);
     service.StopOfferService();
     EXPECT_EQ(late.Reported(2), (Sizes{1, 0}));
     EXPECT_EQ(early.Reported(), (Sizes{1, 0, 1}));
-    DiagServicesProxy::StopFindService(lateSearch);
+    GenericUDSServiceProxy::StopFindService(lateSearch);
 }
 
 TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {
@@ -134,7 +128,6 @@ TEST(AraBindingTest, DeclaredErrorsGoOnTheBusByNameAndAnythingElseIsAComError) {
                  ara::com::ComException);
     EXPECT_THROW(sut.Raise(sdbus::Error("org.freedesktop.DBus.Error.NoReply", "")),
                  ara::com::ComException);
-    EXPECT_THROW(sut.Make(22), std::out_of_range);
 }
 
 }  // namespace

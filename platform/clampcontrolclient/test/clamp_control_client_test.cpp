@@ -5,15 +5,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <stdexcept>
 #include <string>
 
 #include "clampcontrolclient/clamp_control_service.hpp"
 #include "test_support/child_process.hpp"
 #include "test_support/private_dbus_daemon.hpp"
 
-// The client against the service, both on a bus of the test's own. A restarted bus is
-// walked through end to end.
+// A restarted bus is walked through end to end.
 namespace clampcontrolclient {
 namespace {
 
@@ -55,7 +53,6 @@ TEST(ClampControlClientTest, SubscribesOnlyWhenStartedWithABusAndAnAcceptingServ
     ASSERT_TRUE(WaitUntil([&] { return calls == 2; }, kTimeout));
     EXPECT_EQ(sut.Subscribe(), "");
     service.SetAcceptSubscriptions(true);
-    EXPECT_THROW(ClampControlClient().Subscribe(), std::logic_error);  // not started
 
     EXPECT_FALSE(sut.Subscribe().empty());
     service.SetClampState(false);  // no change, no signal

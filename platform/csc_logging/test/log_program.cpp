@@ -1,12 +1,7 @@
-// Logs through the configured sinks, then exits: log_program APP_ID LEVEL:TEXT...
-//
-// With "--linger" first it stays until a signal ends it, as the long-lived
-// client does, so that a sink's delivery does not hang on its exit flush.
-//
-// With "--journal FILE" first it also stands in for journald. Run it in a mount
-// namespace of its own with an empty /run: it binds the journal's socket, logs
-// with KELVANE_LOG=journal and writes every entry it received to FILE, one
-// field a line, an empty line after each entry.
+// log_program [--linger] [--journal FILE] APP_ID LEVEL:TEXT...: logs through the sinks.
+// --linger stays, as the client does, so that no delivery hangs on an exit flush.
+// --journal, in a mount namespace with an empty /run, stands in for journald too: FILE
+// receives each entry, a field a line, an empty line after each.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

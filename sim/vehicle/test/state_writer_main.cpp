@@ -1,5 +1,4 @@
-// Moves a key store to the next training counter and its keys, as fast as it
-// can, until killed: the kill-during-write test's victim.
+// The kill-during-write test's victim: moves a key store on a generation at a time until killed.
 #include <iostream>
 #include <string>
 
