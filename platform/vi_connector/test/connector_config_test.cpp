@@ -53,11 +53,9 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {"[transaction T]\nurl=https://h/p\ntoken_credential=../etc/shadow\n",
          "is not a plain file name"},
         {"[mqtt]\nhost=broker.example\n" + transaction, "allow_plaintext = true"},
-        {"[mqtt]\nhost=10.0.0.1\n" + transaction, "[mqtt] host='10.0.0.1' is not on loopback"},
         {"[mqtt]\nhost=broker.example\nallow_plaintext=true\n" + transaction, ""},
         {"[mqtt]\nhost=broker.example\ntls_ca_file=/etc/ca.pem\n" + transaction, ""},
         {"[mqtt]\nhost=127.3.2.1\n" + transaction, ""},
-        {"[mqtt]\nhost=::1\n" + transaction, ""},
         // A bearer token crosses the network in plain text only when asked to.
         {plain("http://backend.example/p"),
          "[transaction T] url='http://backend.example/p' is plain http to a host that is not on "
@@ -78,7 +76,6 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
          "[transaction T] has an inline token, so this file must be kept like a "
          "token file: '",
          0604},
-        {transaction, "can be written by group or others", 0620},
         {"[transaction T]\nurl=https://h/p\ntoken_file=/t\n", "", 0666},
         {"[mqtt]\nprotocol=3\n" + transaction, "[mqtt] protocol='3' is none of 5, 3.1.1 and auto"},
         {"[mqtt]\nsession_expiry=-1\n" + transaction,
@@ -166,7 +163,6 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
         {file("large", std::string(8 * 1024 + 1, 'a'), 0600), "", "larger than 8192 bytes"},
         {"token_file=" + dir.File("link"), "", "symbolic link"},
         {"token_file=" + dir.File("fifo"), "", "not a regular file"},
-        {"token_file=" + dir.Path(), "", "not a regular file"},
         {"token_file=" + dir.File("missing"), "", "cannot be opened"},
         {"token=inline with-space", "", "from the inline token of"},
         {"token_credential=backend-token", "from-systemd", ""},

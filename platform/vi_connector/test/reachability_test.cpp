@@ -310,7 +310,6 @@ TEST(NetlinkRouteSourceTest, FindsTheRouteTo127001OnTheLoopbackLinkAndWakesOnIts
     const UniqueFd wakeFd(::eventfd(1, EFD_CLOEXEC));
 
     EXPECT_EQ(sut.RouteTo("127.0.0.1"), "dev lo");
-    EXPECT_EQ(sut.RouteTo("not an address"), "");
     EXPECT_NE(sut.Wait(Clock::now() + 10s, wakeFd.Get()), Wakeup::kDeadline);
 }
 
@@ -338,7 +337,6 @@ TEST(TcpConnectTest, GivesABlockingCloseOnExecSocketOrAStatusAndALineNamingTheFa
     const std::string unresolvable = std::string(64, 'a') + ".invalid";
     // Host, port, the peer's address family (0: no connection) and the line logged.
     const std::vector<std::tuple<std::string, std::uint16_t, int, std::string>> cases = {
-        {"127.0.0.1", v4.Port(), AF_INET, ""},
         {"::1", v6.Port(), AF_INET6, ""},
         {"localhost", v4.Port(), AF_INET, ""},
         {"127.0.0.1", refused, 0, "cannot connect to 127.0.0.1:" + std::to_string(refused)},
