@@ -104,11 +104,16 @@ std::unique_ptr<VIConnector> StartedConnector(std::uint16_t port, const std::str
     return connector;
 }
 
-TEST(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessagesPassBothWays) {
-    MosquittoBroker broker;
-    broker.Stop();
+// The callback outlives the connector that calls it.
+class MosquittoPubSubTest : public ::testing::Test {
+protected:
     csc_logging::LogCapture log;
     RecordingPubSubCallback callback;
+};
+
+TEST_F(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessagesPassBothWays) {
+    MosquittoBroker broker;
+    broker.Stop();
     auto sut = StartedConnector(broker.Port());
     VIConnector notStarted(nullptr, &callback, "/nonexistent/vi.ini");
     auto missingCa = StartedConnector(broker.Port(), "tls_ca_file=/nonexistent/ca.pem\n");
@@ -145,20 +150,18 @@ TEST(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessagesPa
     EXPECT_TRUE(callback.WaitFor("failed").empty());
 }
 
-TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
+TEST_F(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
     MosquittoBroker broker;
-    // Declared first: the callback outlives the connector that calls it.
     std::atomic<bool> inside{false}, open{false}, left{false};
-    RecordingPubSubCallback disconnected;
-    disconnected.onMessage = [&] {
+    callback.onMessage = [&] {
         inside = true;
         kelvane::testing::WaitUntil([&] { return open.load(); }, kTimeout, 1ms);
         left = true;
     };
     auto sut = StartedConnector(broker.Port());
-    ASSERT_EQ(sut->PubSubConnect(&disconnected), pubsub_status::kInProgress);
+    ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
     sut->PubSubSubscribe("push/#", true);
-    ASSERT_EQ(disconnected.WaitFor("suback", 1).size(), 1U);
+    ASSERT_EQ(callback.WaitFor("suback", 1).size(), 1U);
     sut->PubSubPublish("push/1", {'1'}, 0, 0, PublishPayloadFormat::kUnspecified, "", false);
     ASSERT_TRUE(kelvane::testing::WaitUntil([&] { return inside.load(); }, kTimeout));
 
@@ -185,15 +188,13 @@ TEST(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFol
     EXPECT_FALSE(returnedWhileInside);
     EXPECT_TRUE(leftBeforeReturn);
     // The end it asked for is not reported to it.
-    EXPECT_EQ(disconnected.WaitFor("state"), (Events{"state 1", "state 0"}));
+    EXPECT_EQ(callback.WaitFor("state"), (Events{"state 1", "state 0"}));
 }
 
-TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
+TEST_F(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAndThreeWarnings) {
     ScriptedMqttBroker::Options acceptAndDrop;
     acceptAndDrop.closeAfterConnack = true;
     ScriptedMqttBroker broker(acceptAndDrop);
-    csc_logging::LogCapture log;
-    RecordingPubSubCallback callback;
     auto sut =
         StartedConnector(broker.Port(), "reconnect_delay_min_ms=10\nreconnect_delay_max_ms=40\n");
 
@@ -207,9 +208,7 @@ TEST(MosquittoPubSubTest, ABrokerThatAcceptsAndDropsSeesTwelveAttemptsAMinuteAnd
     EXPECT_EQ(log.Count(csc_logging::LogLevel::kInfo, "MQTT connected"), 2U) << log.Dump();
 }
 
-TEST(MosquittoPubSubTest, StoppingBeforeTheBrokerWasReachedSaysNothingMore) {
-    csc_logging::LogCapture log;
-    RecordingPubSubCallback callback;
+TEST_F(MosquittoPubSubTest, StoppingBeforeTheBrokerWasReachedSaysNothingMore) {
     auto sut = StartedConnector(kelvane::testing::FreeTcpPort(),
                                 "reconnect_delay_min_ms=600000\nreconnect_delay_max_ms=600000\n");
     ASSERT_EQ(sut->PubSubConnect(&callback), pubsub_status::kInProgress);
