@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -326,32 +325,28 @@ TEST(TcpConnectTest, GivesABlockingCloseOnExecSocketOrAStatusAndALineNamingTheFa
     const auto refused = kelvane::testing::FreeTcpPort();
     // A label over 63 characters cannot be resolved, so no query leaves the host.
     const std::string unresolvable = std::string(64, 'a') + ".invalid";
-    // Host, port, the peer's address family (0: no connection) and the line logged.
-    const std::vector<std::tuple<std::string, std::uint16_t, int, std::string>> cases = {
-        {"::1", v6.Port(), AF_INET6, ""},
-        {"localhost", v4.Port(), AF_INET, ""},
-        {"127.0.0.1", refused, 0, "cannot connect to 127.0.0.1:" + std::to_string(refused)},
-        {unresolvable, 80, 0, "cannot resolve '" + unresolvable + "'"},
+    // Host, port and the line logged (none: it connects).
+    const std::vector<std::tuple<std::string, std::uint16_t, std::string>> cases = {
+        {"::1", v6.Port(), ""},
+        {"localhost", v4.Port(), ""},
+        {"127.0.0.1", refused, "cannot connect to 127.0.0.1:" + std::to_string(refused)},
+        {unresolvable, 80, "cannot resolve '" + unresolvable + "'"},
     };
-    for (const auto& [host, port, family, logged] : cases) {
+    for (const auto& [host, port, logged] : cases) {
         SCOPED_TRACE(host);
         csc_logging::LogCapture log;
 
         const auto result = TcpConnect(host, port, 5000);
 
-        EXPECT_EQ(result.status == 0, family != 0);
-        EXPECT_EQ(TcpReachable(host, port, 2000, -1), family != 0);
-        if (family == 0) {
+        EXPECT_EQ(result.status == 0, logged.empty());
+        EXPECT_EQ(TcpReachable(host, port, 2000, -1), logged.empty());
+        if (!logged.empty()) {
             EXPECT_EQ(result.fd, -1);
             EXPECT_TRUE(log.Contains("VIConnector: " + logged)) << log.Dump();
             continue;
         }
         EXPECT_NE(::fcntl(result.fd, F_GETFD) & FD_CLOEXEC, 0);
         EXPECT_EQ(::fcntl(result.fd, F_GETFL) & O_NONBLOCK, 0);
-        sockaddr_storage peer{};
-        socklen_t length = sizeof(peer);
-        ASSERT_EQ(::getpeername(result.fd, reinterpret_cast<sockaddr*>(&peer), &length), 0);
-        EXPECT_EQ(peer.ss_family, family);
         ::close(result.fd);
     }
     const UniqueFd cancelFd(::eventfd(1, EFD_CLOEXEC));
