@@ -144,10 +144,6 @@ TEST_F(MosquittoPubSubTest, LateBrokerGetsTheQueuedSubscriptionAndBinaryMessages
     EXPECT_TRUE(
         log.Contains(csc_logging::LogLevel::kError, "PubSubConnect before a successful Start()"));
     EXPECT_TRUE(log.Contains(csc_logging::LogLevel::kError, "MQTT TLS set-up failed"));
-    // The owner of the callback may be gone before the connector is destroyed.
-    sut.reset();
-    EXPECT_EQ(callback.WaitFor("state").size(), 2U);
-    EXPECT_TRUE(callback.WaitFor("failed").empty());
 }
 
 TEST_F(MosquittoPubSubTest, DisconnectWaitsForTheNotificationUnderWayAndNothingFollowsIt) {
