@@ -69,13 +69,10 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {mqttKey + key + "\n" + transaction, ""},
         {mqttKey + dir.File("key-link") + "\n" + transaction,
          "[mqtt] tls_key_file: '" + dir.File("key-link") +
-             "' cannot be opened: it is a symbolic "
-             "link"},
+             "' cannot be opened: it is a symbolic link"},
         {transaction, "", 0640},
         {transaction,
-         "[transaction T] has an inline token, so this file must be kept like a "
-         "token file: '",
-         0604},
+         "[transaction T] has an inline token, so this file must be kept like a token file", 0604},
         {"[transaction T]\nurl=https://h/p\ntoken_file=/t\n", "", 0666},
         {"[mqtt]\nprotocol=3\n" + transaction, "[mqtt] protocol='3' is none of 5, 3.1.1 and auto"},
         {"[mqtt]\nsession_expiry=-1\n" + transaction,
