@@ -91,13 +91,12 @@ private:
 std::unique_ptr<VIConnector> StartedConnector(std::uint16_t port, const std::string& extraMqtt = "",
                                               const std::string& clientId = "vehicle") {
     kelvane::testing::TemporaryDirectory directory;
+    const std::string mqtt =
+        "port=" + std::to_string(port) + "\nclient_id=" + clientId +
+        "\nkeep_alive=5\nreconnect_delay_min_ms=50\nreconnect_delay_max_ms=400\n";
     auto connector = std::make_unique<VIConnector>(
         nullptr, nullptr,
-        directory.Write("vi.ini", "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(port) +
-                                      "\nclient_id=" + clientId +
-                                      "\nkeep_alive=5\nreconnect_delay_min_ms=50\n"
-                                      "reconnect_delay_max_ms=400\n" +
-                                      extraMqtt +
+        directory.Write("vi.ini", "[mqtt]\n" + mqtt + extraMqtt +
                                       "[transaction t]\nurl=http://127.0.0.1:1/\ntoken=x\n"));
     connector->Start();
     connector->Stop();  // joins the start, keeps the configuration
