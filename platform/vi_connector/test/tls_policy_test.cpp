@@ -60,7 +60,6 @@ TEST(TlsPolicyTest, WeakSuitesAndBadCertificatesAreRefusedForBackendAndBrokerBef
         bool demandsClientCertificate;
         std::string refusal;  // of the backend; empty: accepted
     } cases[] = {
-        {"server-rsa", "AES128-SHA", false, "handshake refused"},          // static RSA, CBC
         {"server-rsa", "AES256-GCM-SHA384", false, "handshake refused"},   // static RSA, AEAD
         {"server", "ECDHE-ECDSA-AES128-SHA", false, "handshake refused"},  // ECDHE, CBC
         {"server-rsa", "ECDHE-RSA-AES128-GCM-SHA256", false, ""},          // a good suite
