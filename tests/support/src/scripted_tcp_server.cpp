@@ -5,10 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -113,14 +112,9 @@ void ScriptedTcpServer::Play(int fd) {
                         return;
                     }
                 }
-                std::string header = pending.substr(0, headerEnd + 2);
-                std::transform(header.begin(), header.end(), header.begin(),
-                               [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-                const auto length = header.find("\r\ncontent-length:");
-                consumed = headerEnd + 4;
-                if (length != std::string::npos) {
-                    consumed += std::strtoul(header.c_str() + length + 17, nullptr, 10);
-                }
+                const std::string header = pending.substr(0, headerEnd + 2);
+                const char* length = ::strcasestr(header.c_str(), "\r\ncontent-length:");
+                consumed = headerEnd + 4 + (length ? std::strtoul(length + 17, nullptr, 10) : 0);
                 break;
             }
             case Script::Kind::kSend:
@@ -134,10 +128,6 @@ void ScriptedTcpServer::Play(int fd) {
                     return;
                 }
                 continue;
-            case Script::Kind::kKeepOpen:
-                while (Read(fd, pending, pending.size() + 1, -1)) {
-                }
-                return;
             case Script::Kind::kReceiveBytes:
                 break;
         }

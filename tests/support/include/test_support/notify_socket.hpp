@@ -28,8 +28,6 @@ public:
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
-    const std::string& Path() const { return path_; }
-
     /// Every datagram received so far, including those pending now, in order.
     std::vector<std::string> Messages();
     std::size_t Count(const std::string& message);
@@ -41,7 +39,6 @@ private:
     void ReceivePending();
 
     TemporaryDirectory directory_;
-    std::string path_;
     int fd_ = -1;
     std::unique_ptr<ScopedEnvironment> environment_;
     std::mutex mutex_;

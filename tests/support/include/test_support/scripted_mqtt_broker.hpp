@@ -29,11 +29,9 @@ public:
         std::string suite;         // when set, TLS 1.2 with this one cipher suite only
         std::string clientCaFile;  // when set, a client certificate from this CA is demanded
     };
-    /// A received packet: its type (upper four bits of the first byte), the
-    /// connection it came on (0 = first) and its bytes.
+    /// A received packet: its type (upper four bits of the first byte) and its bytes.
     struct Packet {
         std::uint8_t type;
-        std::size_t connection;
         std::string bytes;
     };
 
@@ -53,14 +51,14 @@ public:
 
     /// PUBLISH of `payload` (QoS 1 and 2 carry `id`), in MQTT 5 form when `v5`.
     static std::string Publish(const std::string& topic, const std::string& payload, int qos,
-                               std::uint16_t id, bool v5, bool retain = false);
+                               std::uint16_t id, bool v5);
     /// MQTT 5 DISCONNECT with a reason code and, when not empty, a reason string.
     static std::string Disconnect(std::uint8_t reason, const std::string& reasonString);
 
 private:
     class Connection;
     void Serve();
-    void Play(Connection& connection, std::size_t index);
+    void Play(Connection& connection);
 
     Options options_;
     int listenFd_ = -1;

@@ -30,13 +30,10 @@ public:
         }
         /// Ends the script: the connection is closed after recording whatever arrived unread.
         Script& Close() { return *this; }
-        /// Keeps the connection open, recording anything more it receives,
-        /// until the peer closes it or the server is destroyed.
-        Script& KeepOpen() { return Add(Kind::kKeepOpen); }
 
     private:
         friend class ScriptedTcpServer;
-        enum class Kind { kReceiveRequest, kReceiveBytes, kSend, kPause, kKeepOpen };
+        enum class Kind { kReceiveRequest, kReceiveBytes, kSend, kPause };
         struct Step {
             Kind kind;
             std::string bytes;
