@@ -25,9 +25,6 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
 }  // namespace
 
 ChildProcess::ChildProcess(Options options) {
-    if (options.argv.empty()) {
-        throw std::invalid_argument("ChildProcess: no program given");
-    }
     // Prepared before fork: the child of a threaded process may only exec.
     std::vector<std::string> envStrings;
     for (const auto& [name, value] : options.environment) {

@@ -145,16 +145,6 @@ ScriptedMqttBroker::~ScriptedMqttBroker() {
     SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
 }
 
-std::size_t ScriptedMqttBroker::Connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_;
-}
-
-std::size_t ScriptedMqttBroker::Handshakes() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return handshakes_;
-}
-
 std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
     std::uint8_t type, std::size_t count, std::chrono::milliseconds timeout) const {
     std::vector<Packet> found;
@@ -173,22 +163,17 @@ std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
 
 std::string ScriptedMqttBroker::Publish(const std::string& topic, const std::string& payload,
                                         int qos, std::uint16_t id, bool v5) {
-    std::string body = Uint16(static_cast<std::uint16_t>(topic.size())) + topic;
-    if (qos > 0) {
-        body += Uint16(id);
-    }
-    if (v5) {
-        body += '\0';  // no properties
-    }
+    const std::string body = Uint16(static_cast<std::uint16_t>(topic.size())) + topic +
+                             (qos > 0 ? Uint16(id) : "") +
+                             std::string(v5 ? 1 : 0, '\0');  // no properties
     return MakePacket(static_cast<std::uint8_t>(0x30 | (qos << 1)), body + payload);
 }
 
 std::string ScriptedMqttBroker::Disconnect(std::uint8_t reason, const std::string& reasonString) {
-    std::string properties;
-    if (!reasonString.empty()) {
-        properties =
-            '\x1f' + Uint16(static_cast<std::uint16_t>(reasonString.size())) + reasonString;
-    }
+    const std::string properties =
+        reasonString.empty()
+            ? ""
+            : '\x1f' + Uint16(static_cast<std::uint16_t>(reasonString.size())) + reasonString;
     return MakePacket(0xe0, static_cast<char>(reason) + VarInt(properties.size()) + properties);
 }
 
@@ -207,9 +192,7 @@ void ScriptedMqttBroker::Serve() {
         ++connections_;
         lock.unlock();
         if (Connection connection(fd, static_cast<SSL_CTX*>(tls_)); connection.Open()) {
-            lock.lock();
             ++handshakes_;
-            lock.unlock();
             Play(connection);
         }
         lock.lock();

@@ -16,11 +16,10 @@ namespace kelvane::testing {
 
 ScriptedTcpServer::ScriptedTcpServer(Script script, Family family)
     : script_(std::move(script)), family_(family) {
-    listenFd_ = ListenOnLoopback(port_, family_ == Family::kIPv6);
     if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
-        ::close(listenFd_);
         throw std::runtime_error("ScriptedTcpServer: no pipe");
     }
+    listenFd_ = ListenOnLoopback(port_, family_ == Family::kIPv6);
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -35,11 +34,6 @@ ScriptedTcpServer::~ScriptedTcpServer() {
 std::string ScriptedTcpServer::Url(const std::string& path) const {
     const std::string host = family_ == Family::kIPv4 ? "127.0.0.1" : "[::1]";
     return "http://" + host + ":" + std::to_string(port_) + path;
-}
-
-std::size_t ScriptedTcpServer::Connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_.size();
 }
 
 std::string ScriptedTcpServer::Received(std::size_t index) const {

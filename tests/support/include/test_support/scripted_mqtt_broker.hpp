@@ -1,6 +1,7 @@
 #ifndef TEST_SUPPORT_SCRIPTED_MQTT_BROKER_HPP
 #define TEST_SUPPORT_SCRIPTED_MQTT_BROKER_HPP
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -12,11 +13,10 @@
 
 namespace kelvane::testing {
 
-/// An MQTT broker on loopback made of raw bytes, for the brokers mosquitto cannot
-/// play: it accepts every session (or refuses MQTT 5 as a 3.1.1-only broker does),
-/// grants every subscription, answers pings, sends what the test scripted after a
-/// CONNACK or a SUBACK, and records every packet it receives. Connections are
-/// served one at a time; over TLS when a certificate and key are given.
+/// An MQTT broker of raw bytes on loopback, for what mosquitto cannot play: it accepts every
+/// session (or refuses MQTT 5 as a 3.1.1-only broker), grants every subscription, answers pings,
+/// sends what the test scripted after a CONNACK or SUBACK and records every packet it receives,
+/// one connection at a time, over TLS when given a certificate and key.
 class ScriptedMqttBroker {
 public:
     struct Options {
@@ -41,9 +41,9 @@ public:
     ScriptedMqttBroker& operator=(const ScriptedMqttBroker&) = delete;
 
     std::uint16_t Port() const { return port_; }
-    std::size_t Connections() const;
+    std::size_t Connections() const { return connections_; }
     /// Connections whose TLS handshake (if any) completed.
-    std::size_t Handshakes() const;
+    std::size_t Handshakes() const { return handshakes_; }
     /// The packets of `type` received so far, once there are `count` of them
     /// (fewer on time-out).
     std::vector<Packet> WaitForPackets(std::uint8_t type, std::size_t count,
@@ -69,8 +69,8 @@ private:
     mutable std::condition_variable changed_;
     int servingFd_ = -1;  // the connection being served
     bool stopping_ = false;
-    std::size_t connections_ = 0;
-    std::size_t handshakes_ = 0;
+    std::atomic<std::size_t> connections_{0};
+    std::atomic<std::size_t> handshakes_{0};
     std::vector<Packet> packets_;
     std::thread thread_;
 };
