@@ -22,9 +22,7 @@ NotifySocket::NotifySocket() {
     fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (path.size() >= sizeof(address.sun_path) || fd_ < 0 ||
         ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        const std::string error = std::strerror(errno);
-        ::close(fd_);
-        throw std::runtime_error("NotifySocket: cannot bind " + path + ": " + error);
+        throw std::runtime_error("NotifySocket: cannot bind " + path + ": " + std::strerror(errno));
     }
     environment_ = std::make_unique<ScopedEnvironment>("NOTIFY_SOCKET", path);
     reader_ = std::thread([this] {

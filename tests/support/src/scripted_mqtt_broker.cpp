@@ -5,6 +5,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -151,11 +153,8 @@ std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, timeout, [&] {
         found.clear();
-        for (const auto& packet : packets_) {
-            if (packet.type == type) {
-                found.push_back(packet);
-            }
-        }
+        std::copy_if(packets_.begin(), packets_.end(), std::back_inserter(found),
+                     [&](const Packet& packet) { return packet.type == type; });
         return found.size() >= count;
     });
     return found;
