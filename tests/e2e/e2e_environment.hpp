@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,24 +15,14 @@
 
 namespace kelvane::e2e {
 
-// The client's own footprint; a sanitizer's shadow memory multiplies it, so
-// there the figure is only printed.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kRssLimitKiB = std::size_t{1} << 40;
-#else
-constexpr std::size_t kRssLimitKiB = 48 * 1024;
-#endif
-
 constexpr const char* kReady = "All subscriptions and connections ready";
 constexpr const char* kUpdated = "DLC Update finished successfully.";
 constexpr const char* kFeedbackSent = "Status feedback sent successfully";
 // As long as real tokens are, so that a copy outlives malloc's reuse of a freed block's start.
 constexpr const char* kToken = "e2e-bearer-token.eyJzdWIiOiJrZWx2YW5lLWNsaWVudCJ9";
 
-/// One vehicle on one machine: a private bus, a broker, the vehicle simulator,
-/// the backend simulator and the real kelvane-client binary, each with its log
-/// in the environment's directory. Everything is stopped on destruction, and
-/// the logs are printed when the test has failed. Given `tlsDirectory` (MakeTestCertificates'
+/// One vehicle on one machine: a private bus, a broker, both simulators and the real client,
+/// their logs printed when the test has failed. Given `tlsDirectory` (MakeTestCertificates'
 /// PKI), the backend talks HTTPS with client certificates; `brokerConfig` is added to the broker's.
 class E2eEnvironment {
 public:
@@ -46,15 +35,7 @@ public:
     void StopVehicle() { vehicle_->Stop(); }
     void KillVehicle() { vehicle_.reset(); }  // SIGKILL
     void StartClient();
-    /// SIGTERM; the client's exit status (137 when it had to be killed after `grace`).
-    int StopClient(std::chrono::milliseconds grace = std::chrono::seconds(5)) {
-        return client_->Stop(grace);
-    }
-    std::optional<int> ClientExit(std::chrono::milliseconds timeout) {
-        return client_->WaitForExit(timeout);
-    }
-    /// The most the client ever had resident (VmHWM), in KiB; 0 when unknown.
-    std::size_t ClientPeakRssKiB() const;
+    testing::ChildProcess& Client() const { return *client_; }
     /// The client's core file size limits, "<soft> <hard>" as /proc/<pid>/limits shows them.
     std::string ClientCoreFileLimits() const;
     /// Whether a process of the client's user without CAP_SYS_PTRACE may inspect the client,
@@ -72,13 +53,8 @@ public:
     void ReplaceInConnectorConfig(const std::string& from, const std::string& to);
     /// Before StartClient: every transaction reads kToken from a file (0600); returns its path.
     std::string UseTokenFile();
-    std::string WriteFile(const std::string& name, const std::string& content) const {
-        return directory_.Write(name, content);
-    }
 
     std::size_t ClientLogCount(const std::string& text) const;
-    /// Occurrences of `bytes` anywhere in the running client's memory.
-    std::size_t ClientMemoryCount(const std::string& bytes) const;
     bool WaitForClientLog(const std::string& text, std::size_t occurrences = 1,
                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
     /// `kelvane-vehicle-sim status`; an empty object when it fails.

@@ -25,9 +25,6 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
 }  // namespace
 
 ChildProcess::ChildProcess(Options options) {
-    if (options.argv.empty()) {
-        throw std::invalid_argument("ChildProcess: no program given");
-    }
     // Prepared before fork: the child of a threaded process may only exec.
     std::vector<std::string> envStrings;
     for (const auto& [name, value] : options.environment) {
@@ -67,14 +64,6 @@ ChildProcess::~ChildProcess() {
     }
 }
 
-bool ChildProcess::Running() {
-    int status = 0;
-    if (!exitStatus_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-        exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-    }
-    return !exitStatus_;
-}
-
 void ChildProcess::Signal(int signal) const {
     if (pid_ > 0 && !exitStatus_) {
         ::kill(pid_, signal);
@@ -82,7 +71,15 @@ void ChildProcess::Signal(int signal) const {
 }
 
 std::optional<int> ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
-    WaitUntil([this] { return !Running(); }, timeout, std::chrono::milliseconds(5));
+    WaitUntil(
+        [this] {
+            int status = 0;
+            if (!exitStatus_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+                exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+            }
+            return exitStatus_.has_value();
+        },
+        timeout, std::chrono::milliseconds(5));
     return exitStatus_;
 }
 

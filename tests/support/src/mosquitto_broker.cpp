@@ -15,9 +15,6 @@ MosquittoBroker::MosquittoBroker(std::string extraConfig) : port_(FreeTcpPort())
 }
 
 void MosquittoBroker::Start() {
-    if (process_) {
-        return;
-    }
     const std::string log = directory_.File("mosquitto.log");
     process_ = std::make_unique<ChildProcess>(
         ChildProcess::Options{{"mosquitto", "-c", directory_.File("mosquitto.conf")}, {}, log});

@@ -14,18 +14,17 @@
 
 namespace kelvane::testing {
 
-NotifySocket::NotifySocket() : path_(directory_.File("notify")) {
+NotifySocket::NotifySocket() {
+    const std::string path = directory_.File("notify");
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof(address.sun_path) - 1);
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
     fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (path_.size() >= sizeof(address.sun_path) || fd_ < 0 ||
+    if (path.size() >= sizeof(address.sun_path) || fd_ < 0 ||
         ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        const std::string error = std::strerror(errno);
-        ::close(fd_);
-        throw std::runtime_error("NotifySocket: cannot bind " + path_ + ": " + error);
+        throw std::runtime_error("NotifySocket: cannot bind " + path + ": " + std::strerror(errno));
     }
-    environment_ = std::make_unique<ScopedEnvironment>("NOTIFY_SOCKET", path_);
+    environment_ = std::make_unique<ScopedEnvironment>("NOTIFY_SOCKET", path);
     reader_ = std::thread([this] {
         pollfd entry{fd_, POLLIN, 0};
         while (!stopping_.load()) {

@@ -9,10 +9,7 @@ namespace kelvane::testing {
 PrivateDbusDaemon::PrivateDbusDaemon()
     : address_("unix:path=" + directory_.File("bus"))
     , environment_("KELVANE_DBUS_ADDRESS", address_) {
-    directory_.Write("bus.conf", R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
+    directory_.Write("bus.conf", R"(<busconfig>
   <type>session</type>
   <listen>)" + address_ + R"(</listen>
   <auth>EXTERNAL</auth>
@@ -27,9 +24,6 @@ PrivateDbusDaemon::PrivateDbusDaemon()
 }
 
 void PrivateDbusDaemon::Start() {
-    if (daemon_) {
-        return;
-    }
     ::unlink(directory_.File("bus").c_str());
     // The daemon prints its address once it accepts connections.
     const std::string log = directory_.Write("dbus-daemon.log", "");

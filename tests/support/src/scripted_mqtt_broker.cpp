@@ -5,6 +5,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -45,15 +47,11 @@ std::string Uint16(std::uint16_t value) {
 // on time-out or when the broker shuts the socket down.
 class ScriptedMqttBroker::Connection {
 public:
-    Connection(int fd, SSL_CTX* tls) : fd_(fd) {
+    Connection(int fd, SSL_CTX* tls) : fd_(fd), ssl_(tls != nullptr ? SSL_new(tls) : nullptr) {
         const timeval timeout{kIoTimeoutSeconds, 0};
         ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-        if (tls != nullptr) {
-            ssl_ = SSL_new(tls);
-            SSL_set_fd(ssl_, fd_);
-            open_ = SSL_accept(ssl_) == 1;
-        }
+        open_ = ssl_ == nullptr || (SSL_set_fd(ssl_, fd_) == 1 && SSL_accept(ssl_) == 1);
     }
     ~Connection() {
         if (ssl_ != nullptr) {
@@ -64,64 +62,52 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// The next whole packet; empty at the end of the connection.
-    std::string ReadPacket() {
-        std::string packet;
-        char byte = 0;
-        if (!Read(&byte, 1)) {
-            return {};
-        }
-        packet += byte;
-        std::size_t remaining = 0;
-        for (std::size_t shift = 0; shift < 28; shift += 7) {
-            if (!Read(&byte, 1)) {
-                return {};
-            }
-            packet += byte;
-            remaining |= static_cast<std::size_t>(byte & 0x7f) << shift;
-            if ((byte & 0x80) == 0) {
-                break;
-            }
-        }
-        const std::size_t headerSize = packet.size();
-        packet.resize(headerSize + remaining);
-        return Read(&packet[headerSize], remaining) ? packet : std::string();
-    }
-
-    bool Write(const std::string& bytes) {
-        for (std::size_t sent = 0; sent < bytes.size();) {
-            const std::size_t chunk = bytes.size() - sent;
-            const int put =
-                ssl_ != nullptr
-                    ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(chunk))
-                    : static_cast<int>(::send(fd_, bytes.data() + sent, chunk, MSG_NOSIGNAL));
-            if (put <= 0) {
-                return false;
-            }
-            sent += static_cast<std::size_t>(put);
-        }
-        return true;
-    }
-
     bool Open() const { return open_; }
 
+    /// The next whole packet and where its body starts; empty at the end of the connection.
+    std::string ReadPacket(std::size_t& body) {
+        std::string packet(1, '\0');
+        std::size_t remaining = 0;
+        char byte = 0;
+        if (!Transfer(packet.data(), 1, false)) {
+            return {};
+        }
+        do {  // the remaining length: seven bits a byte, in at most four bytes
+            if (!Transfer(&byte, 1, false)) {
+                return {};
+            }
+            remaining |= static_cast<std::size_t>(byte & 0x7f) << (7 * (packet.size() - 1));
+            packet += byte;
+        } while ((byte & 0x80) != 0 && packet.size() < 5);
+        body = packet.size();
+        packet.resize(body + remaining);
+        return Transfer(&packet[body], remaining, false) ? packet : std::string();
+    }
+
+    bool Write(std::string bytes) { return Transfer(bytes.data(), bytes.size(), true); }
+
 private:
-    bool Read(char* into, std::size_t size) {
-        for (std::size_t got = 0; got < size;) {
-            const std::size_t chunk = size - got;
-            const int read = ssl_ != nullptr ? SSL_read(ssl_, into + got, static_cast<int>(chunk))
-                                             : static_cast<int>(::recv(fd_, into + got, chunk, 0));
-            if (read <= 0) {
+    /// Reads or writes all of `size` bytes; false when the connection ends first.
+    bool Transfer(char* data, std::size_t size, bool write) {
+        for (std::size_t done = 0; done < size;) {
+            const std::size_t chunk = size - done;
+            const int count =
+                ssl_ != nullptr
+                    ? (write ? SSL_write(ssl_, data + done, static_cast<int>(chunk))
+                             : SSL_read(ssl_, data + done, static_cast<int>(chunk)))
+                    : static_cast<int>(write ? ::send(fd_, data + done, chunk, MSG_NOSIGNAL)
+                                             : ::recv(fd_, data + done, chunk, 0));
+            if (count <= 0) {
                 return false;
             }
-            got += static_cast<std::size_t>(read);
+            done += static_cast<std::size_t>(count);
         }
         return true;
     }
 
     int fd_;
-    SSL* ssl_ = nullptr;
-    bool open_ = true;
+    SSL* ssl_;
+    bool open_;
 };
 
 ScriptedMqttBroker::ScriptedMqttBroker(Options options) : options_(std::move(options)) {
@@ -161,51 +147,32 @@ ScriptedMqttBroker::~ScriptedMqttBroker() {
     SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
 }
 
-std::size_t ScriptedMqttBroker::Connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_;
-}
-
-std::size_t ScriptedMqttBroker::Handshakes() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return handshakes_;
-}
-
 std::vector<ScriptedMqttBroker::Packet> ScriptedMqttBroker::WaitForPackets(
     std::uint8_t type, std::size_t count, std::chrono::milliseconds timeout) const {
     std::vector<Packet> found;
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, timeout, [&] {
         found.clear();
-        for (const auto& packet : packets_) {
-            if (packet.type == type) {
-                found.push_back(packet);
-            }
-        }
+        std::copy_if(packets_.begin(), packets_.end(), std::back_inserter(found),
+                     [&](const Packet& packet) { return packet.type == type; });
         return found.size() >= count;
     });
     return found;
 }
 
 std::string ScriptedMqttBroker::Publish(const std::string& topic, const std::string& payload,
-                                        int qos, std::uint16_t id, bool v5, bool retain) {
-    std::string body = Uint16(static_cast<std::uint16_t>(topic.size())) + topic;
-    if (qos > 0) {
-        body += Uint16(id);
-    }
-    if (v5) {
-        body += '\0';  // no properties
-    }
-    const auto first = static_cast<std::uint8_t>(0x30 | (qos << 1) | (retain ? 1 : 0));
-    return MakePacket(first, body + payload);
+                                        int qos, std::uint16_t id, bool v5) {
+    const std::string body = Uint16(static_cast<std::uint16_t>(topic.size())) + topic +
+                             (qos > 0 ? Uint16(id) : "") +
+                             std::string(v5 ? 1 : 0, '\0');  // no properties
+    return MakePacket(static_cast<std::uint8_t>(0x30 | (qos << 1)), body + payload);
 }
 
 std::string ScriptedMqttBroker::Disconnect(std::uint8_t reason, const std::string& reasonString) {
-    std::string properties;
-    if (!reasonString.empty()) {
-        properties =
-            '\x1f' + Uint16(static_cast<std::uint16_t>(reasonString.size())) + reasonString;
-    }
+    const std::string properties =
+        reasonString.empty()
+            ? ""
+            : '\x1f' + Uint16(static_cast<std::uint16_t>(reasonString.size())) + reasonString;
     return MakePacket(0xe0, static_cast<char>(reason) + VarInt(properties.size()) + properties);
 }
 
@@ -221,14 +188,11 @@ void ScriptedMqttBroker::Serve() {
             continue;
         }
         servingFd_ = fd;
-        const std::size_t index = connections_++;
+        ++connections_;
         lock.unlock();
-        changed_.notify_all();
         if (Connection connection(fd, static_cast<SSL_CTX*>(tls_)); connection.Open()) {
-            lock.lock();
             ++handshakes_;
-            lock.unlock();
-            Play(connection, index);
+            Play(connection);
         }
         lock.lock();
         servingFd_ = -1;
@@ -236,50 +200,34 @@ void ScriptedMqttBroker::Serve() {
     }
 }
 
-void ScriptedMqttBroker::Play(Connection& connection, std::size_t index) {
+void ScriptedMqttBroker::Play(Connection& connection) {
     bool v5 = false;
-    for (std::string packet; !(packet = connection.ReadPacket()).empty();) {
+    std::size_t body = 0;
+    for (std::string packet; !(packet = connection.ReadPacket(body)).empty();) {
         const auto type = static_cast<std::uint8_t>(static_cast<unsigned char>(packet[0]) >> 4);
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            packets_.push_back({type, index, packet});
+            packets_.push_back({type, packet});
         }
         changed_.notify_all();
-        // The body starts after the fixed header: skip the length's bytes.
-        std::size_t body = 1;
-        while ((packet[body++] & 0x80) != 0) {
+        std::string answer;
+        bool last = type == kDisconnect;
+        if (type == kConnect) {
+            v5 = packet[body + 6] == 5;  // the protocol level follows the name "MQTT"
+            const bool refused = v5 && options_.onlyV311;  // unacceptable protocol version
+            last = refused || options_.closeAfterConnack;
+            answer = refused
+                         ? MakePacket(0x20, std::string("\0\1", 2))
+                         : MakePacket(0x20, std::string(v5 ? 3 : 2, '\0')) + options_.afterConnack;
+        } else if (type == kSubscribe) {
+            answer =
+                MakePacket(0x90, packet.substr(body, 2) + std::string(v5 ? 1 : 0, '\0') + '\x01') +
+                options_.afterSuback;
+        } else if (type == kPingreq) {
+            answer = MakePacket(0xd0, "");
         }
-        switch (type) {
-            case kConnect: {
-                // Protocol name "MQTT" (length 4), then the protocol level.
-                v5 = packet[body + 6] == 5;
-                if (v5 && options_.onlyV311) {
-                    connection.Write(std::string("\x20\x02\x00\x01", 4));
-                    return;
-                }
-                if (!connection.Write(v5 ? std::string("\x20\x03\x00\x00\x00", 5)
-                                         : std::string("\x20\x02\x00\x00", 4)) ||
-                    !connection.Write(options_.afterConnack) || options_.closeAfterConnack) {
-                    return;
-                }
-                break;
-            }
-            case kSubscribe: {
-                const std::string id = packet.substr(body, 2);
-                const std::string suback =
-                    v5 ? MakePacket(0x90, id + '\0' + '\x01') : MakePacket(0x90, id + '\x01');
-                if (!connection.Write(suback) || !connection.Write(options_.afterSuback)) {
-                    return;
-                }
-                break;
-            }
-            case kPingreq:
-                connection.Write(std::string("\xd0\x00", 2));
-                break;
-            case kDisconnect:
-                return;
-            default:
-                break;
+        if (!connection.Write(answer) || last) {
+            return;
         }
     }
 }

@@ -5,10 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "test_support/loopback.hpp"
@@ -17,11 +16,10 @@ namespace kelvane::testing {
 
 ScriptedTcpServer::ScriptedTcpServer(Script script, Family family)
     : script_(std::move(script)), family_(family) {
-    listenFd_ = ListenOnLoopback(port_, family_ == Family::kIPv6);
     if (::pipe2(wakeFds_, O_CLOEXEC) != 0) {
-        ::close(listenFd_);
         throw std::runtime_error("ScriptedTcpServer: no pipe");
     }
+    listenFd_ = ListenOnLoopback(port_, family_ == Family::kIPv6);
     thread_ = std::thread([this] { Serve(); });
 }
 
@@ -36,11 +34,6 @@ ScriptedTcpServer::~ScriptedTcpServer() {
 std::string ScriptedTcpServer::Url(const std::string& path) const {
     const std::string host = family_ == Family::kIPv4 ? "127.0.0.1" : "[::1]";
     return "http://" + host + ":" + std::to_string(port_) + path;
-}
-
-std::size_t ScriptedTcpServer::Connections() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_.size();
 }
 
 std::string ScriptedTcpServer::Received(std::size_t index) const {
@@ -113,14 +106,9 @@ void ScriptedTcpServer::Play(int fd) {
                         return;
                     }
                 }
-                std::string header = pending.substr(0, headerEnd + 2);
-                std::transform(header.begin(), header.end(), header.begin(),
-                               [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-                const auto length = header.find("\r\ncontent-length:");
-                consumed = headerEnd + 4;
-                if (length != std::string::npos) {
-                    consumed += std::strtoul(header.c_str() + length + 17, nullptr, 10);
-                }
+                const std::string header = pending.substr(0, headerEnd + 2);
+                const char* length = ::strcasestr(header.c_str(), "\r\ncontent-length:");
+                consumed = headerEnd + 4 + (length ? std::strtoul(length + 17, nullptr, 10) : 0);
                 break;
             }
             case Script::Kind::kSend:
@@ -134,10 +122,6 @@ void ScriptedTcpServer::Play(int fd) {
                     return;
                 }
                 continue;
-            case Script::Kind::kKeepOpen:
-                while (Read(fd, pending, pending.size() + 1, -1)) {
-                }
-                return;
             case Script::Kind::kReceiveBytes:
                 break;
         }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -27,16 +26,9 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 std::string TemporaryDirectory::Write(const std::string& name, const std::string& content) const {
     const std::string path = File(name);
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    std::size_t written = 0;
-    while (fd >= 0 && written < content.size()) {
-        const ssize_t count = ::write(fd, content.data() + written, content.size() - written);
-        if (count < 0 && errno != EINTR) {
-            break;
-        }
-        written += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    if (fd < 0 || ::close(fd) != 0 || written != content.size()) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);  // sets a new mode
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (fd < 0 || ::close(fd) != 0 || !(file << content) || !file.flush()) {
         throw std::runtime_error("TemporaryDirectory: cannot write " + path);
     }
     return path;

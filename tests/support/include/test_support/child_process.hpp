@@ -30,7 +30,6 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t Pid() const { return pid_; }
-    bool Running();
     void Signal(int signal) const;
     /// The exit status (128 + signal number when killed), or nothing on time-out.
     std::optional<int> WaitForExit(std::chrono::milliseconds timeout);

@@ -15,20 +15,15 @@
 
 namespace kelvane::testing {
 
-/// Stands in for systemd's notification socket: a unix datagram socket in a
-/// temporary directory. While it lives, NOTIFY_SOCKET points at it (the previous
-/// value comes back on destruction), so sd_notify() in this process, or in a
-/// child started meanwhile, sends here. Like systemd it reads all the time, so
-/// that a sender never finds the queue full and blocks (the kernel queues only
-/// a few datagrams per socket).
+/// Stands in for systemd's notification socket while it lives (NOTIFY_SOCKET points at it,
+/// also for children started meanwhile). Like systemd it reads all the time, so that a
+/// sender never blocks on the kernel's short datagram queue.
 class NotifySocket {
 public:
     NotifySocket();
     ~NotifySocket();
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
-
-    const std::string& Path() const { return path_; }
 
     /// Every datagram received so far, including those pending now, in order.
     std::vector<std::string> Messages();
@@ -41,7 +36,6 @@ private:
     void ReceivePending();
 
     TemporaryDirectory directory_;
-    std::string path_;
     int fd_ = -1;
     std::unique_ptr<ScopedEnvironment> environment_;
     std::mutex mutex_;

@@ -10,9 +10,8 @@
 
 namespace kelvane::testing {
 
-/// A dbus-daemon of the test's own on a unix socket in a temporary directory.
-/// While it lives, KELVANE_DBUS_ADDRESS points at it, so code under test that
-/// opens "the bus" gets this one.
+/// A dbus-daemon of the test's own on a unix socket; while it lives, KELVANE_DBUS_ADDRESS
+/// points at it, so code under test that opens "the bus" gets this one.
 class PrivateDbusDaemon {
 public:
     PrivateDbusDaemon();

@@ -8,11 +8,8 @@
 
 namespace kelvane::testing {
 
-/// How often `bytes` occur in the readable memory of process `pid` (heap,
-/// stacks, anonymous and file mappings), read through /proc/<pid>/maps and
-/// /proc/<pid>/mem. Reading a process that made itself non-dumpable takes
-/// CAP_SYS_PTRACE (root has it). Throws std::runtime_error when the memory
-/// cannot be read, so an unreadable process never passes for a clean one.
+/// How often `bytes` occur in the readable mappings of process `pid` (a non-dumpable one takes
+/// CAP_SYS_PTRACE). Throws when nothing can be read: an unreadable process is never clean.
 std::size_t CountInProcessMemory(pid_t pid, std::string_view bytes);
 
 }  // namespace kelvane::testing

@@ -9,10 +9,8 @@
 
 namespace kelvane::testing {
 
-/// Sets (or, given no value, unsets) an environment variable for the lifetime
-/// of the object; the previous state comes back on destruction, also when the
-/// test fails half-way. Change the environment only while no other thread of
-/// the test reads it.
+/// Sets (given no value: unsets) an environment variable until destruction, also when the test
+/// fails half-way. Change the environment only while no other thread of the test reads it.
 class ScopedEnvironment {
 public:
     ScopedEnvironment(std::string name, const std::optional<std::string>& value)

@@ -12,11 +12,9 @@
 
 namespace kelvane::testing {
 
-/// A TCP peer on loopback that plays the same script on every connection it
-/// accepts (one at a time, in order) and records what it received, e.g.
-/// Script().ReceiveRequest().Send("HTTP/1.1 200 OK\r\n\r\nabc").Close().
-/// Every wait inside is bounded and the destructor stops at once, also in
-/// the middle of a pause or a held connection.
+/// A TCP peer on loopback that plays one script on every connection it accepts (one at a time)
+/// and records what it received, e.g. Script().ReceiveRequest().Send("HTTP/1.1 200 OK\r\n\r\nabc").
+/// Every wait is bounded and the destructor stops at once, also in the middle of a pause.
 class ScriptedTcpServer {
 public:
     class Script {
@@ -30,13 +28,10 @@ public:
         }
         /// Ends the script: the connection is closed after recording whatever arrived unread.
         Script& Close() { return *this; }
-        /// Keeps the connection open, recording anything more it receives,
-        /// until the peer closes it or the server is destroyed.
-        Script& KeepOpen() { return Add(Kind::kKeepOpen); }
 
     private:
         friend class ScriptedTcpServer;
-        enum class Kind { kReceiveRequest, kReceiveBytes, kSend, kPause, kKeepOpen };
+        enum class Kind { kReceiveRequest, kReceiveBytes, kSend, kPause };
         struct Step {
             Kind kind;
             std::string bytes;
@@ -59,7 +54,6 @@ public:
     std::uint16_t Port() const { return port_; }
     std::string Url(const std::string& path = "/") const;
 
-    std::size_t Connections() const;
     /// Bytes received on connection `index` (0 = first), empty if there is none.
     std::string Received(std::size_t index) const;
     /// Waits until the scripts of `count` connections have run to their end; false on time-out.

@@ -15,8 +15,7 @@ public:
 
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
-    /// A new file is made private to the test's user (0600), as the secrets
-    /// and the files holding them are; an existing one keeps its mode.
+    /// A new file is private (0600), as secrets are; an existing one keeps its mode.
     std::string Write(const std::string& name, const std::string& content) const;
 
 private:
