@@ -28,8 +28,6 @@ using csc_logging::LogLevel;
 using ::testing::StrictMock;
 using Bytes = std::vector<std::uint8_t>;
 using E = ClientError;
-namespace diag = zelk::interfaces::diagservices;
-namespace typeid_access = zelk::interfaces::typeidaccess;
 
 /// The client over its real accessors, their services behind fake discoveries
 /// and mock proxies, and a sleep that only records.
