@@ -137,12 +137,6 @@ TEST_F(HttpConnectionTest, ExchangeSendsTheRequestAndReadsTheAnswerUntilThePeerC
         "5\\n-----\\n\\n",
         "HttpConnection: Received payload 5 bytes\\n\\n"};
     EXPECT_EQ(log.Texts(), expected);
-
-    // Test only opens and closes a connection.
-    EXPECT_EQ(sut.Test("other", server.Url()), 0);
-    ASSERT_TRUE(server.WaitForFinished(2, 5s));
-    EXPECT_EQ(server.Received(1), "");
-    EXPECT_EQ(log.Count(LogLevel::kInfo, "HttpConnection: Connection succeeded!"), 1U);
 }
 
 TEST_F(HttpConnectionTest, ResponseEndsAt10sGapsOrTheCloseTheExchangeAt60sContinuesAreSkipped) {
@@ -280,16 +274,14 @@ TEST_F(HttpConnectionTest, UrlNamesTheTargetElseCode2AndAFailedConnectGivesCode1
     const HttpConnection sut(connector);
 
     EXPECT_EQ(sut.Get(protocol, kTransaction, "backend.example/path"), 2);
-    EXPECT_EQ(sut.Test(kTransaction, "http://h:x/"), 2);
     EXPECT_TRUE(connector->calls.empty());
     EXPECT_EQ(sut.Post(protocol, "other", "http://[::1]:8080/x?q"), 1);
-    EXPECT_FALSE(sut.Test());
 
     EXPECT_EQ(connector->calls.at(0).transactionTypeId, "other");
     EXPECT_EQ(connector->calls.at(0).host, "::1");
     EXPECT_EQ(connector->calls.at(0).port, 8080);
     EXPECT_EQ(protocol.GET().substr(0, 32), "GET /x?q HTTP/1.1\r\nHost: [::1]\r\n");
-    EXPECT_EQ(log.Count(LogLevel::kError, "HttpConnection: Connection failed!"), 2U);
+    EXPECT_EQ(log.Count(LogLevel::kError, "HttpConnection: Connection failed!"), 1U);
     EXPECT_LT(log.IndexOf("Connection not established. Status: 7"),
               log.IndexOf("Connection failed!"));
 }
