@@ -45,9 +45,8 @@ public:
 const std::string kPeerCloses;
 const std::string kPollFails("\0", 1);
 
-// A peer in the connection's own time, over a socket pair: each chunk arrives
-// at its moment (or closes the peer's side, or makes that poll fail), and a
-// poll that no chunk ends lets its whole time-out pass at once.
+// A peer in the connection's own time: each chunk arrives at its moment (or closes the
+// peer's side, or fails that poll); a poll that no chunk ends takes its whole time-out.
 class FakeTimeHttpConnection : public ClosingHttpConnection {
 public:
     using Chunks = std::vector<std::pair<std::chrono::milliseconds, std::string>>;
@@ -68,7 +67,7 @@ public:
         return fds_[0];
     }
     int Poll(int timeoutMs, int fd) const override {
-        requestedTimeouts.push_back(timeoutMs);
+        polls += " " + std::to_string(timeoutMs);
         if (HttpConnection::Poll(0, fd) == 0) {
             const auto end = now + std::chrono::milliseconds(timeoutMs);
             if (next_ < chunks_.size() && chunks_[next_].first <= end.time_since_epoch()) {
@@ -96,7 +95,7 @@ public:
     }
 
     mutable std::chrono::steady_clock::time_point now{};  // the exchange starts at 0
-    mutable std::vector<int> requestedTimeouts;
+    mutable std::string polls;                            // each poll's time-out in ms
 
 private:
     Chunks chunks_;
@@ -211,7 +210,6 @@ TEST_F(HttpConnectionTest, ResponseEndsAt10sGapsOrTheCloseTheExchangeAt60sContin
         }
 
         std::string reads;
-        std::string polls;
         std::string errors;
         for (const auto& record : log.Records()) {
             if (record.text.rfind("HttpConnection: Read ", 0) == 0) {
@@ -225,13 +223,10 @@ TEST_F(HttpConnectionTest, ResponseEndsAt10sGapsOrTheCloseTheExchangeAt60sContin
                 errors += "; chunked";
             }
         }
-        for (const int timeout : sut.requestedTimeouts) {
-            polls += " " + std::to_string(timeout);
-        }
         const std::string received = sut.Received();
         seen += " " + std::to_string(protocol.ResponseStatusCode()) + " " +
                 std::to_string(protocol.ResponsePayload().size()) + "; read" + reads + "; poll" +
-                polls + "; " + std::to_string(sut.now.time_since_epoch() / 1s) + " s; '" +
+                sut.polls + "; " + std::to_string(sut.now.time_since_epoch() / 1s) + " s; '" +
                 received.substr(received.find("\r\n\r\n") + 4) + "' " +
                 (sut.closed.empty() ? "open" : "closed") + errors;
         EXPECT_EQ(seen, outcome) << method;
