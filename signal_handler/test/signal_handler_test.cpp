@@ -24,8 +24,7 @@ namespace {
 using namespace std::chrono_literals;
 using kelvane::testing::WaitUntil;
 
-// Records the signals a handler delivers, negated when one arrives on the
-// thread that made the recorder: none may.
+// Records the signals delivered, negated if on the recorder's own thread: none may be.
 class SignalRecorder {
 public:
     SignalHandler::Callback Callback() {

@@ -71,8 +71,7 @@ auto Raises(Error error) {
     };
 }
 
-/// Stands in for service discovery: a test announces or withdraws the service,
-/// and each search started or stopped is noted in `journal` ("search <name>").
+/// Service discovery that a test drives; `journal` notes "search <name>" and "stop <name>".
 template <typename Proxy>
 class FakeDiscovery {
 public:
@@ -98,8 +97,7 @@ private:
     ara::com::FindServiceHandler<ara::com::ServiceHandle> handler_;
 };
 
-/// Walks an accessor through its life: `whileAbsent` runs before the service is
-/// found, then it comes and goes, a second search replaces the first; `lines` is all it logs.
+/// An accessor's life: `whileAbsent`, the service comes and goes, a second search; `lines` logged.
 template <typename Accessor, typename... Arguments>
 void ExpectReadinessFollowsTheSearch(const std::vector<std::string>& lines,
                                      const std::function<void(Accessor&)>& whileAbsent,

@@ -29,8 +29,7 @@ using ::testing::StrictMock;
 using Bytes = std::vector<std::uint8_t>;
 using E = ClientError;
 
-/// The client over its real accessors, their services behind fake discoveries
-/// and mock proxies, and a sleep that only records.
+/// The client over its real accessors, fake discoveries, mock proxies and a recording sleep.
 class ClientTest : public ::testing::Test {
 protected:
     ZELKOnlineUpdateClient::Dependencies Dependencies() {
