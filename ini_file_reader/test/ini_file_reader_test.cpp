@@ -27,7 +27,6 @@ TEST(IniFileReaderTest, ReadsSectionsKeysAndValuesSplitAtTheFirstEquals) {
     EXPECT_EQ(sut.Get("mqtt", "token"), "abc==def");
     EXPECT_EQ(sut.Get("transaction types", "url"), "http://h:1/p?q=1");
     EXPECT_FALSE(sut.Get("mqtt", "# a comment").has_value());
-    EXPECT_EQ(sut.Get("mqtt", "missing", "fallback"), "fallback");
     EXPECT_EQ(sut.Sections(), (std::vector<std::string>{"", "mqtt", "transaction types"}));
 }
 

@@ -55,7 +55,6 @@ extern "C" void PreviousHandler(int) {
 TEST(SignalHandlerTest, OneHandlerAtATimeCallsBackOnItsThreadPastAThrowAndRestoresTheAction) {
     struct sigaction previous {};
     previous.sa_handler = PreviousHandler;
-    sigemptyset(&previous.sa_mask);
     struct sigaction original {};
     ASSERT_EQ(sigaction(SIGUSR1, &previous, &original), 0);
     g_previousHandlerCalls = 0;
