@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -101,9 +102,7 @@ TEST(Base64UtilsTest, DecodingALoneSextetGivesAnEmptyResultAndEncodingNothingEnd
 TEST(Base64UtilsTest, EncodeThenDecodeGivesTheInputBackForEveryLengthUpTo4096) {
     std::mt19937 random(4096);
     std::string all(4096, '\0');
-    for (char& byte : all) {
-        byte = static_cast<char>(random());
-    }
+    std::generate(all.begin(), all.end(), [&] { return static_cast<char>(random()); });
 
     for (std::size_t length = 1; length <= all.size(); ++length) {
         const std::string text = all.substr(0, length);
