@@ -123,7 +123,6 @@ TEST_F(HttpConnectionTest, ExchangeSendsTheRequestAndReadsTheAnswerUntilThePeerC
               "Content-Length: 0\r\n\r\n");
     EXPECT_EQ(protocol.ResponseStatusCode(), 200);
     EXPECT_EQ(protocol.ResponsePayload(), "hello");
-    EXPECT_EQ(connector->calls.at(0).transactionTypeId, kTransaction);
     const std::string port = std::to_string(server.Port());
     const std::vector<std::string> expected = {
         "HttpConnection: Connecting to 127.0.0.1:" + port + "\\n\\n",
