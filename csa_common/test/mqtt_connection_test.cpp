@@ -13,10 +13,8 @@ namespace csa_common {
 namespace {
 
 using csc_logging::LogLevel;
-using testing::_;
 using testing::Return;
 using testing::StrictMock;
-using vi_connector::PublishPayloadFormat;
 using vi_connector::VIPubSubCallbackIf;
 
 class MockVIConnector : public vi_connector::VIConnector {
@@ -25,10 +23,6 @@ public:
     MOCK_METHOD(std::uint32_t, PubSubConnect, (VIPubSubCallbackIf*), (override));
     MOCK_METHOD(std::uint32_t, PubSubDisconnect, (), (override));
     MOCK_METHOD(vi_connector::SubscribeResult, PubSubSubscribe, (const std::string&, bool),
-                (override));
-    MOCK_METHOD(std::uint32_t, PubSubPublish,
-                (const std::string&, const std::vector<std::uint8_t>&, unsigned int, unsigned int,
-                 PublishPayloadFormat, const std::string&, bool),
                 (override));
 };
 
@@ -53,7 +47,7 @@ std::vector<std::uint8_t> Bytes(const std::string& text) {
     return {text.begin(), text.end()};
 }
 
-TEST_F(MqttConnectionTest, ConnectAcceptsStatus013AndSubscribeOnly03) {
+TEST_F(MqttConnectionTest, ConnectAcceptsStatus013SubscribeOnly03AndDisconnectPassesThrough) {
     for (const std::uint32_t status : {0U, 1U, 2U, 3U, 0xFFFFFFFFU}) {
         SCOPED_TRACE(status);
         EXPECT_CALL(*connector_, PubSubConnect(static_cast<VIPubSubCallbackIf*>(&sut)))
@@ -78,6 +72,8 @@ TEST_F(MqttConnectionTest, ConnectAcceptsStatus013AndSubscribeOnly03) {
         "MqttConnection: Failed to subscribe to topic t, status=-1, Request ID:513"};
     EXPECT_EQ(log_.Texts(), expected);
     EXPECT_EQ(log_.Count(LogLevel::kError, "Failed to "), 5U);
+    EXPECT_CALL(*connector_, PubSubDisconnect()).WillOnce(Return(77U));
+    EXPECT_EQ(sut.Disconnect(), 77U);
 }
 
 TEST_F(MqttConnectionTest, MessagesComeOutInArrivalOrderWithEveryByte) {
@@ -159,20 +155,6 @@ TEST_F(MqttConnectionTest, RefusalsAndFailedRequestsReachTheOwnerIfAnyAndEveryNo
         EXPECT_EQ(log_.Count(LogLevel::kError, "failed, Request ID:"), 3U);
         EXPECT_EQ(connection->GetReceivedMessage(), "kept");
     }
-}
-
-TEST_F(MqttConnectionTest, PublishAndDisconnectPassThroughInTheConnectorsTerms) {
-    const std::string message("a\0b", 3);
-    EXPECT_CALL(*connector_, PubSubPublish("out/topic", Bytes(message), 1U, 7U,
-                                           PublishPayloadFormat::kUnspecified, "text/plain", true))
-        .WillOnce(Return(0U));
-    EXPECT_CALL(*connector_, PubSubPublish("out/topic", _, 0U, 0U, _, "", false))
-        .WillOnce(Return(2U));
-    EXPECT_CALL(*connector_, PubSubDisconnect()).WillOnce(Return(77U));
-
-    EXPECT_FALSE(sut.Publish("out/topic", message, true, 1, 7, "text/plain"));
-    EXPECT_TRUE(sut.Publish("out/topic", "x", false, 0, 0, ""));
-    EXPECT_EQ(sut.Disconnect(), 77U);
 }
 
 }  // namespace

@@ -24,8 +24,7 @@ namespace {
 using namespace std::chrono_literals;
 using kelvane::testing::WaitUntil;
 
-// Records the signals a handler delivers, negated when one arrives on the
-// thread that made the recorder: none may.
+// Records the signals delivered, negated if on the recorder's own thread: none may be.
 class SignalRecorder {
 public:
     SignalHandler::Callback Callback() {
@@ -56,7 +55,6 @@ extern "C" void PreviousHandler(int) {
 TEST(SignalHandlerTest, OneHandlerAtATimeCallsBackOnItsThreadPastAThrowAndRestoresTheAction) {
     struct sigaction previous {};
     previous.sa_handler = PreviousHandler;
-    sigemptyset(&previous.sa_mask);
     struct sigaction original {};
     ASSERT_EQ(sigaction(SIGUSR1, &previous, &original), 0);
     g_previousHandlerCalls = 0;

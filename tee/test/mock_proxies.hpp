@@ -25,32 +25,32 @@ inline ara::com::ServiceHandle TestHandle() {
     return ara::com::ServiceHandle("unix:path=/nonexistent", "kelvane.test.Service", "/test");
 }
 
-class MockDiagServicesProxy : public zelk::interfaces::diagservices::proxy::DiagServicesProxy {
+namespace diag = zelk::interfaces::diagservices;
+namespace typeid_access = zelk::interfaces::typeidaccess;
+using ara::core::Future;
+
+class MockDiagServicesProxy : public diag::proxy::DiagServicesProxy {
 public:
     MockDiagServicesProxy() : DiagServicesProxy(TestHandle()) {}
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetIdentityHashOutput>,
-                CallGetIdentityHash, (const Hash&), (override));
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetPssHashOutput>, CallGetPssHash,
-                (), (override));
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetTrainingCounterOutput>,
-                CallGetTrainingCounter, (), (override));
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::diagservices::GetZelkVINOutput>, CallGetZelkVIN,
-                (), (override));
-    MOCK_METHOD(ara::core::Future<void>, CallHandleDlc, (const std::vector<std::uint8_t>&),
+    MOCK_METHOD(Future<diag::GetIdentityHashOutput>, CallGetIdentityHash, (const Hash&),
                 (override));
+    MOCK_METHOD(Future<diag::GetPssHashOutput>, CallGetPssHash, (), (override));
+    MOCK_METHOD(Future<diag::GetTrainingCounterOutput>, CallGetTrainingCounter, (), (override));
+    MOCK_METHOD(Future<diag::GetZelkVINOutput>, CallGetZelkVIN, (), (override));
+    MOCK_METHOD(Future<void>, CallHandleDlc, (const std::vector<std::uint8_t>&), (override));
 };
 
-class MockTypeIdAccessProxy : public zelk::interfaces::typeidaccess::proxy::TypeIdAccessProxy {
+class MockTypeIdAccessProxy : public typeid_access::proxy::TypeIdAccessProxy {
 public:
     MockTypeIdAccessProxy() : TypeIdAccessProxy(TestHandle()) {}
-    MOCK_METHOD(ara::core::Future<zelk::interfaces::typeidaccess::GetCertificateOutput>,
-                CallGetCertificate, (std::uint16_t), (override));
+    MOCK_METHOD(Future<typeid_access::GetCertificateOutput>, CallGetCertificate, (std::uint16_t),
+                (override));
 };
 
 class MockGenericUDSServiceProxy : public ac::dm::genericuds::proxy::GenericUDSServiceProxy {
 public:
     MockGenericUDSServiceProxy() : GenericUDSServiceProxy(TestHandle()) {}
-    MOCK_METHOD(ara::core::Future<ac::dm::genericuds::HandleMessageOutput>, CallHandleMessage,
+    MOCK_METHOD(Future<ac::dm::genericuds::HandleMessageOutput>, CallHandleMessage,
                 (std::uint8_t, const std::vector<std::uint8_t>&), (override));
 };
 
@@ -71,8 +71,7 @@ auto Raises(Error error) {
     };
 }
 
-/// Stands in for service discovery: a test announces or withdraws the service,
-/// and each search started or stopped is noted in `journal` ("search <name>").
+/// Service discovery that a test drives; `journal` notes "search <name>" and "stop <name>".
 template <typename Proxy>
 class FakeDiscovery {
 public:
@@ -98,14 +97,14 @@ private:
     ara::com::FindServiceHandler<ara::com::ServiceHandle> handler_;
 };
 
-/// Walks an accessor through its life: `whileAbsent` runs before the service is
-/// found, then it comes and goes, a second search replaces the first; `lines` is all it logs.
-template <typename Accessor, typename Mock, typename... Arguments>
+/// An accessor's life: `whileAbsent`, the service comes and goes, a second search; `lines` logged.
+template <typename Accessor, typename... Arguments>
 void ExpectReadinessFollowsTheSearch(const std::vector<std::string>& lines,
                                      const std::function<void(Accessor&)>& whileAbsent,
                                      Arguments... arguments) {
+    using Proxy = typename Accessor::Proxy;
     std::vector<std::string> journal;
-    FakeDiscovery<typename Accessor::Proxy> discovery(std::make_shared<Mock>(), journal, "it");
+    FakeDiscovery<Proxy> discovery(std::make_shared<Proxy>(TestHandle()), journal, "it");
     csc_logging::LogCapture log;
     SCOPED_TRACE(lines.front());
     {

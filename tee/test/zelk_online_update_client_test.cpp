@@ -28,11 +28,8 @@ using csc_logging::LogLevel;
 using ::testing::StrictMock;
 using Bytes = std::vector<std::uint8_t>;
 using E = ClientError;
-namespace diag = zelk::interfaces::diagservices;
-namespace typeid_access = zelk::interfaces::typeidaccess;
 
-/// The client over its real accessors, their services behind fake discoveries
-/// and mock proxies, and a sleep that only records.
+/// The client over its real accessors, fake discoveries, mock proxies and a recording sleep.
 class ClientTest : public ::testing::Test {
 protected:
     ZELKOnlineUpdateClient::Dependencies Dependencies() {
@@ -66,17 +63,16 @@ TEST_F(ClientTest, EveryStatusMapsAsItsAccessorsTableSaysAndUnlistedOnesCountAsS
     const std::set<int> diagErrors = {1,  21, 23, 24, 28, 29, 30, 31, 32, 33,
                                       34, 35, 36, 40, 41, 42, 50, 51, 53, 54};
     const std::set<int> typeIdStoreErrors = {2, 20, 21, 22, 23, 27};
-    const auto listed = [](const std::set<int>& set, int status) { return set.count(status) != 0; };
     for (int status = 0; status <= 255; ++status) {
         const auto s = static_cast<std::uint8_t>(status);
-        const ClientError diag = status == 101                ? E::CLIENT_ERROR_NOT_READY
-                                 : status == 102              ? E::CLIENT_ERROR_TYPEID_ACCESS
-                                 : status == 103              ? E::CLIENT_ERROR_PARAMETER
-                                 : listed(diagErrors, status) ? E::CLIENT_ERROR_ZELK
-                                                              : E::CLIENT_OK;
+        const ClientError diag = status == 101                   ? E::CLIENT_ERROR_NOT_READY
+                                 : status == 102                 ? E::CLIENT_ERROR_TYPEID_ACCESS
+                                 : status == 103                 ? E::CLIENT_ERROR_PARAMETER
+                                 : diagErrors.count(status) != 0 ? E::CLIENT_ERROR_ZELK
+                                                                 : E::CLIENT_OK;
         const ClientError typeId = status == 101   ? E::CLIENT_ERROR_NOT_READY
                                    : status == 102 ? E::CLIENT_ERROR_PARAMETER
-                                   : listed(typeIdStoreErrors, status)
+                                   : typeIdStoreErrors.count(status) != 0
                                        ? E::CLIENT_ERROR_TYPEID_ACCESS
                                    : status == 50 || status == 51 ? E::CLIENT_ERROR_ZELK
                                                                   : E::CLIENT_OK;
@@ -273,7 +269,6 @@ std::atomic<int> signalsSeen{0};
 TEST(MonotonicSleepTest, SignalsDuringTheSleepDoNotEndItEarly) {
     struct sigaction action {};  // no SA_RESTART: the sleep sees EINTR
     action.sa_handler = [](int) { ++signalsSeen; };
-    sigemptyset(&action.sa_mask);
     // Left installed: a signal still in flight after the test must not end the process.
     ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
     const pthread_t sleeper = ::pthread_self();
