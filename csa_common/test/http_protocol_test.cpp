@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -167,6 +168,8 @@ TEST(HttpProtocolTest, ResponseSplitsIntoStatusHeaderAndPayloadAndUnknownCodesRe
         skipping.ParseResponse("HTTP/1.1 "s + code + " X\r\n\r\n");
         EXPECT_EQ(skipping.ResponseStatusCode(), status) << code;
     }
+    // A header of just "HTTP" is long enough to be read, and has no code to convert.
+    EXPECT_THROW(skipping.ParseResponse("HTTP\r\n\r\n"), std::invalid_argument);
 }
 
 TEST(HttpProtocolTest, TheTokenIsWipedFromEveryBlockBeforeItIsFreed) {
