@@ -222,12 +222,8 @@ bool BrokerRelay::Handshake() {
     }
     SSL* ssl = ssl_.get();
     SSL_set_fd(ssl, brokerFd_.Get());
-    if (IsAddressLiteral(host_)) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host_.c_str());
-    } else {
-        SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                 const_cast<char*>(host_.c_str()));
-        SSL_set1_host(ssl, host_.c_str());
+    if (!ExpectPeerName(ssl, host_)) {
+        return Fail("TLS: cannot expect the name '" + host_ + "': " + OpenSslError());
     }
     for (;;) {
         ERR_clear_error();

@@ -46,10 +46,16 @@ std::string VerifyReason(long result) {
     }
 }
 
-bool IsAddressLiteral(const std::string& host) {
+bool ExpectPeerName(SSL* ssl, const std::string& host) {
+    // Certificates name an address as an IP, never as a DNS name; SNI carries names only.
     unsigned char address[16];
-    return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
-           ::inet_pton(AF_INET6, host.c_str(), address) == 1;
+    if (::inet_pton(AF_INET, host.c_str(), address) == 1 ||
+        ::inet_pton(AF_INET6, host.c_str(), address) == 1) {
+        return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host.c_str()) == 1;
+    }
+    return SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                    const_cast<char*>(host.c_str())) == 1 &&
+           SSL_set1_host(ssl, host.c_str()) == 1;
 }
 
 int NoPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*user*/) {

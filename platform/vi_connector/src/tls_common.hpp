@@ -3,6 +3,7 @@
 
 #include <string>
 
+using SSL = struct ssl_st;
 using SSL_CTX = struct ssl_ctx_st;
 
 namespace vi_connector {
@@ -11,8 +12,9 @@ namespace vi_connector {
 std::string OpenSslError(const char* whenNone = "no detail");
 /// A certificate verification result as a log line names it.
 std::string VerifyReason(long result);
-/// True for an IPv4 or IPv6 address, which certificates name as an IP, not a DNS name.
-bool IsAddressLiteral(const std::string& host);
+/// Makes the handshake verify that the peer's certificate names `host`, and sends it as SNI
+/// when it is a name. False when OpenSSL cannot take it: the caller must not connect then.
+bool ExpectPeerName(SSL* ssl, const std::string& host);
 /// A passphrase callback that never prompts on a terminal: encrypted keys fail.
 int NoPassphrase(char* buffer, int size, int rwflag, void* user);
 

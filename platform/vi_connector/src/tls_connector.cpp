@@ -258,12 +258,8 @@ std::optional<std::string> TlsConnector::MakeSession(const std::string& host,
     }
     state.release();
     SSL_set_fd(ssl.get(), netFd);
-    if (IsAddressLiteral(host)) {
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl.get()), host.c_str());
-    } else {
-        SSL_ctrl(ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                 const_cast<char*>(host.c_str()));
-        SSL_set1_host(ssl.get(), host.c_str());
+    if (!ExpectPeerName(ssl.get(), host)) {
+        return "cannot expect the name '" + host + "': " + OpenSslError();
     }
     std::lock_guard<std::mutex> lock(sessionsMutex_);
     const auto found = sessions_.find(peer);

@@ -108,6 +108,21 @@ TEST(TlsPolicyTest, WeakSuitesAndBadCertificatesAreRefusedForBackendAndBrokerBef
                   accepted ? 0U : 1U)
             << log.Dump();
     }
+    // A host name is checked as a DNS name: localhost is in "server" only.
+    for (const std::string name : {"server", "other-name"}) {
+        ScriptedMqttBroker::Options options;
+        options.certFile = pki.File(name + ".pem");
+        options.keyFile = pki.File(name + ".key");
+        ScriptedMqttBroker backend(options);
+        csc_logging::LogCapture log;
+        const auto socket =
+            StartedConnector(pki, 1)->SocketConnect(kId, "localhost", backend.Port());
+        EXPECT_EQ(socket.status == 0, name == "server") << log.Dump();
+        EXPECT_EQ(log.Count(LogLevel::kError, "failed: name mismatch"), name == "server" ? 0U : 1U);
+        if (socket.fd >= 0) {
+            ::close(socket.fd);
+        }
+    }
     // A peer that resets the connection mid-handshake.
     ScriptedTcpServer resetter(ScriptedTcpServer::Script().ReceiveBytes(1));
     csc_logging::LogCapture log;
