@@ -213,7 +213,8 @@ void ScriptedMqttBroker::Play(Connection& connection) {
         std::string answer;
         bool last = type == kDisconnect;
         if (type == kConnect) {
-            v5 = packet[body + 6] == 5;  // the protocol level follows the name "MQTT"
+            // The protocol level follows the name "MQTT".
+            v5 = packet.size() > body + 6 && packet[body + 6] == 5;
             const bool refused = v5 && options_.onlyV311;  // unacceptable protocol version
             last = refused || options_.closeAfterConnack;
             answer = refused
